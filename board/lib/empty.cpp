@@ -1,0 +1,1 @@
+// A platform library of which the daemon only needs to be linked with.
