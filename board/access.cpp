@@ -1,0 +1,154 @@
+#include "access.h"
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace kelo {
+
+namespace {
+
+[[noreturn]] void fail(const std::string &what)
+{
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+bool sameFile(const struct stat &a, const struct stat &b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+/// Whether a process is the daemon itself: not a zombie, and run under its name.
+bool isDaemon(const std::string &proc)
+{
+    if (readFile(proc + "/cmdline").find("kelo-monitord") == std::string::npos)
+        return false;
+    const std::string stat = readFile(proc + "/stat");
+    const size_t state = stat.rfind(") ");
+    return state != std::string::npos && stat[state + 2] != 'Z';
+}
+
+} // namespace
+
+std::string Access::path(const std::string &boardPath) const
+{
+    const std::string prefix =
+        place_.isolated ? "/proc/" + std::to_string(place_.holder) + "/root" : "";
+    return prefix + place_.root + boardPath;
+}
+
+void Access::put(const std::string &boardPath, const std::string &text) const
+{
+    const std::string target = path(boardPath);
+    const std::string temporary = target + ".new";
+    {
+        const Descriptor file(
+            open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        if (!file || write(file.get(), text.data(), text.size()) != ssize_t(text.size()))
+            fail("cannot write the board's " + boardPath);
+    }
+    if (rename(temporary.c_str(), target.c_str()) < 0)
+        fail("cannot write the board's " + boardPath);
+}
+
+void Access::setLaser(const std::string &dbm) const
+{
+    put("/board/laser_rx_dbm", dbm + "\n");
+}
+
+void Access::setGpon(int state) const
+{
+    put("/board/gpon_state", std::to_string(state) + "\n");
+}
+
+void Access::setPort(int port, unsigned long long in, unsigned long long out) const
+{
+    put("/board/ports/" + std::to_string(port),
+        std::to_string(in) + " " + std::to_string(out) + "\n");
+}
+
+void Access::removePort(int port) const
+{
+    std::filesystem::remove(path("/board/ports/" + std::to_string(port)));
+}
+
+void Access::setButton(int value) const
+{
+    put("/proc/tc3162/reset_button", std::to_string(value) + "\n");
+}
+
+void Access::writeKeyword(const std::string &text) const
+{
+    const Descriptor pipe(
+        open(path("/var/run/kelo-monitord.display").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!pipe || write(pipe.get(), text.data(), text.size()) != ssize_t(text.size()))
+        fail("cannot write into the display pipe");
+}
+
+std::optional<std::string> Access::stored(const std::string &node,
+                                          const std::string &attribute) const
+{
+    std::ifstream file(path("/board/store/" + node + "/" + attribute));
+    std::string value;
+    if (!file || !std::getline(file, value))
+        return std::nullopt;
+    return value;
+}
+
+std::vector<std::string> Access::inside(const std::vector<std::string> &command) const
+{
+    std::vector<std::string> result;
+    if (place_.isolated) {
+        result = {"nsenter", "--target", std::to_string(place_.holder),
+                  "--mount", "--net",    "--pid"};
+        if (geteuid() != 0)
+            result.insert(result.end(), {"--user", "--preserve-credentials"});
+        result.push_back("--");
+    }
+    result.insert(result.end(), command.begin(), command.end());
+    return result;
+}
+
+std::vector<std::string> Access::insideRoot(const std::vector<std::string> &command) const
+{
+    std::vector<std::string> result{"chroot", place_.root};
+    result.insert(result.end(), command.begin(), command.end());
+    return inside(result);
+}
+
+Result Access::exec(const std::vector<std::string> &command) const
+{
+    return run(inside(command));
+}
+
+std::optional<pid_t> Access::daemon() const
+{
+    struct stat root;
+    if (stat(path("/").c_str(), &root) < 0)
+        return std::nullopt;
+    // A child that the daemon forked has its name too, and a higher number.
+    std::optional<pid_t> found;
+    std::error_code ignored;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc", ignored)) {
+        const std::string proc = entry.path();
+        const pid_t pid = atoi(entry.path().filename().c_str());
+        struct stat itsRoot;
+        if (pid > 0 && (!found || pid < *found) && stat((proc + "/root/").c_str(), &itsRoot) == 0 &&
+            sameFile(itsRoot, root) && isDaemon(proc))
+            found = pid;
+    }
+    return found;
+}
+
+bool Access::signalDaemon(int signal) const
+{
+    const std::optional<pid_t> pid = daemon();
+    return pid && kill(*pid, signal) == 0;
+}
+
+} // namespace kelo

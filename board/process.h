@@ -1,0 +1,73 @@
+/// Programs that the board starts: util-linux, iproute2 and the daemon itself.
+
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace kelo {
+
+/// A file descriptor that closes itself; -1 is none.
+class Descriptor {
+public:
+    Descriptor() = default;
+    explicit Descriptor(int fd) : fd_(fd) {}
+    Descriptor(Descriptor &&other) noexcept : fd_(other.release()) {}
+    Descriptor &operator=(Descriptor &&other) noexcept
+    {
+        reset(other.release());
+        return *this;
+    }
+    ~Descriptor() { reset(); }
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    void reset(int fd = -1);
+    int release();
+
+private:
+    int fd_ = -1;
+};
+
+struct Pipe {
+    Descriptor read;
+    Descriptor write;
+};
+
+/// A pipe, close-on-exec, with further pipe2(2) flags. Throws std::system_error.
+Pipe makePipe(int flags = 0);
+
+/// Standard descriptors of a program; -1 leaves the caller's.
+struct Streams {
+    int in = -1;
+    int out = -1;
+    int err = -1;
+};
+
+/// Starts a program, found through PATH. Throws std::system_error when it cannot be started.
+pid_t spawn(const std::vector<std::string> &command, const Streams &streams);
+
+/// Starts a program that the terminal's Ctrl-C does not reach, with an environment of its own
+/// unless that is empty.
+pid_t spawnApart(const std::vector<std::string> &command, const Streams &streams,
+                 const std::vector<std::string> &environment = {});
+
+/// Waits for a child's end; its exit status, or 128 and the signal's number as a shell has it.
+int waitFor(pid_t child);
+
+struct Result {
+    int status;
+    std::string output; ///< standard output and standard error together
+};
+
+/// Runs a program to its end.
+Result run(const std::vector<std::string> &command);
+
+/// Everything up to the end of a descriptor.
+std::string readAll(int fd);
+
+/// A whole file, empty when it cannot be read.
+std::string readFile(const std::string &path);
+
+} // namespace kelo
