@@ -1,0 +1,68 @@
+# What every script here begins with: source it, then call install_packages and build.
+
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+# A bare tree that somebody entered with chroot may lack these; they end with this script.
+if [ ! -e /proc/self/stat ] || [ ! -e /dev/pts/ptmx ]; then
+    if [ "$(id -u)" -eq 0 ] && [ -z "${KELO_MOUNTED:-}" ]; then
+        exec env KELO_MOUNTED=1 unshare --mount bash -c '
+            [ -e /proc/self/stat ] || mount -t proc proc /proc
+            mkdir -p /dev/pts
+            [ -e /dev/pts/ptmx ] || mount -t devpts -o newinstance,ptmxmode=0666 devpts /dev/pts
+            [ -e /dev/ptmx ] || ln -s pts/ptmx /dev/ptmx
+            exec bash "$@"' bash "$0" "$@"
+    fi
+fi
+
+# say TEXT: what the script is doing now.
+say()
+{
+    printf '== %s\n' "$*" >&2
+}
+
+# install_packages NAME...: installs the Debian packages that are missing.
+install_packages()
+{
+    local missing=() name
+    for name in "$@"; do
+        dpkg-query -W -f '${db:Status-Abbrev}' "$name" 2> /dev/null | grep -q '^ii' ||
+            missing+=("$name")
+    done
+    [ ${#missing[@]} -gt 0 ] || return 0
+    say "installing ${missing[*]}"
+    local as_root=()
+    [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+    local log
+    log=$(mktemp)
+    if ! { "${as_root[@]}" apt-get update &&
+        "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+            apt-get install -y --no-install-recommends "${missing[@]}"; } > "$log" 2>&1; then
+        tail -n 20 "$log" >&2
+        say "apt-get failed, see $log"
+        exit 1
+    fi
+    rm -f "$log"
+}
+
+# What building and running the board needs.
+build_packages=(g++ cmake ninja-build libevent-dev libgtest-dev libgmock-dev libcli11-dev libncurses-dev
+    busybox-static iproute2 util-linux mount)
+
+# What the tests need beside that.
+test_packages=(binutils procps tmux strace)
+
+# build PRESET: configures and builds it.
+build()
+{
+    say "building $1"
+    local folder=build log
+    [ "$1" = release ] || folder=build/$1
+    mkdir -p "$folder"
+    log=$folder/build.log
+    if ! { cmake --preset "$1" && cmake --build "$folder"; } > "$log" 2>&1; then
+        grep -E -A 20 'error|Error|FAILED' "$log" | head -n 60 >&2 || tail -n 40 "$log" >&2
+        say "the build failed, see $log"
+        exit 1
+    fi
+}
