@@ -1,0 +1,115 @@
+#include "netlink.h"
+
+#include "journal.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <linux/netlink.h>
+#include <net/if.h>
+#include <sys/socket.h>
+
+using fakes::misuse;
+using fakes::netlink;
+using fakes::note;
+
+namespace {
+
+// What would be the kernel's answer when another socket or a socket option is asked for.
+int given(int result)
+{
+    if (result < 0)
+        errno = EPERM;
+    return result;
+}
+
+bool isZero(const void *bytes, size_t size)
+{
+    const auto *const first = static_cast<const unsigned char *>(bytes);
+    return std::all_of(first, first + size, [](unsigned char byte) { return byte == 0; });
+}
+
+} // namespace
+
+fakes::Netlink &fakes::netlink()
+{
+    static auto &instance = *new Netlink; // outlives every other static object
+    return instance;
+}
+
+extern "C" {
+
+int __wrap_socket(int domain, int type, int protocol)
+{
+    note("socket %d 0x%x %d", domain, static_cast<unsigned>(type), protocol);
+    return given(netlink().socketResult);
+}
+
+int __wrap_setsockopt(int fd, int level, int option, const void *value, socklen_t length)
+{
+    int number = 0;
+    if (length != sizeof number)
+        misuse("setsockopt with a value that is no int");
+    memcpy(&number, value, sizeof number);
+    note("setsockopt fd=%d %d %d %d", fd, level, option, number);
+    return given(netlink().setsockoptResult);
+}
+
+int __wrap_bind(int fd, const sockaddr *address, socklen_t length)
+{
+    sockaddr_nl local = {};
+    if (length != sizeof local)
+        misuse("bind to an address that is no sockaddr_nl");
+    memcpy(&local, address, sizeof local);
+    note("bind fd=%d family=%d pad=%d pid=%u groups=0x%x", fd, local.nl_family, local.nl_pad,
+         local.nl_pid, local.nl_groups);
+    return given(netlink().bindResult);
+}
+
+int __wrap_getsockname(int fd, sockaddr *address, socklen_t *length)
+{
+    note("getsockname fd=%d room=%u", fd, *length);
+    if (!isZero(address, 16))
+        misuse("getsockname with a name area that is not zeroed");
+    *length = sizeof(sockaddr_nl); // what the kernel would have stored
+    return given(netlink().getsocknameResult);
+}
+
+ssize_t __wrap_recvmsg(int fd, msghdr *message, int flags)
+{
+    note("recvmsg fd=%d flags=%d", fd, flags);
+    if (message->msg_iovlen != 1 || message->msg_iov->iov_len != fakes::datagramRoom ||
+        !isZero(message->msg_iov->iov_base, fakes::datagramRoom))
+        misuse("recvmsg into other than one zeroed area of 16400 bytes");
+    if (message->msg_namelen != 16 || !isZero(message->msg_name, 16))
+        misuse("recvmsg into other than a zeroed name area of 16 bytes");
+    if (message->msg_control || message->msg_controllen != 0 || message->msg_flags != 0)
+        misuse("recvmsg with a control area or flags");
+    if (netlink().receptions.empty()) {
+        errno = EAGAIN;
+        return -1;
+    }
+    const fakes::Reception reception = std::move(netlink().receptions.front());
+    netlink().receptions.pop_front();
+    message->msg_flags = reception.flags;
+    if (reception.error != 0) {
+        errno = reception.error;
+        return -1;
+    }
+    const size_t length = std::min(reception.bytes.size(), fakes::datagramRoom);
+    if (length > 0)
+        memcpy(message->msg_iov->iov_base, reception.bytes.data(), length);
+    return static_cast<ssize_t>(length);
+}
+
+char *__wrap_if_indextoname(unsigned index, char *name)
+{
+    const auto found = netlink().names.find(index);
+    if (found == netlink().names.end()) {
+        errno = ENXIO;
+        return nullptr;
+    }
+    strncpy(name, found->second.c_str(), IF_NAMESIZE - 1);
+    return name;
+}
+}

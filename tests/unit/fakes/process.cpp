@@ -1,0 +1,67 @@
+#include "process.h"
+
+#include "journal.h"
+
+#include <cstdio>
+
+namespace fakes {
+
+Process &process()
+{
+    static Process &instance = *new Process; // outlives every other static object
+    return instance;
+}
+
+} // namespace fakes
+
+using fakes::note;
+using fakes::process;
+
+extern "C" {
+
+pid_t __wrap_fork()
+{
+    note("fork");
+    return process().forkResult;
+}
+
+mode_t __wrap_umask(mode_t mask)
+{
+    note("umask %03o", mask);
+    return 022;
+}
+
+pid_t __wrap_setsid()
+{
+    note("setsid");
+    return process().setsidResult;
+}
+
+int __wrap_chdir(const char *path)
+{
+    note("chdir %s", path);
+    return process().chdirResult;
+}
+
+int __wrap_system(const char *command)
+{
+    note("system %s", command);
+    return process().systemResult;
+}
+
+[[noreturn]] void __wrap_exit(int status)
+{
+    note("exit %d", status);
+    throw fakes::Exit{status};
+}
+
+int __real_fputs(const char *text, FILE *stream);
+
+int __wrap_fputs(const char *text, FILE *stream)
+{
+    if (stream != stderr)
+        return __real_fputs(text, stream);
+    note("stderr %s", text);
+    return process().fputsResult;
+}
+}

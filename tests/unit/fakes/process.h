@@ -1,0 +1,25 @@
+/// The calls that start, detach and end processes, without effect: they are noted in the journal
+/// and give the results chosen here. exit(3) leaves the code under test by throwing Exit.
+
+#pragma once
+
+#include <sys/types.h>
+
+namespace fakes {
+
+struct Exit {
+    int status;
+};
+
+struct Process {
+    pid_t forkResult = 4711;
+    pid_t setsidResult = 4711;
+    int chdirResult = 0;
+    int systemResult = -1; // nobody looks at it
+    /// What fputs(3) to standard error returns.
+    int fputsResult = 1;
+};
+
+Process &process();
+
+} // namespace fakes
