@@ -97,10 +97,10 @@ ipaddr_entry *ipaddr_find(uint32_t ifindex, uint8_t family, const void *addr, ui
 }
 
 void ipaddr_log(const char *action, const char *ifname, uint32_t ifindex, uint8_t family,
-                const void *addr, uint8_t prefixlen)
+                const AddressText &addr, uint8_t prefixlen)
 {
-    KELO_LOG("%s %s address %s/%d on %s(%d)", action, familyWord(family),
-             addressText(family, addr).text, prefixlen, ifname, ifindex);
+    KELO_LOG("%s %s address %s/%d on %s(%d)", action, familyWord(family), addr.text, prefixlen,
+             ifname, ifindex);
 }
 
 int ipaddr_insert(uint32_t ifindex, uint8_t family, const void *addr, uint8_t prefixlen)
@@ -108,8 +108,9 @@ int ipaddr_insert(uint32_t ifindex, uint8_t family, const void *addr, uint8_t pr
     if (ipaddr_find(ifindex, family, addr, prefixlen))
         return 0;
     const InterfaceName current = interfaceName(ifindex);
-    ipaddr_log("New", current.name, ifindex, family, addr, prefixlen);
-    platform_ipinfo_ip(1, current.name, family, addr, addressText(family, addr).text, prefixlen);
+    const AddressText text = addressText(family, addr);
+    ipaddr_log("New", current.name, ifindex, family, text, prefixlen);
+    platform_ipinfo_ip(1, current.name, family, addr, text.text, prefixlen);
     auto *const entry = static_cast<ipaddr_entry *>(calloc(1, sizeof(ipaddr_entry)));
     if (!entry) {
         KELO_LOG("Failed to allocate memory");
@@ -129,10 +130,9 @@ int ipaddr_remove(uint32_t ifindex, uint8_t family, const void *addr, uint8_t pr
     ipaddr_entry *const entry = ipaddr_find(ifindex, family, addr, prefixlen);
     if (!entry)
         return 0;
-    platform_ipinfo_ip(0, entry->ifname, entry->family, entry->addr,
-                       addressText(entry->family, entry->addr).text, entry->prefixlen);
-    // The caller's address may be the record's own, so the record goes last.
-    ipaddr_log("Removed", entry->ifname, entry->ifindex, family, addr, prefixlen);
+    const AddressText text = addressText(family, addr);
+    platform_ipinfo_ip(0, entry->ifname, entry->family, entry->addr, text.text, entry->prefixlen);
+    ipaddr_log("Removed", entry->ifname, entry->ifindex, family, text, prefixlen);
     LIST_REMOVE(entry, entries);
     free(entry);
     return 1;
@@ -157,15 +157,15 @@ route_entry *route_find(uint32_t ifindex, uint8_t family, const void *dst, uint8
     return entry;
 }
 
+/// A null destination is a default route.
 void route_log(const char *action, const char *ifname, uint32_t ifindex, uint8_t family,
-               const void *dst, uint8_t dst_len, const void *gw)
+               const AddressText *dst, uint8_t dst_len, const AddressText &gw)
 {
-    const AddressText gwText = addressText(family, gw);
     if (dst)
-        KELO_LOG("%s %s route %s/%d via %s on %s(%d)", action, familyWord(family),
-                 addressText(family, dst).text, dst_len, gwText.text, ifname, ifindex);
+        KELO_LOG("%s %s route %s/%d via %s on %s(%d)", action, familyWord(family), dst->text,
+                 dst_len, gw.text, ifname, ifindex);
     else
-        KELO_LOG("%s %s default route via %s on %s(%d)", action, familyWord(family), gwText.text,
+        KELO_LOG("%s %s default route via %s on %s(%d)", action, familyWord(family), gw.text,
                  ifname, ifindex);
 }
 
@@ -174,9 +174,10 @@ int route_insert(uint32_t ifindex, uint8_t family, const void *dst, uint8_t dst_
     if (route_find(ifindex, family, dst, dst_len, gw))
         return 0;
     const InterfaceName current = interfaceName(ifindex);
-    route_log("New", current.name, ifindex, family, dst, dst_len, gw);
-    platform_ipinfo_route(1, current.name, family, dst, addressText(family, dst).text, dst_len, gw,
-                          addressText(family, gw).text);
+    const AddressText dstText = addressText(family, dst);
+    const AddressText gwText = addressText(family, gw);
+    route_log("New", current.name, ifindex, family, dst ? &dstText : nullptr, dst_len, gwText);
+    platform_ipinfo_route(1, current.name, family, dst, dstText.text, dst_len, gw, gwText.text);
     auto *const entry = static_cast<route_entry *>(calloc(1, sizeof(route_entry)));
     if (!entry) {
         KELO_LOG("Failed to allocate memory");
@@ -201,11 +202,12 @@ int route_remove(uint32_t ifindex, uint8_t family, const void *dst, uint8_t dst_
         return 0;
     // The hook always gets the record's own destination, also for a default route, which the hook
     // therefore does not recognise as one: deliberate, the gateway stays published.
-    platform_ipinfo_route(0, entry->ifname, entry->family, entry->dst,
-                          addressText(entry->family, dst ? entry->dst : nullptr).text,
-                          entry->dst_len, entry->gw,
-                          addressText(entry->family, gw ? entry->gw : nullptr).text);
-    route_log("Removed", entry->ifname, entry->ifindex, family, dst, dst_len, gw);
+    const AddressText dstText = addressText(family, dst);
+    const AddressText gwText = addressText(family, gw);
+    platform_ipinfo_route(0, entry->ifname, entry->family, entry->dst, dstText.text, entry->dst_len,
+                          entry->gw, gwText.text);
+    route_log("Removed", entry->ifname, entry->ifindex, family, dst ? &dstText : nullptr, dst_len,
+              gwText);
     LIST_REMOVE(entry, entries);
     free(entry);
     return 1;
@@ -345,7 +347,12 @@ bool handleMessage(const nlmsghdr *message)
 
 void ipinfo_netlink_recv(int fd, short, void *)
 {
-    Datagram datagram = {};
+    // All zeros at every receive. Clearing what the last one left does that, and the pages that no
+    // datagram reaches never become the daemon's own.
+    static Datagram datagram;
+    static size_t filled;
+    memset(datagram.bytes, 0, filled);
+    filled = 0;
     sockaddr_nl name = {};
     socklen_t nameLength = 0;
     // Descriptor 0 counts as invalid too, deliberately.
@@ -369,6 +376,7 @@ void ipinfo_netlink_recv(int fd, short, void *)
         KELO_LOG("Failed to receive netlink msg (%d)", received);
         return;
     }
+    filled = static_cast<size_t>(received);
     if (header.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) {
         KELO_LOG("Netlink msg_trunc (%d)", header.msg_flags);
         return;
