@@ -23,14 +23,26 @@ bool sameFile(const struct stat &a, const struct stat &b)
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
+/// The fields of /proc/PID/stat from the third on: state, parent, ...; see proc(5).
+std::string statFields(const std::string &proc)
+{
+    const std::string stat = readFile(proc + "/stat");
+    const size_t name = stat.rfind(") ");
+    return name == std::string::npos ? "" : stat.substr(name + 2);
+}
+
 /// Whether a process is the daemon itself: not a zombie, and run under its name.
 bool isDaemon(const std::string &proc)
 {
-    if (readFile(proc + "/cmdline").find("kelo-monitord") == std::string::npos)
-        return false;
-    const std::string stat = readFile(proc + "/stat");
-    const size_t state = stat.rfind(") ");
-    return state != std::string::npos && stat[state + 2] != 'Z';
+    const std::string fields = statFields(proc);
+    return !fields.empty() && fields[0] != 'Z' &&
+           readFile(proc + "/cmdline").find("kelo-monitord") != std::string::npos;
+}
+
+pid_t parentOf(pid_t pid)
+{
+    const std::string fields = statFields("/proc/" + std::to_string(pid));
+    return fields.empty() ? -1 : atoi(fields.c_str() + 2);
 }
 
 } // namespace
@@ -148,7 +160,13 @@ std::optional<pid_t> Access::daemon() const
 bool Access::signalDaemon(int signal) const
 {
     const std::optional<pid_t> pid = daemon();
-    return pid && kill(*pid, signal) == 0;
+    if (!pid || kill(*pid, signal) != 0)
+        return false;
+    // nsenter(1) stops with its child and does not see it go on.
+    const std::string parent = std::to_string(parentOf(*pid));
+    if (signal == SIGCONT && readFile("/proc/" + parent + "/comm") == "nsenter\n")
+        kill(atoi(parent.c_str()), SIGCONT);
+    return true;
 }
 
 } // namespace kelo

@@ -110,8 +110,9 @@ Board::Board(const Options &options) : Access(Place{}), environment_(options.env
 
     Holder holder = startHolder(rootfs, true);
     if (holder.place.root.empty()) {
-        const std::string reason = holder.complaint + advice();
-        if (geteuid() != 0)
+        const bool refused = holder.complaint.starts_with("unshare:");
+        const std::string reason = holder.complaint + (refused ? advice() : "");
+        if (geteuid() != 0 || !refused)
             throw std::runtime_error(reason);
         fprintf(stderr,
                 "%s\ngoing on without: in a plain chroot, on this machine's network, which "
@@ -158,14 +159,21 @@ Board::~Board()
     holderInput_.reset(); // ends the holder, and with it everything in its namespaces
     if (unshare_ > 0)
         waitFor(unshare_);
-    if (child_ > 0)
+    if (child_ > 0) {
+        kill(child_, SIGCONT); // nsenter(1), if the daemon was stopped
         waitFor(child_);
+    }
 }
 
 void Board::startDaemon(const std::vector<std::string> &arguments)
 {
     std::vector<std::string> command{"/usr/sbin/kelo-monitord"};
     command.insert(command.end(), arguments.begin(), arguments.end());
+    startBy(command);
+}
+
+void Board::startBy(const std::vector<std::string> &command)
+{
     const Descriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
     {
         const std::lock_guard lock(mutex_);

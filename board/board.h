@@ -63,6 +63,8 @@ public:
 
     /// Starts the daemon on the board.
     void startDaemon(const std::vector<std::string> &arguments = {});
+    /// Starts the daemon by another command on the board, such as a shell that prepares something.
+    void startBy(const std::vector<std::string> &command);
     /// Ends the daemon with a signal, if it runs, and waits until it is gone.
     void stopDaemon();
 

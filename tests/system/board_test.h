@@ -1,0 +1,176 @@
+/// A board of its own for every system test, and words for what is to be seen on it.
+
+#pragma once
+
+#include "board.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+
+using namespace std::chrono_literals;
+using kelo::Event;
+using kelo::EventKind;
+
+class BoardTest : public testing::Test {
+protected:
+    /// Longer than anything takes on a busy machine; every wait ends as soon as it may.
+    static constexpr auto deadline = 20s;
+
+    kelo::Board board;
+
+    /// What happened before this number of events does not count for `sees` and the like.
+    size_t from = 0;
+    void fromNow() { from = board.mark(); }
+
+    /// Starts the daemon and waits until it is through its start: the display has drawn.
+    void start(const std::vector<std::string> &arguments = {})
+    {
+        fromNow();
+        board.startDaemon(arguments);
+        ASSERT_TRUE(draws(2));
+    }
+
+    /// Waits until an event of this kind satisfies the condition.
+    testing::AssertionResult sees(EventKind kind,
+                                  const std::function<bool(const std::string &)> &condition,
+                                  const std::string &what)
+    {
+        const bool seen = board.waitUntil(
+            [&](const std::vector<Event> &events) {
+                for (size_t i = from; i < events.size(); i++) {
+                    if (events[i].kind == kind && condition(events[i].text))
+                        return true;
+                }
+                return false;
+            },
+            deadline);
+        if (seen)
+            return testing::AssertionSuccess();
+        auto failure = testing::AssertionFailure() << "never saw " << what << " but:";
+        for (const Event &event : board.events(from))
+            failure << "\n  " << kindName(event.kind) << " " << event.text;
+        return failure;
+    }
+
+    testing::AssertionResult sees(EventKind kind, const std::string &text)
+    {
+        return sees(
+            kind, [&](const std::string &seen) { return seen == text; },
+            std::string(kindName(kind)) + " " + text);
+    }
+
+    /// Waits for a log record that contains this text.
+    testing::AssertionResult logs(const std::string &text)
+    {
+        return sees(
+            EventKind::Log,
+            [&](const std::string &seen) { return seen.find(text) != std::string::npos; },
+            "a log record with " + text);
+    }
+
+    /// How many events of a kind contain a text so far.
+    size_t count(EventKind kind, const std::string &text = "")
+    {
+        size_t result = 0;
+        for (const Event &event : board.events(from))
+            result += event.kind == kind && event.text.find(text) != std::string::npos;
+        return result;
+    }
+
+    /// Waits for this many LED frames.
+    testing::AssertionResult draws(size_t frames)
+    {
+        return board.waitUntil(
+                   [&](const std::vector<Event> &events) { return framesIn(events) >= frames; },
+                   deadline)
+                   ? testing::AssertionSuccess()
+                   : testing::AssertionFailure() << "the LEDs were not drawn often enough";
+    }
+
+    /// The LED frames drawn, in order.
+    std::vector<std::string> frames()
+    {
+        std::vector<std::string> result;
+        for (const Event &event : board.events(from)) {
+            if (event.kind == EventKind::Leds)
+                result.push_back(event.text);
+        }
+        return result;
+    }
+
+    /// Waits until these frames were drawn one after the other.
+    testing::AssertionResult plays(const std::vector<std::string> &pattern)
+    {
+        const auto end = kelo::Clock::now() + deadline;
+        for (;;) {
+            const std::vector<std::string> drawn = frames();
+            if (std::search(drawn.begin(), drawn.end(), pattern.begin(), pattern.end()) !=
+                drawn.end())
+                return testing::AssertionSuccess();
+            const size_t known = drawn.size();
+            if (kelo::Clock::now() > end ||
+                !board.waitUntil(
+                    [&](const std::vector<Event> &events) { return framesIn(events) > known; },
+                    deadline)) {
+                auto failure = testing::AssertionFailure() << "drawn instead:";
+                for (const std::string &frame : drawn)
+                    failure << " " << frame;
+                return failure;
+            }
+        }
+    }
+
+    /// The median time between frames drawn from now on.
+    kelo::Clock::duration interval(size_t frameCount)
+    {
+        fromNow();
+        EXPECT_TRUE(draws(frameCount + 1));
+        std::vector<kelo::Clock::duration> steps;
+        kelo::Clock::time_point last;
+        bool first = true;
+        for (const Event &event : board.events(from)) {
+            if (event.kind != EventKind::Leds)
+                continue;
+            if (!first)
+                steps.push_back(event.time - last);
+            first = false;
+            last = event.time;
+        }
+        std::sort(steps.begin(), steps.end());
+        return steps[steps.size() / 2];
+    }
+
+    /// Runs a command in the board's network and expects it to succeed.
+    void ip(const std::string &arguments)
+    {
+        const kelo::Result result = board.exec({"sh", "-c", "ip " + arguments});
+        ASSERT_EQ(0, result.status) << "ip " << arguments << ": " << result.output;
+    }
+
+    /// What the store holds; "(unset)" before it was set.
+    std::string stored(const std::string &attribute)
+    {
+        return board.stored("Kelo_Ipv6Status", attribute).value_or("(unset)");
+    }
+
+    /// Waits until the daemon has handled all network changes so far: one more comes through.
+    void settle()
+    {
+        const std::string address = "192.0.2." + std::to_string(++settled_);
+        ip("addr add " + address + "/32 dev lo");
+        ASSERT_TRUE(logs("New IPv4 address " + address));
+    }
+
+private:
+    size_t framesIn(const std::vector<Event> &events) const
+    {
+        size_t result = 0;
+        for (size_t i = from; i < events.size(); i++)
+            result += events[i].kind == EventKind::Leds;
+        return result;
+    }
+
+    int settled_ = 0;
+};

@@ -1,0 +1,180 @@
+// The board itself, before the daemon is blamed for anything: it leaves nothing behind however it
+// ends, and the program is linked as the device needs it.
+
+#include "board_test.h"
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sys/mount.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+/// kelo-board as a program of its own.
+class Program : public testing::Test {
+protected:
+    const std::string name = "selftest-" + std::to_string(getpid());
+    kelo::Pipe output = kelo::makePipe();
+    pid_t program = -1;
+
+    void up(std::vector<std::string> prefix = {})
+    {
+        prefix.insert(prefix.end(), {KELO_BOARD_PROGRAM, "up", name});
+        program = kelo::spawnApart(prefix, {-1, output.write.get(), output.write.get()});
+        output.write.reset();
+    }
+
+    /// Reads the program's output until it contains a text.
+    testing::AssertionResult prints(const std::string &text)
+    {
+        std::string seen;
+        char buffer[4096];
+        ssize_t length;
+        while ((length = read(output.read.get(), buffer, sizeof buffer)) > 0) {
+            seen.append(buffer, static_cast<size_t>(length));
+            if (seen.find(text) != std::string::npos)
+                return testing::AssertionSuccess();
+        }
+        return testing::AssertionFailure() << "printed instead: " << seen;
+    }
+
+    /// The processes in whose command line a text is.
+    static std::vector<std::string> processesWith(const std::string &text)
+    {
+        std::vector<std::string> result;
+        for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
+            std::string line = kelo::readFile(entry.path() / "cmdline");
+            std::replace(line.begin(), line.end(), '\0', ' ');
+            if (line.find(text) != std::string::npos)
+                result.push_back(line);
+        }
+        return result;
+    }
+
+    /// The network namespaces in which a process of this machine lives.
+    static bool namespaceLives(const std::string &link)
+    {
+        for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
+            std::error_code none;
+            if (std::filesystem::read_symlink(entry.path() / "ns/net", none) == link)
+                return true;
+        }
+        return false;
+    }
+
+    static testing::AssertionResult within(const std::function<bool()> &condition)
+    {
+        const auto end = kelo::Clock::now() + 20s;
+        while (!condition()) {
+            if (kelo::Clock::now() > end)
+                return testing::AssertionFailure() << "not in time";
+            std::this_thread::sleep_for(10ms);
+        }
+        return testing::AssertionSuccess();
+    }
+
+    /// The board's namespace, by the daemon that runs in it.
+    std::string boardsNamespace()
+    {
+        const kelo::Result holder = kelo::run(
+            {KELO_BOARD_PROGRAM, "--board", name, "exec", "--", "readlink", "/proc/self/ns/net"});
+        EXPECT_EQ(0, holder.status) << holder.output;
+        return holder.output.substr(0, holder.output.find('\n'));
+    }
+
+    std::string mountsBefore = kelo::readFile("/proc/self/mounts");
+};
+
+class EndOfProgram : public Program, public testing::WithParamInterface<int> {};
+
+TEST_P(EndOfProgram, LeavesNothingBehind)
+{
+    up();
+    ASSERT_TRUE(prints("snapshot"));
+    const std::string network = boardsNamespace();
+    ASSERT_TRUE(namespaceLives(network));
+    kill(program, GetParam());
+    const int status = kelo::waitFor(program);
+    EXPECT_EQ(GetParam() == SIGKILL ? 128 + SIGKILL : 0, status);
+    EXPECT_TRUE(within([&] { return !namespaceLives(network); }));
+    EXPECT_EQ(mountsBefore, kelo::readFile("/proc/self/mounts"));
+    const kelo::Result gone = kelo::run({KELO_BOARD_PROGRAM, "--board", name, "mode", "none"});
+    EXPECT_EQ(1, gone.status);
+    EXPECT_NE(std::string::npos, gone.output.find("no board named")) << gone.output;
+}
+
+INSTANTIATE_TEST_SUITE_P(By, EndOfProgram, testing::Values(SIGINT, SIGTERM, SIGHUP, SIGKILL),
+                         [](const auto &test) { return sigabbrev_np(test.param); });
+
+TEST_F(Program, RunsForAnOrdinaryUserOrSaysWhatIsMissing)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "this is an ordinary user already";
+    const std::vector<std::string> nobody{"setpriv", "--reuid=65534", "--regid=65534",
+                                          "--clear-groups"};
+    std::vector<std::string> probe = nobody;
+    probe.insert(probe.end(), {"unshare", "--user", "--map-root-user", "true"});
+    const bool allowed = kelo::run(probe).status == 0;
+    std::vector<std::string> reach = nobody;
+    reach.insert(reach.end(), {"test", "-x", KELO_BOARD_PROGRAM});
+    ASSERT_EQ(0, kelo::run(reach).status) << "the build folder is closed to other users";
+    up(nobody);
+    if (allowed) {
+        EXPECT_TRUE(prints("snapshot"));
+        kill(program, SIGINT);
+        EXPECT_EQ(0, kelo::waitFor(program));
+    } else {
+        EXPECT_TRUE(prints("run as root"));
+        EXPECT_EQ(1, kelo::waitFor(program));
+    }
+}
+
+TEST_F(Program, WithoutTheRightToNamespacesRootGetsAPlainBoard)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root";
+    up({"setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin"});
+    ASSERT_TRUE(prints("snapshot"));
+    const std::string root = [&] {
+        for (const std::string &line : processesWith("board-init plain"))
+            return line;
+        return std::string();
+    }();
+    EXPECT_NE("", root);
+    kill(program, SIGKILL);
+    kelo::waitFor(program);
+    EXPECT_TRUE(within([&] { return processesWith("board-init plain").empty(); }));
+}
+
+TEST(Link, DaemonNeedsTheSixPlatformLibrariesLibeventAndLibcOnly)
+{
+    const std::vector<std::string> expected{
+        "libapi_lib_switchmgr.so", "libapi_libbsp_fe.so", "libc.so.6",      "libcfg_clisvc.so",
+        "libevent_core-2.1.so.7",  "libkelosyscfg.so",    "liblauncher.so", "libtcapi.so"};
+    const kelo::Result needed = kelo::run({"sh", "-c",
+                                           "readelf -d " KELO_DAEMON
+                                           " | sed -n 's/.*NEEDED.*\\[\\(.*\\)\\]/\\1/p' | sort"});
+    std::string text;
+    for (const std::string &library : expected)
+        text += library + "\n";
+    EXPECT_EQ(text, needed.output);
+}
+
+TEST(Link, OtherPlatformLibrariesCanBePutInPlace)
+{
+    const std::filesystem::path folder =
+        std::filesystem::temp_directory_path() / ("kelo-lib-" + std::to_string(getpid()));
+    std::filesystem::create_directory(folder);
+    std::filesystem::copy(KELO_LIBRARIES "/libtcapi.so", folder);
+    const kelo::Result own = kelo::run({"ldd", KELO_DAEMON});
+    const kelo::Result other =
+        kelo::run({"env", "LD_LIBRARY_PATH=" + folder.string(), "ldd", KELO_DAEMON});
+    std::filesystem::remove_all(folder);
+    EXPECT_NE(std::string::npos, own.output.find(KELO_LIBRARIES "/libtcapi.so")) << own.output;
+    EXPECT_NE(std::string::npos, other.output.find(folder.string() + "/libtcapi.so"))
+        << other.output;
+}
+
+} // namespace
