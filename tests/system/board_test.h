@@ -70,6 +70,20 @@ protected:
             "a log record with " + text);
     }
 
+    /// Writes a command into the display pipe and waits until the daemon has taken it and opened
+    /// the pipe again: what comes while it is closed for a moment may be lost.
+    void send(const std::string &command)
+    {
+        fromNow();
+        board.writeKeyword(command);
+        ASSERT_TRUE(logs("received \"" + command.substr(0, 127)));
+        ASSERT_TRUE(logs("received len: 0\n"));
+        const std::string stat = "/proc/" + std::to_string(board.daemon().value()) + "/stat";
+        const auto end = kelo::Clock::now() + deadline;
+        while (kelo::readFile(stat).find(") S ") == std::string::npos)
+            ASSERT_LT(kelo::Clock::now(), end);
+    }
+
     /// How many events of a kind contain a text so far.
     size_t count(EventKind kind, const std::string &text = "")
     {
