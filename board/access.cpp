@@ -116,8 +116,8 @@ std::vector<std::string> Access::inside(const std::vector<std::string> &command)
 {
     std::vector<std::string> result;
     if (place_.isolated) {
-        result = {"nsenter", "--target", std::to_string(place_.holder),
-                  "--mount", "--net",    "--pid"};
+        result = {"nsenter", "--target", std::to_string(place_.holder), "--mount", "--root",
+                  "--net",   "--pid"};
         if (geteuid() != 0)
             result.insert(result.end(), {"--user", "--preserve-credentials"});
         result.push_back("--");

@@ -34,7 +34,8 @@ Holder startHolder(const std::string &rootfs, bool isolated)
 {
     std::vector<std::string> command;
     if (isolated) {
-        command = {"unshare", "--mount", "--net", "--pid", "--fork", "--kill-child"};
+        command = {"unshare", "--mount",      "--net",         "--pid",
+                   "--fork",  "--kill-child", "--propagation", "unchanged"};
         if (geteuid() != 0)
             command.insert(command.end(), {"--user", "--map-root-user"});
     }

@@ -3,16 +3,20 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-# A bare tree that somebody entered with chroot may lack these; they end with this script.
-if [ ! -e /proc/self/stat ] || [ ! -e /dev/pts/ptmx ]; then
-    if [ "$(id -u)" -eq 0 ] && [ -z "${KELO_MOUNTED:-}" ]; then
-        exec env KELO_MOUNTED=1 unshare --mount bash -c '
-            [ -e /proc/self/stat ] || mount -t proc proc /proc
-            mkdir -p /dev/pts
-            [ -e /dev/pts/ptmx ] || mount -t devpts -o newinstance,ptmxmode=0666 devpts /dev/pts
-            [ -e /dev/ptmx ] || ln -s pts/ptmx /dev/ptmx
-            exec bash "$@"' bash "$0" "$@"
-    fi
+# A bare tree that somebody entered with chroot may lack /proc and terminals: lend them.
+if [ "$(id -u)" -eq 0 ] && { [ ! -e /proc/self/stat ] || [ ! -e /dev/pts/ptmx ]; }; then
+    lent=()
+    lend()
+    {
+        mkdir -p "$2" && mount -t "$1" "${@:3}" "$1" "$2" && lent+=("$2")
+    }
+    [ -e /proc/self/stat ] || lend proc /proc
+    [ -e /dev/pts/ptmx ] || lend devpts /dev/pts -o newinstance,ptmxmode=0666
+    trap : INT TERM HUP # the script below ends on them, and then this one takes back what it lent
+    status=0
+    bash "$0" "$@" || status=$?
+    umount -l "${lent[@]}"
+    exit "$status"
 fi
 
 # say TEXT: what the script is doing now.
