@@ -353,7 +353,7 @@ void ipinfo_netlink_recv(int fd, short, void *)
     static size_t filled;
     memset(datagram.bytes, 0, filled);
     filled = 0;
-    sockaddr_nl name = {};
+    sockaddr name = {}; // 16 bytes, more than the sender's sockaddr_nl needs
     socklen_t nameLength = 0;
     // Descriptor 0 counts as invalid too, deliberately.
     if (fd <= 0) {
@@ -361,14 +361,14 @@ void ipinfo_netlink_recv(int fd, short, void *)
         return;
     }
     // Only asks whether this is a socket: with no room for it, no address is stored.
-    if (getsockname(fd, reinterpret_cast<sockaddr *>(&name), &nameLength) == -1) {
+    if (getsockname(fd, &name, &nameLength) == -1) {
         KELO_LOG("Failed to get netlink addr");
         return;
     }
     iovec vector = {datagram.bytes, sizeof datagram.bytes};
     msghdr header = {};
     header.msg_name = &name;
-    header.msg_namelen = 16;
+    header.msg_namelen = sizeof name;
     header.msg_iov = &vector;
     header.msg_iovlen = 1;
     const auto received = static_cast<int>(recvmsg(fd, &header, 0));
