@@ -28,6 +28,7 @@ using fakes::EventLoop;
 using fakes::files;
 using fakes::journal;
 using fakes::Lines;
+using fakes::operator+;
 using fakes::platform;
 using fakes::takePatterns;
 using fakes::vendor;
@@ -64,12 +65,6 @@ Lines armed(int interval)
     return {"event_set fd=-1 flags=0x10",
             "event_add fd=-1 every " + std::to_string(interval) + "us",
             "event_active fd=-1 result=0 calls=0"};
-}
-
-Lines operator+(Lines left, const Lines &right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
 }
 
 /// `count` patterns, `phases` over and over from the given one on.

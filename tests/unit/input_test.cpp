@@ -18,6 +18,7 @@ using namespace std::chrono_literals;
 using fakes::eventLoop;
 using fakes::journal;
 using fakes::Lines;
+using fakes::operator+;
 using fakes::platform;
 using fakes::process;
 
@@ -28,12 +29,6 @@ const Lines rebooted = {"log input.cpp doReboot: rebooting...\n", "event_del fd=
                         "display_setMode 2", "fork"};
 const Lines restored = {"log input.cpp doDefault: resetting to defaults...\n", "event_del fd=-1",
                         "display_setMode 3", "fork"};
-
-Lines operator+(Lines left, const Lines &right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 class Button : public testing::Test {
 protected:

@@ -49,6 +49,7 @@ namespace {
 using fakes::eventLoop;
 using fakes::journal;
 using fakes::Lines;
+using fakes::operator+;
 using fakes::process;
 
 // Written without reference to how the log does it: the documented table, row by row.
@@ -191,12 +192,6 @@ const Lines running = {
     "event_add fd=15", "netinfo_register",          "ipinfo_register", "display_register",
     "input_register",  "event_base_dispatch",       "exit 0",
 };
-
-Lines operator+(Lines left, const Lines &right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 /// What main did, a log record cut down to its first line, which ends with the message.
 Lines takeSteps()

@@ -7,6 +7,12 @@
 
 namespace fakes {
 
+Lines operator+(Lines left, const Lines &right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
 void Journal::add(std::string line)
 {
     lines_.push_back(std::move(line));

@@ -10,6 +10,9 @@ namespace fakes {
 
 using Lines = std::vector<std::string>;
 
+/// One stretch after the other.
+Lines operator+(Lines left, const Lines &right);
+
 class Journal {
 public:
     void add(std::string line);
