@@ -435,7 +435,7 @@ TEST_F(Tracker, IgnoresFlagsSequenceAndSenderOfAMessage)
 
 TEST_F(Tracker, EndsTheWalkAtAMessageThatIsTooShort)
 {
-    for (const size_t length : {0, 1, 12, 15}) {
+    for (const size_t length : {0U, 1U, 12U, 15U}) {
         const Bytes shortOne =
             message(RTM_NEWADDR, AddressHeader{} + attribute(IFA_ADDRESS, hostB), length);
         EXPECT_EQ(receive(newAddress(hostA) + shortOne + newAddress(hostC)), added(hostA));
@@ -624,11 +624,11 @@ TEST_F(Tracker, LooksForAttributesWithinTheMessageOnly)
 {
     // An attribute of the right type that the message's length leaves out, by a byte or wholly.
     const Bytes payload = AddressHeader{} + attribute(IFA_ADDRESS, hostA);
-    for (const size_t length : {16, 17, 20, 23, 24, 25, 28, 43})
+    for (const size_t length : {16U, 17U, 20U, 23U, 24U, 25U, 28U, 43U})
         EXPECT_EQ(receive(message(RTM_NEWADDR, payload, length)), Lines{}) << length;
     EXPECT_EQ(receive(message(RTM_NEWADDR, payload, 44)), added(hostA));
     const Bytes route = RouteHeader{} + attribute(RTA_GATEWAY, gateway);
-    for (const size_t length : {16, 17, 20, 27, 28, 29, 32, 47})
+    for (const size_t length : {16U, 17U, 20U, 27U, 28U, 29U, 32U, 47U})
         EXPECT_EQ(receive(message(RTM_NEWROUTE, route, length)), Lines{}) << length;
     EXPECT_EQ(receive(message(RTM_NEWROUTE, route, 48)).size(), 2U);
 }
