@@ -8,14 +8,14 @@ if [ "$(id -u)" -eq 0 ] && { [ ! -e /proc/self/stat ] || [ ! -e /dev/pts/ptmx ];
     lent=()
     lend()
     {
-        mkdir -p "$2" && mount -t "$1" "${@:3}" "$1" "$2" && lent+=("$2")
+        mkdir -p "$2" && mount -t "$1" "${@:3}" "$1" "$2" && lent=("$2" "${lent[@]}")
     }
     [ -e /proc/self/stat ] || lend proc /proc
     [ -e /dev/pts/ptmx ] || lend devpts /dev/pts -o newinstance,ptmxmode=0666
     trap : INT TERM HUP # the script below ends on them, and then this one takes back what it lent
     status=0
     bash "$0" "$@" || status=$?
-    umount -l "${lent[@]}"
+    umount -l "${lent[@]}" # /proc last: umount needs it
     exit "$status"
 fi
 
