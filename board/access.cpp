@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -96,10 +97,23 @@ void Access::setButton(int value) const
 
 void Access::writeKeyword(const std::string &text) const
 {
-    const Descriptor pipe(
-        open(path("/var/run/kelo-monitord.display").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    const std::string pipePath = path("/var/run/kelo-monitord.display");
+    const auto open = [&] { return ::open(pipePath.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC); };
+    // Between one writer's end and the next, the daemon has the pipe closed for a moment.
+    Descriptor pipe(open());
+    for (int attempt = 0; !pipe && errno == ENXIO && attempt < 100 && daemon(); attempt++) {
+        usleep(5000);
+        pipe.reset(open());
+    }
     if (!pipe || write(pipe.get(), text.data(), text.size()) != ssize_t(text.size()))
         fail("cannot write into the display pipe");
+    // Held open until the daemon has read it, which a close of its own in between could lose.
+    int left = 0;
+    for (int attempt = 0; attempt < 100; attempt++) {
+        if (ioctl(pipe.get(), FIONREAD, &left) < 0 || left == 0)
+            return;
+        usleep(5000);
+    }
 }
 
 std::optional<std::string> Access::stored(const std::string &node,

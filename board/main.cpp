@@ -2,6 +2,7 @@
 
 #include "cli/cli.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace {
@@ -15,16 +16,24 @@ int complain(int status, const std::exception &error)
     return status;
 }
 
-} // namespace
-
-kelo::Access kelo::Cli::running() const
+/// The arguments from the last to the first, as the parser takes them. The options of a command
+/// that is to be run are its own.
+std::vector<std::string> arguments(int argc, char **argv)
 {
-    const std::optional<Place> place = findBoard(board);
-    if (!place)
-        throw Failure("no board named \"" + board + "\" is running (start one: kelo-board up " +
-                      board + ")");
-    return Access(*place);
+    std::vector<std::string> result(argv + 1, argv + argc);
+    size_t command = 0;
+    while (command < result.size() && result[command].starts_with("-"))
+        command += result[command] == "-b" || result[command] == "--board" ? 2 : 1;
+    if (command + 1 < result.size() && (result[command] == "exec" || result[command] == "ip")) {
+        const std::string &next = result[command + 1];
+        if (next != "--" && next != "-h" && next != "--help")
+            result.insert(result.begin() + static_cast<ptrdiff_t>(command) + 1, "--");
+    }
+    std::reverse(result.begin(), result.end());
+    return result;
 }
+
+} // namespace
 
 int main(int argc, char **argv)
 {
@@ -36,12 +45,20 @@ int main(int argc, char **argv)
         ->capture_default_str();
 
     addUp(cli);
+    addDown(cli);
+    addList(cli);
+    addRun(cli);
     addSet(cli);
+    addButton(cli);
     addMode(cli);
     addExec(cli);
+    addDaemon(cli);
+    addLook(cli);
+    addExpect(cli);
+    addWait(cli);
 
     try {
-        cli.app.parse(argc, argv);
+        cli.app.parse(arguments(argc, argv));
     } catch (const CLI::ParseError &error) {
         const int status = cli.app.exit(error);
         return status == 0 ? 0 : USAGE_ERROR;

@@ -1,9 +1,10 @@
 #include "registry.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <fstream>
 #include <poll.h>
 #include <sstream>
-#include <stdexcept>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
@@ -13,22 +14,23 @@ namespace kelo {
 
 namespace {
 
-struct Address {
-    sockaddr_un address{};
-    socklen_t length = 0;
-};
-
-Address addressOf(const std::string &name)
+std::string prefix()
 {
-    Address result;
-    result.address.sun_family = AF_UNIX;
-    const std::string path = "kelo-board/" + std::to_string(geteuid()) + "/" + name;
-    if (name.empty() || path.size() + 1 > sizeof result.address.sun_path)
-        throw std::runtime_error("no usable board name: \"" + name + "\"");
-    path.copy(result.address.sun_path + 1, path.size());
-    result.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + path.size());
-    return result;
+    return "kelo-board/" + std::to_string(geteuid()) + "/";
 }
+
+struct Address {
+    explicit Address(const SocketName &name)
+    {
+        address.sun_family = AF_UNIX;
+        name.path.copy(address.sun_path + 1, name.path.size());
+        length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.path.size());
+    }
+    const sockaddr *get() const { return reinterpret_cast<const sockaddr *>(&address); }
+
+    sockaddr_un address{};
+    socklen_t length;
+};
 
 Descriptor openSocket()
 {
@@ -45,54 +47,183 @@ bool ownPeer(int fd)
     return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && peer.uid == geteuid();
 }
 
+std::string escaped(const std::string &text)
+{
+    std::string result;
+    for (const char character : text) {
+        if (character == '\n')
+            result += "\\n";
+        else if (character == '\\')
+            result += "\\\\";
+        else
+            result += character;
+    }
+    return result;
+}
+
+std::string unescaped(const std::string &text)
+{
+    std::string result;
+    for (size_t i = 0; i < text.size(); i++) {
+        if (text[i] != '\\' || i + 1 == text.size())
+            result += text[i];
+        else
+            result += text[++i] == 'n' ? '\n' : text[i];
+    }
+    return result;
+}
+
 } // namespace
 
-Registration::Registration(const std::string &name, Place place)
-    : place_(std::move(place)), socket_(openSocket()), end_(makePipe())
+SocketName::SocketName(const std::string &board) : path(prefix() + board)
 {
-    const Address address = addressOf(name);
-    if (bind(socket_.get(), reinterpret_cast<const sockaddr *>(&address.address), address.length) <
-            0 ||
-        listen(socket_.get(), 16) < 0)
-        throw std::runtime_error("a board named \"" + name + "\" runs already");
-    thread_ = std::thread(&Registration::answer, this);
+    const auto usable = [](unsigned char character) {
+        return isgraph(character) && character != '/';
+    };
+    if (board.empty() || board.front() == '-' || path.size() + 1 > sizeof(sockaddr_un::sun_path) ||
+        !std::all_of(board.begin(), board.end(), usable))
+        throw std::runtime_error("no usable board name: \"" + board + "\"");
 }
 
-Registration::~Registration()
+Descriptor listenAs(const std::string &board)
 {
-    end_.write.reset();
-    thread_.join();
+    Descriptor socket = openSocket();
+    const Address address{SocketName(board)};
+    if (bind(socket.get(), address.get(), address.length) < 0 || listen(socket.get(), 64) < 0)
+        throw std::runtime_error("a board named \"" + board + "\" runs already");
+    return socket;
 }
 
-void Registration::answer() const
+Descriptor acceptClient(int listening)
 {
-    for (;;) {
-        pollfd sources[] = {{socket_.get(), POLLIN, 0}, {end_.read.get(), POLLIN, 0}};
-        poll(sources, std::size(sources), -1);
-        if (sources[1].revents)
-            return;
-        const Descriptor peer(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (!peer || !ownPeer(peer.get()))
+    Descriptor client(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
+    if (client && !ownPeer(client.get()))
+        client.reset();
+    return client;
+}
+
+Connection::Connection(const std::string &board, const std::string &request)
+    : board_(board), socket_(openSocket())
+{
+    const Address address{SocketName(board)};
+    const std::string line = request + "\n";
+    if (connect(socket_.get(), address.get(), address.length) < 0 || !ownPeer(socket_.get()) ||
+        send(socket_.get(), line.data(), line.size(), MSG_NOSIGNAL) != ssize_t(line.size()))
+        throw BoardGone("no board named \"" + board + "\" is running (start one: kelo-board up " +
+                        board + ")");
+}
+
+std::optional<std::string> Connection::line(Clock::time_point deadline)
+{
+    size_t end;
+    while ((end = text_.find('\n')) == std::string::npos) {
+        int timeout = -1;
+        if (deadline != Clock::time_point::max()) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+            timeout = static_cast<int>(std::clamp<long long>(left.count(), 0, 1000000));
+        }
+        pollfd source{socket_.get(), POLLIN, 0};
+        if (poll(&source, 1, timeout) == 0)
+            return std::nullopt;
+        char buffer[65536];
+        const ssize_t length = read(socket_.get(), buffer, sizeof buffer);
+        if (length < 0 && errno == EINTR)
             continue;
-        std::ostringstream text;
-        text << place_.holder << ' ' << place_.isolated << ' ' << place_.root << '\n';
-        send(peer.get(), text.str().data(), text.str().size(), MSG_NOSIGNAL);
+        if (length <= 0)
+            throw BoardGone("the board \"" + board_ + "\" ended");
+        text_.append(buffer, static_cast<size_t>(length));
     }
+    std::string result = text_.substr(0, end);
+    text_.erase(0, end + 1);
+    if (result.starts_with("error "))
+        throw std::runtime_error(result.substr(6));
+    return result;
+}
+
+std::vector<std::string> Connection::rest()
+{
+    std::vector<std::string> lines;
+    try {
+        for (;;)
+            lines.push_back(*line());
+    } catch (const BoardGone &) {
+        return lines;
+    }
+}
+
+void request(const std::string &board, const std::string &text)
+{
+    Connection(board, text).rest();
 }
 
 std::optional<Place> findBoard(const std::string &name)
 {
-    const Descriptor socket = openSocket();
-    const Address address = addressOf(name);
-    if (connect(socket.get(), reinterpret_cast<const sockaddr *>(&address.address),
-                address.length) < 0 ||
-        !ownPeer(socket.get()))
+    try {
+        std::istringstream text(Connection(name, "place").line().value());
+        Place place;
+        if (text >> place.holder >> place.isolated >> std::ws && std::getline(text, place.root))
+            return place;
+    } catch (const BoardGone &) {
+    }
+    return std::nullopt;
+}
+
+std::map<std::string, std::string> stateOf(const std::string &board)
+{
+    std::map<std::string, std::string> state;
+    for (const std::string &line : Connection(board, "state").rest()) {
+        const size_t space = std::min(line.find(' '), line.size());
+        state[line.substr(0, space)] = unescaped(line.substr(std::min(space + 1, line.size())));
+    }
+    return state;
+}
+
+std::vector<std::string> runningBoards()
+{
+    std::vector<std::string> names;
+    std::ifstream sockets("/proc/net/unix");
+    std::string line;
+    const std::string sign = " @" + prefix();
+    while (std::getline(sockets, line)) {
+        const size_t start = line.find(sign);
+        if (start != std::string::npos)
+            names.push_back(line.substr(start + sign.size()));
+    }
+    std::sort(names.begin(), names.end());
+    // A connection that waits to be accepted is listed under the same name.
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    return names;
+}
+
+std::string toLine(const Event &event)
+{
+    return toText(event.time) + " " + kindName(event.kind) + " " + escaped(event.text);
+}
+
+std::optional<Event> fromLine(const std::string &line)
+{
+    const size_t first = line.find(' ');
+    const size_t second = line.find(' ', first + 1);
+    if (first == std::string::npos || second == std::string::npos)
         return std::nullopt;
-    std::istringstream text(readAll(socket.get()));
-    Place place;
-    if (!(text >> place.holder >> place.isolated >> std::ws) || !std::getline(text, place.root))
-        return std::nullopt;
-    return place;
+    const std::string kind = line.substr(first + 1, second - first - 1);
+    for (int i = 0; i <= static_cast<int>(EventKind::Exit); i++) {
+        if (kind == kindName(static_cast<EventKind>(i)))
+            return Event{toTime(line.substr(0, first)), static_cast<EventKind>(i),
+                         unescaped(line.substr(second + 1))};
+    }
+    return std::nullopt;
+}
+
+std::string toText(Clock::time_point time)
+{
+    return std::to_string(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count());
+}
+
+Clock::time_point toTime(const std::string &text)
+{
+    return Clock::time_point(std::chrono::nanoseconds(atoll(text.c_str())));
 }
 
 } // namespace kelo

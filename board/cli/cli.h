@@ -10,6 +10,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -26,37 +27,71 @@ struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// The headings under which --help lists the subcommands.
+constexpr char runningGroup[] = "Run boards";
+constexpr char hardwareGroup[] = "Turn the hardware";
+constexpr char daemonGroup[] = "Handle the daemon";
+constexpr char lookGroup[] = "Look at a board";
+constexpr char testGroup[] = "Test";
+
 struct Cli {
     CLI::App app{"Runs kelo-monitord on a simulated board.", "kelo-board"};
     std::string board = "board"; ///< the board to talk to, or the new board's name
+    bool json = false;           ///< for a program that reads the output
     int status = 0;              ///< the program's exit status
 
-    /// Adds a subcommand; `action` gives the exit status. Values that options write to live in the
-    /// action: see addMode for the pattern.
-    CLI::App *add(const std::string &name, const std::string &description,
-                  std::function<int()> action)
-    {
-        return addTo(app, name, description, std::move(action));
-    }
+    /// Adds a subcommand; `action` gives the exit status. Values that its options write to live in
+    /// the action: see addMode for the pattern.
+    CLI::App *add(const char *group, const std::string &name, const std::string &description,
+                  std::function<int()> action);
+    /// The same for a subcommand of a subcommand.
     CLI::App *addTo(CLI::App &parent, const std::string &name, const std::string &description,
-                    std::function<int()> action)
-    {
-        CLI::App *const command = parent.add_subcommand(name, description);
-        command->callback([this, action = std::move(action)] { status = action(); });
-        return command;
-    }
+                    std::function<int()> action);
+    /// Gives a subcommand the option --json.
+    void addJson(CLI::App &command);
 
-    /// The board of the command line. Throws Failure when it does not run.
+    /// The board of the command line. Throws BoardGone when it does not run.
     Access running() const;
 };
 
 void addUp(Cli &cli);
+void addDown(Cli &cli);
+void addList(Cli &cli);
 void addSet(Cli &cli);
+void addButton(Cli &cli);
 void addMode(Cli &cli);
+void addDaemon(Cli &cli);
 void addExec(Cli &cli);
+void addLook(Cli &cli);
+void addExpect(Cli &cli);
+void addWait(Cli &cli);
+void addRun(Cli &cli);
 
-/// Prints an event as lines that carry time and kind; what the daemon polls all the time is left
+/// Prints events as lines that carry time and kind, or as JSON. What only repeats itself is left
 /// out.
-void printEvent(const Event &event, Clock::time_point start);
+class EventPrinter {
+public:
+    explicit EventPrinter(Clock::time_point start, bool json = false) : start_(start), json_(json)
+    {
+    }
+    void print(const Event &event);
+
+private:
+    Clock::time_point start_;
+    bool json_;
+    std::string leds_;
+    std::string snapshot_;
+};
+
+/// A display mode's keyword, or its number where it has none.
+std::string modeName(const std::string &number);
+/// A display mode's number by keyword or number. Throws UsageError.
+std::string modeNumber(const std::string &name);
+
+/// A length of time: "3", "1.5s", "250ms", "2m". Throws UsageError.
+Clock::duration toDuration(const std::string &text);
+
+/// Lets time pass on a running board. Throws BoardGone when the board ends.
+void letPass(const std::string &board, Clock::duration time);
 
 } // namespace kelo

@@ -1,14 +1,80 @@
 #include "cli.h"
 
+#include <csignal>
+#include <cstring>
+
 namespace kelo {
+
+namespace {
+
+int runInside(const Access &board, const std::vector<std::string> &command)
+{
+    signal(SIGINT, SIG_IGN); // the command's affair
+    return waitFor(spawn(board.inside(command), {}));
+}
+
+int signalNumber(std::string name)
+{
+    if (name.starts_with("SIG"))
+        name.erase(0, 3);
+    for (int number = 1; number < NSIG; number++) {
+        const char *const known = sigabbrev_np(number);
+        if ((known && name == known) || name == std::to_string(number))
+            return number;
+    }
+    throw UsageError("no signal: \"" + name + "\" (such as TERM, STOP or 9)");
+}
+
+} // namespace
 
 void addExec(Cli &cli)
 {
     const auto command = std::make_shared<std::vector<std::string>>();
-    cli.add("exec", "Run a command in the board's network: exec -- ip -6 addr",
-            [&cli, command] { return waitFor(spawn(cli.running().inside(*command), {})); })
-        ->add_option("command", *command, "Command and its arguments, after --")
+    CLI::App *const exec = cli.add(hardwareGroup, "exec", "Run a command in the board's network",
+                                   [&cli, command] { return runInside(cli.running(), *command); });
+    exec->add_option("command", *command, "Command and its arguments")->required();
+    exec->footer("For example: kelo-board exec ping -c 1 fe80::1%br0");
+
+    CLI::App *const ip =
+        cli.add(hardwareGroup, "ip", "Run ip(8) in the board's network", [&cli, command] {
+            command->insert(command->begin(), "ip");
+            return runInside(cli.running(), *command);
+        });
+    ip->add_option("argument", *command, "What ip is given")->required();
+    ip->footer("For example: kelo-board ip -6 addr add 2001:db8::1/64 dev nas0_0");
+}
+
+void addDaemon(Cli &cli)
+{
+    const auto name = std::make_shared<std::string>();
+    cli.add(daemonGroup, "signal", "Send the daemon a signal",
+            [&cli, name] {
+                const int number = signalNumber(*name);
+                if (!cli.running().signalDaemon(number))
+                    throw Failure("the daemon does not run");
+                return 0;
+            })
+        ->add_option("signal", *name, "Name or number: TERM, STOP, CONT, 9")
         ->required();
+
+    const auto options = std::make_shared<std::vector<std::string>>();
+    cli.add(daemonGroup, "start", "Start the daemon; returns once it runs",
+            [&cli, options] {
+                std::string line = "start";
+                for (const std::string &option : *options)
+                    line += " " + option;
+                request(cli.board, line);
+                return 0;
+            })
+        ->add_option("option", *options, "Options for the daemon, after --");
+    cli.add(daemonGroup, "stop", "End the daemon and wait until it is gone", [&cli] {
+        request(cli.board, "stop");
+        return 0;
+    });
+    cli.add(daemonGroup, "restart", "End the daemon and start it again as it was started", [&cli] {
+        request(cli.board, "restart");
+        return 0;
+    });
 }
 
 } // namespace kelo

@@ -1,69 +1,162 @@
 #include "cli.h"
 
+#include "host.h"
+
+#include <nlohmann/json.hpp>
+
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace kelo {
 
 namespace {
 
+struct UpOptions {
+    bool detach = false;
+    std::vector<std::string> daemon;
+};
+
 std::atomic<bool> interrupted;
 
-/// Runs a board in the foreground and prints what happens on it until a signal or the daemon's end.
-int up(const std::string &name, const std::vector<std::string> &daemonArguments)
+void catchSignals()
 {
-    signal(SIGINT, [](int) { interrupted = true; });
-    signal(SIGTERM, [](int) { interrupted = true; });
-    signal(SIGHUP, [](int) { interrupted = true; });
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
+        signal(number, [](int) { interrupted = true; });
+}
 
-    const auto start = Clock::now();
-    Board board;
-    const Registration registration(name, board.place());
-    board.startDaemon(daemonArguments);
+void runQuietly(Host &host)
+{
+    while (!interrupted && !host.wantsDown())
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+}
 
+/// Prints what happens on the board as it happens.
+void runPrinting(Host &host)
+{
+    EventPrinter printer(host.startTime());
     size_t seen = 0;
-    std::string leds;
-    std::string snapshot;
-    while (!interrupted) {
-        board.waitUntil([&](const auto &events) { return events.size() > seen; },
-                        std::chrono::milliseconds(100));
-        for (const Event &event : board.events(seen)) {
+    while (!interrupted && !host.wantsDown()) {
+        host.board().waitUntil([&](const auto &events) { return events.size() > seen; },
+                               std::chrono::milliseconds(50));
+        for (const Event &event : host.board().events(seen)) {
             seen++;
-            if (event.kind == EventKind::Leds && std::exchange(leds, event.text) == leds)
-                continue;
-            if (event.kind == EventKind::Snapshot &&
-                std::exchange(snapshot, event.text) == snapshot)
-                continue;
-            printEvent(event, start);
-            if (event.kind == EventKind::Exit && !board.daemon())
-                return atoi(event.text.c_str());
+            printer.print(event);
         }
     }
+}
+
+int upForeground(const std::string &name, const UpOptions &options)
+{
+    catchSignals();
+    Host host(name);
+    std::exception_ptr failure;
+    std::thread starter([&] {
+        try {
+            host.startDaemon(options.daemon);
+        } catch (...) {
+            failure = std::current_exception();
+            interrupted = true;
+        }
+    });
+    runPrinting(host);
+    starter.join();
+    if (failure)
+        std::rethrow_exception(failure);
+    return 0;
+}
+
+int upDetached(const std::string &name, const UpOptions &options)
+{
+    Pipe ready = makePipe();
+    const pid_t child = fork();
+    if (child < 0)
+        throw std::system_error(errno, std::generic_category(), "fork");
+    if (child > 0) {
+        ready.write.reset();
+        return readAll(ready.read.get()).empty() ? 1 : 0;
+    }
+
+    setsid();
+    catchSignals();
+    Host host(name);
+    host.startDaemon(options.daemon);
+    const Descriptor nothing(open("/dev/null", O_RDWR | O_CLOEXEC));
+    for (int fd = 0; fd <= 2; fd++)
+        dup2(nothing.get(), fd);
+    [[maybe_unused]] const ssize_t written = write(ready.write.get(), "r", 1);
+    ready.write.reset();
+    runQuietly(host);
+    return 0;
+}
+
+int list(bool json)
+{
+    nlohmann::ordered_json boards = nlohmann::json::array();
+    if (!json)
+        printf("%-20s %8s %8s  %-12s %-6s %9s\n", "NAME", "PID", "DAEMON", "MODE", "LEDS", "UP");
+    for (const std::string &name : runningBoards()) {
+        std::map<std::string, std::string> state;
+        try {
+            state = stateOf(name);
+        } catch (const BoardGone &) {
+            continue; // it ended meanwhile
+        }
+        const auto daemon = atoi(state["daemon"].c_str());
+        const double up =
+            std::chrono::duration<double>(Clock::now() - toTime(state["start"])).count();
+        if (json)
+            boards.push_back({{"name", name},
+                              {"pid", atoi(state["pid"].c_str())},
+                              {"daemon", daemon ? nlohmann::json(daemon) : nlohmann::json()},
+                              {"mode", modeName(state["mode"])},
+                              {"leds", state["leds"]},
+                              {"up", up}});
+        else
+            printf("%-20s %8s %8s  %-12s %-6s %8.0fs\n", name.c_str(), state["pid"].c_str(),
+                   daemon ? state["daemon"].c_str() : "-", modeName(state["mode"]).c_str(),
+                   state["leds"].c_str(), up);
+    }
+    if (json)
+        puts(boards.dump().c_str());
     return 0;
 }
 
 } // namespace
 
-void printEvent(const Event &event, Clock::time_point start)
-{
-    if (event.kind == EventKind::Call && event.text.starts_with("syscfg_get"))
-        return;
-    const double seconds = std::chrono::duration<double>(event.time - start).count();
-    std::istringstream lines(event.text);
-    std::string line;
-    while (std::getline(lines, line))
-        printf("%9.3f  %-8s  %s\n", seconds, kindName(event.kind), line.c_str());
-    fflush(stdout);
-}
-
 void addUp(Cli &cli)
 {
-    const auto arguments = std::make_shared<std::vector<std::string>>();
-    CLI::App *const command = cli.add("up", "Start a board and print what happens",
-                                      [&cli, arguments] { return up(cli.board, *arguments); });
+    const auto options = std::make_shared<UpOptions>();
+    CLI::App *const command =
+        cli.add(runningGroup, "up", "Start a board and print what happens on it", [&cli, options] {
+            return options->detach ? upDetached(cli.board, *options)
+                                   : upForeground(cli.board, *options);
+        });
     command->add_option("name", cli.board, "Name of the new board");
-    command->add_option("--daemon-option", *arguments, "Option for the daemon, such as -d");
+    command->add_flag("-d,--detach", options->detach,
+                      "Run in the background; returns once the daemon runs");
+    command->add_option("--daemon-option", options->daemon,
+                        "Option for the daemon: --daemon-option=-d");
+}
+
+void addDown(Cli &cli)
+{
+    CLI::App *const command =
+        cli.add(runningGroup, "down", "End a board; returns once nothing of it is left", [&cli] {
+            request(cli.board, "down");
+            return 0;
+        });
+    command->add_option("name", cli.board, "Name of the board");
+}
+
+void addList(Cli &cli)
+{
+    CLI::App *const command =
+        cli.add(runningGroup, "list", "List the running boards", [&cli] { return list(cli.json); });
+    command->alias("ps");
+    cli.addJson(*command);
 }
 
 } // namespace kelo

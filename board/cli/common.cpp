@@ -1,0 +1,116 @@
+#include "cli.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+namespace kelo {
+
+namespace {
+
+constexpr const char *keywords[] = {"none",     "signal",  "reboot",   "restore",    "errora12",
+                                    "locateme", "ledtest", "facttest", "facttesterr"};
+
+} // namespace
+
+CLI::App *Cli::add(const char *group, const std::string &name, const std::string &description,
+                   std::function<int()> action)
+{
+    CLI::App *const command = addTo(app, name, description, std::move(action));
+    command->group(group);
+    return command;
+}
+
+CLI::App *Cli::addTo(CLI::App &parent, const std::string &name, const std::string &description,
+                     std::function<int()> action)
+{
+    CLI::App *const command = parent.add_subcommand(name, description);
+    command->callback([this, action = std::move(action)] { status = action(); });
+    return command;
+}
+
+void Cli::addJson(CLI::App &command)
+{
+    command.add_flag("--json", json, "Print JSON");
+}
+
+Access Cli::running() const
+{
+    const std::optional<Place> place = findBoard(board);
+    if (!place)
+        throw BoardGone("no board named \"" + board + "\" is running (start one: kelo-board up " +
+                        board + ")");
+    return Access(*place);
+}
+
+void EventPrinter::print(const Event &event)
+{
+    if (event.kind == EventKind::Call && event.text.starts_with("syscfg_get"))
+        return; // the daemon polls these all the time
+    if (event.kind == EventKind::Leds && std::exchange(leds_, event.text) == leds_)
+        return;
+    if (event.kind == EventKind::Snapshot && std::exchange(snapshot_, event.text) == snapshot_)
+        return;
+    const double seconds = std::chrono::duration<double>(event.time - start_).count();
+    if (json_) {
+        const nlohmann::ordered_json object{{"time", std::round(seconds * 1e6) / 1e6},
+                                            {"kind", kindName(event.kind)},
+                                            {"text", event.text}};
+        puts(object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+    } else {
+        std::istringstream lines(event.kind == EventKind::Mode ? modeName(event.text) : event.text);
+        std::string line;
+        while (std::getline(lines, line))
+            printf("%9.3f  %-8s  %s\n", seconds, kindName(event.kind), line.c_str());
+    }
+    fflush(stdout);
+}
+
+std::string modeName(const std::string &number)
+{
+    const int mode = atoi(number.c_str());
+    const bool known = !number.empty() && mode >= 0 && mode < static_cast<int>(std::size(keywords));
+    return known ? keywords[mode] : number;
+}
+
+std::string modeNumber(const std::string &name)
+{
+    const auto *const keyword = std::find(std::begin(keywords), std::end(keywords), name);
+    if (keyword != std::end(keywords))
+        return std::to_string(keyword - keywords);
+    int number;
+    if (CLI::detail::lexical_cast(name, number))
+        return std::to_string(number);
+    throw UsageError("no display mode: \"" + name + "\"");
+}
+
+Clock::duration toDuration(const std::string &text)
+{
+    size_t end = 0;
+    double number = -1;
+    try {
+        number = std::stod(text, &end);
+    } catch (const std::exception &) {
+    }
+    const std::string unit = text.substr(std::min(end, text.size()));
+    const double seconds = unit == "ms"                  ? 0.001
+                           : unit.empty() || unit == "s" ? 1
+                           : unit == "m"                 ? 60
+                                                         : -1;
+    if (!(number >= 0 && number < 1e6) || seconds < 0)
+        throw UsageError("no length of time: \"" + text + "\" (such as 3, 1.5s, 250ms, 2m)");
+    return std::chrono::duration_cast<Clock::duration>(
+        std::chrono::duration<double>(number * seconds));
+}
+
+void letPass(const std::string &board, Clock::duration time)
+{
+    const Clock::time_point end = Clock::now() + time;
+    Connection connection(board, "watch " + toText(Clock::now()));
+    while (connection.line(end))
+        ;
+}
+
+} // namespace kelo

@@ -1,0 +1,389 @@
+// What `kelo-board expect` waits for.
+
+#include "cli.h"
+
+#include "blink.h"
+#include "waveform.h"
+
+#include <cstdio>
+
+namespace kelo {
+
+namespace {
+
+constexpr auto shownBefore = std::chrono::seconds(8);
+constexpr char statusNode[] = "Kelo_Ipv6Status";
+
+struct Options {
+    std::string within = "5s";
+    std::string length = "0s";
+    bool negate = false;
+    std::vector<std::string> words;
+};
+
+/// What is known of the board: its record, and the time from which events count.
+struct View {
+    Access board;
+    std::vector<Event> events;
+    Clock::time_point mark;
+
+    const Event *last(EventKind kind) const
+    {
+        for (auto event = events.rbegin(); event != events.rend(); ++event) {
+            if (event->kind == kind)
+                return &*event;
+        }
+        return nullptr;
+    }
+    std::string lastText(EventKind kind) const
+    {
+        const Event *const event = last(kind);
+        return event ? event->text : "";
+    }
+    std::vector<std::string> marked(EventKind kind) const
+    {
+        std::vector<std::string> texts;
+        for (const Event &event : events) {
+            if (event.kind == kind && event.time >= mark)
+                texts.push_back(event.text);
+        }
+        return texts;
+    }
+};
+
+struct Condition {
+    std::string wanted;
+    std::function<bool(const View &)> holds;
+    std::function<std::string(const View &)> saw;
+};
+
+std::string joined(const std::vector<std::string> &words, const char *separator = " ")
+{
+    std::string text;
+    for (const std::string &word : words)
+        text += (text.empty() ? "" : separator) + word;
+    return text;
+}
+
+std::string orNothing(const std::string &text)
+{
+    return text.empty() ? "nothing" : text;
+}
+
+void checkPattern(const std::string &pattern)
+{
+    if (pattern.size() != 6 || pattern.find_first_not_of("01") != std::string::npos)
+        throw UsageError("no LED pattern: \"" + pattern + "\" (six digits 0 and 1)");
+}
+
+unsigned long long toNumber(const std::string &text)
+{
+    unsigned long long number;
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos ||
+        !CLI::detail::lexical_cast(text, number))
+        throw UsageError("no number: \"" + text + "\"");
+    return number;
+}
+
+Condition ledsShow(const std::string &pattern)
+{
+    checkPattern(pattern);
+    return {"leds " + pattern,
+            [=](const View &view) { return view.lastText(EventKind::Leds) == pattern; },
+            [](const View &view) { return "leds " + orNothing(view.lastText(EventKind::Leds)); }};
+}
+
+Condition modeIs(const std::string &name)
+{
+    const std::string number = modeNumber(name);
+    return {"mode " + name,
+            [=](const View &view) { return view.lastText(EventKind::Mode) == number; },
+            [](const View &view) {
+                return "mode " + orNothing(modeName(view.lastText(EventKind::Mode)));
+            }};
+}
+
+Condition logHas(const std::string &text)
+{
+    return {"log \"" + text + "\"",
+            [=](const View &view) {
+                return joined(view.marked(EventKind::Log), "").find(text) != std::string::npos;
+            },
+            [](const View &view) {
+                return std::to_string(view.marked(EventKind::Log).size()) +
+                       " other records since the mark";
+            }};
+}
+
+Condition storeHas(const std::string &attribute, const std::string &value)
+{
+    const auto stored = [=](const View &view) { return view.board.stored(statusNode, attribute); };
+    return {"store " + attribute + " \"" + value + "\"",
+            [=](const View &view) { return stored(view).value_or("") == value; },
+            [=](const View &view) {
+                const auto found = stored(view);
+                return attribute + (found ? " \"" + *found + "\"" : " never set");
+            }};
+}
+
+Condition omciRuns(const std::string &text)
+{
+    const unsigned long long count = toNumber(text);
+    const auto runs = [](const View &view) { return view.marked(EventKind::Omci).size(); };
+    return {"omci " + text, [=](const View &view) { return runs(view) == count; },
+            [=](const View &view) { return "omci run " + std::to_string(runs(view)) + " times"; }};
+}
+
+/// A field of a port's line in a snapshot; nothing when there is none.
+std::optional<std::string> snapshotField(const std::string &snapshot, const std::string &port,
+                                         const std::string &field)
+{
+    std::istringstream lines(snapshot);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.starts_with("port=" + port + ","))
+            continue;
+        const size_t start = line.find("," + field + "=");
+        if (start == std::string::npos)
+            return std::nullopt;
+        const size_t value = start + field.size() + 2;
+        return line.substr(value, line.find(',', value) - value);
+    }
+    return std::nullopt;
+}
+
+Condition snapshotShows(const std::string &name, const std::string &value)
+{
+    const size_t dot = name.find('.');
+    const std::string port = name.substr(0, dot);
+    const std::string field = dot == std::string::npos ? "" : name.substr(dot + 1);
+    if (field != "in" && field != "out" && field != "counterIn" && field != "counterOut")
+        throw UsageError("no snapshot field: \"" + name +
+                         "\" (PORT.in, .out, .counterIn or .counterOut)");
+    const bool absent = value == "none";
+    if (!absent)
+        toNumber(value);
+    return {"snapshot " + name + " " + value,
+            [=](const View &view) {
+                for (const std::string &snapshot : view.marked(EventKind::Snapshot)) {
+                    const auto found = snapshotField(snapshot, port, field);
+                    if (absent ? !found : found == value)
+                        return true;
+                }
+                return false;
+            },
+            [=](const View &view) {
+                std::vector<std::string> values;
+                for (const std::string &snapshot : view.marked(EventKind::Snapshot)) {
+                    const std::string found = snapshotField(snapshot, port, field).value_or("none");
+                    if (values.empty() || values.back() != found)
+                        values.push_back(found);
+                }
+                return name + " " + orNothing(joined(values, ", ")) + " since the mark";
+            }};
+}
+
+Condition calls(const std::string &function)
+{
+    const std::string name = function.starts_with("syscfg_") ? function : "syscfg_" + function;
+    return {"calls " + function,
+            [=](const View &view) {
+                for (const std::string &call : view.marked(EventKind::Call)) {
+                    if (call == name || call.starts_with(name + " "))
+                        return true;
+                }
+                return false;
+            },
+            [](const View &view) {
+                return "calls " + orNothing(joined(view.marked(EventKind::Call), ", "));
+            }};
+}
+
+Condition exits(const std::string &status)
+{
+    toNumber(status);
+    const auto last = [](const View &view) {
+        const auto exitTexts = view.marked(EventKind::Exit);
+        return exitTexts.empty() ? "" : exitTexts.back();
+    };
+    return {"exit " + status, [=](const View &view) { return last(view) == status; },
+            [=](const View &view) {
+                const std::string found = last(view);
+                return found.empty() ? "the daemon running" : "exit " + found;
+            }};
+}
+
+/// A/B/... [period TIME] [for TIME] [tolerance PERCENT]
+Beat toBeat(const std::vector<std::string> &words)
+{
+    Beat beat;
+    beat.period = std::chrono::seconds(1);
+    std::istringstream patterns(words.at(0));
+    for (std::string pattern; std::getline(patterns, pattern, '/');) {
+        checkPattern(pattern);
+        beat.patterns.push_back(pattern);
+    }
+    if (beat.patterns.size() < 2)
+        throw UsageError("blinking takes two patterns at least: 010101/110000");
+    for (size_t i = 0; i < beat.patterns.size(); i++) {
+        if (beat.patterns[i] == beat.patterns[(i + 1) % beat.patterns.size()])
+            throw UsageError("neighbouring patterns have to differ: \"" + words[0] + "\"");
+    }
+    for (size_t i = 1; i + 1 < words.size(); i += 2) {
+        if (words[i] == "period") {
+            beat.period = toDuration(words[i + 1]);
+        } else if (words[i] == "for") {
+            beat.length = toDuration(words[i + 1]);
+        } else if (words[i] == "tolerance") {
+            std::string percent = words[i + 1];
+            if (percent.ends_with("%"))
+                percent.pop_back();
+            beat.tolerance = static_cast<double>(toNumber(percent)) / 100;
+        } else {
+            throw UsageError("unknown word \"" + words[i] + "\" (period, for, tolerance)");
+        }
+    }
+    if (words.size() % 2 == 0)
+        throw UsageError("a value is missing after \"" + words.back() + "\"");
+    if (beat.length == Clock::duration::zero())
+        beat.length = 2 * beat.period;
+    return beat;
+}
+
+Condition blinks(const std::vector<std::string> &words)
+{
+    const Beat beat = toBeat(words);
+    struct Watching {
+        std::optional<BeatWatch> watch;
+        size_t seen = 0;
+    };
+    const auto watching = std::make_shared<Watching>();
+    return {"blink " + joined(words),
+            [=](const View &view) {
+                if (!watching->watch) {
+                    watching->watch.emplace(beat, Clock::now(), view.lastText(EventKind::Leds));
+                    watching->seen = view.events.size();
+                }
+                for (; watching->seen < view.events.size(); watching->seen++) {
+                    const Event &event = view.events[watching->seen];
+                    if (event.kind == EventKind::Leds)
+                        watching->watch->see(event.time, event.text);
+                }
+                return watching->watch->kept();
+            },
+            [](const View &) { return "the LEDs below"; }};
+}
+
+/// Waits until the condition holds, for as long as it has to; gives whether it did.
+bool await(Connection &connection, const Condition &condition, bool negate, Clock::time_point limit,
+           Clock::duration length, View &view)
+{
+    bool upToDate = false;
+    bool held = false;
+    Clock::time_point since;
+    for (;;) {
+        if (upToDate) {
+            const Clock::time_point now = Clock::now();
+            const bool heldBefore = std::exchange(held, condition.holds(view) != negate);
+            if (held && !heldBefore)
+                since = now;
+            if (held && now - since >= length)
+                return true;
+            if (!held && now >= limit)
+                return false;
+        }
+        // The store changes without telling, so look again now and then.
+        const auto line = connection.line(upToDate ? Clock::now() + std::chrono::milliseconds(50)
+                                                   : Clock::time_point::max());
+        if (line == "now")
+            upToDate = true;
+        else if (line)
+            view.events.push_back(fromLine(*line).value());
+    }
+}
+
+int expect(const Cli &cli, const Options &options, const Condition &condition)
+{
+    const Clock::duration within = toDuration(options.within);
+    const Clock::duration length = toDuration(options.length);
+    auto state = stateOf(cli.board);
+    const Clock::time_point begin = Clock::now();
+    const Clock::time_point start = toTime(state["start"]);
+    View view{cli.running(), {}, toTime(state["mark"])};
+
+    Connection connection(cli.board, "watch " + toText(std::min(view.mark, begin - shownBefore)));
+    if (await(connection, condition, options.negate, begin + within, length, view))
+        return 0;
+
+    const Clock::time_point end = Clock::now();
+    fprintf(stderr, "kelo-board: expected %s%s%s within %s, saw %s\n", options.negate ? "not " : "",
+            condition.wanted.c_str(),
+            length > Clock::duration::zero() ? (" for " + options.length).c_str() : "",
+            options.within.c_str(), condition.saw(view).c_str());
+    const Clock::time_point from = std::max(start, std::min(begin, end - shownBefore));
+    fputs(waveform(view.events, start, from, end).c_str(), stderr);
+    return 1;
+}
+
+struct Kind {
+    const char *name;
+    const char *arguments;
+    const char *description;
+    size_t least;
+    size_t most;
+    std::function<Condition(const std::vector<std::string> &)> make;
+};
+
+} // namespace
+
+void addExpect(Cli &cli)
+{
+    using Words = std::vector<std::string>;
+    const Kind kinds[] = {
+        {"leds", "FLAGS", "The six LEDs show this, such as 000111", 1, 1,
+         [](const Words &words) { return ledsShow(words[0]); }},
+        {"blink", "FLAGS/FLAGS... [period TIME] [for TIME] [tolerance PERCENT]",
+         "The LEDs go through these patterns in a steady beat", 1, 7,
+         [](const Words &words) { return blinks(words); }},
+        {"mode", "KEYWORD", "The display mode, by keyword or number", 1, 1,
+         [](const Words &words) { return modeIs(words[0]); }},
+        {"log", "TEXT", "The daemon's log contains this since the mark", 1, 1,
+         [](const Words &words) { return logHas(words[0]); }},
+        {"store", "ATTRIBUTE VALUE", "The configuration store holds this; VALUE may be empty", 2, 2,
+         [](const Words &words) { return storeHas(words[0], words[1]); }},
+        {"omci", "COUNT", "The omci command ran this often since the mark", 1, 1,
+         [](const Words &words) { return omciRuns(words[0]); }},
+        {"snapshot", "PORT.FIELD VALUE",
+         "A snapshot since the mark has this, such as lan1.in 150; none for a missing port", 2, 2,
+         [](const Words &words) { return snapshotShows(words[0], words[1]); }},
+        {"calls", "FUNCTION", "The daemon called reboot or restoreDefaultBg since the mark", 1, 1,
+         [](const Words &words) { return calls(words[0]); }},
+        {"exit", "STATUS", "The daemon ended with this status", 1, 1,
+         [](const Words &words) { return exits(words[0]); }},
+    };
+
+    const auto options = std::make_shared<Options>();
+    CLI::App *const command = cli.app.add_subcommand(
+        "expect", "Wait until something holds; fail and say what there was instead");
+    command->group(testGroup);
+    command->require_subcommand(1);
+    command->add_option("--within", options->within, "Deadline")->capture_default_str();
+    command->add_option("--for", options->length, "How long it has to hold");
+    command->add_flag("--not", options->negate, "Wait until it does not hold");
+    for (const Kind &kind : kinds) {
+        const auto make = kind.make;
+        cli.addTo(*command, kind.name, std::string(kind.description),
+                  [&cli, options, make] { return expect(cli, *options, make(options->words)); })
+            ->add_option("words", options->words, kind.arguments)
+            ->required()
+            ->type_name(kind.arguments)
+            ->expected(static_cast<int>(kind.least), static_cast<int>(kind.most));
+    }
+
+    cli.add(testGroup, "mark", "Let expect log, omci, snapshot, calls and exit count from here on",
+            [&cli] {
+                request(cli.board, "mark");
+                return 0;
+            });
+}
+
+} // namespace kelo

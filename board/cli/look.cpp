@@ -1,0 +1,172 @@
+#include "cli.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cstdio>
+#include <filesystem>
+
+namespace kelo {
+
+namespace {
+
+constexpr char statusNode[] = "Kelo_Ipv6Status";
+
+struct LookOptions {
+    bool follow = false;
+    std::string attribute;
+};
+
+/// Prints the record of a board, of one kind or of all, and goes on as it grows if asked to.
+int printRecord(const Cli &cli, bool follow, std::optional<EventKind> kind)
+{
+    const Clock::time_point start = toTime(stateOf(cli.board)["start"]);
+    EventPrinter printer(start, cli.json);
+    Connection connection(cli.board, "watch " + toText(start));
+    try {
+        for (;;) {
+            const std::string line = *connection.line();
+            if (line == "now" && !follow)
+                return 0;
+            const std::optional<Event> event = fromLine(line);
+            if (event && (!kind || event->kind == *kind))
+                printer.print(*event);
+        }
+    } catch (const BoardGone &) {
+        return 0;
+    }
+}
+
+void printJson(const nlohmann::ordered_json &value)
+{
+    puts(value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+}
+
+int leds(const Cli &cli)
+{
+    const std::string flags = stateOf(cli.board)["leds"];
+    if (!cli.json) {
+        puts(flags.c_str());
+        return 0;
+    }
+    constexpr const char *gpios[] = {"6", "7", "8", "2", "3", "4"};
+    nlohmann::ordered_json lit;
+    for (size_t i = 0; i < std::min(flags.size(), std::size(gpios)); i++)
+        lit[gpios[i]] = flags[i] == '1';
+    printJson({{"leds", flags}, {"gpio", lit}});
+    return 0;
+}
+
+int store(const Cli &cli, const std::string &attribute)
+{
+    const Access board = cli.running();
+    if (!attribute.empty()) {
+        const auto value = board.stored(statusNode, attribute);
+        if (!value)
+            throw Failure("the store has no \"" + attribute + "\"");
+        if (cli.json)
+            printJson(*value);
+        else
+            puts(value->c_str());
+        return 0;
+    }
+    nlohmann::json node = nlohmann::json::object();
+    std::error_code none;
+    const std::string folder = board.path(std::string("/board/store/") + statusNode);
+    for (const auto &entry : std::filesystem::directory_iterator(folder, none)) {
+        const std::string name = entry.path().filename();
+        if (!name.starts_with("."))
+            node[name] = board.stored(statusNode, name).value_or("");
+    }
+    if (cli.json) {
+        printJson(node);
+        return 0;
+    }
+    for (const auto &[name, value] : node.items())
+        printf("%-14s  %s\n", name.c_str(), value.get<std::string>().c_str());
+    return 0;
+}
+
+/// Prints the port counter snapshot: the file itself, or an object for every port.
+int snapshot(const Cli &cli)
+{
+    const std::string path = cli.running().path("/var/run/kelo-monitord.netinfo");
+    if (!std::filesystem::exists(path))
+        throw Failure("there is no snapshot yet");
+    const std::string text = readFile(path);
+    if (!cli.json) {
+        fputs(text.c_str(), stdout);
+        return 0;
+    }
+    nlohmann::ordered_json ports = nlohmann::json::array();
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        nlohmann::ordered_json port;
+        std::istringstream fields(line);
+        for (std::string field; std::getline(fields, field, ',');) {
+            const size_t equals = std::min(field.find('='), field.size() - 1);
+            const std::string value = field.substr(equals + 1);
+            if (field.starts_with("port="))
+                port["port"] = value;
+            else
+                port[field.substr(0, equals)] = strtoull(value.c_str(), nullptr, 10);
+        }
+        ports.push_back(port);
+    }
+    printJson(ports);
+    return 0;
+}
+
+int status(const Cli &cli)
+{
+    auto state = stateOf(cli.board);
+    const bool runs = state["daemon"] != "0";
+    nlohmann::ordered_json object{{"name", cli.board},
+                                  {"daemon", runs ? "running" : "ended"},
+                                  {"mode", modeName(state["mode"])},
+                                  {"leds", state["leds"]},
+                                  {"laser", state["laser"]},
+                                  {"gpon", state["gpon"]},
+                                  {"button", state["button"]}};
+    if (!state["exit"].empty() && !runs)
+        object["exit"] = state["exit"];
+    if (cli.json) {
+        printJson(object);
+        return 0;
+    }
+    for (const auto &[key, value] : object.items())
+        printf("%-8s  %s\n", key.c_str(), value.get<std::string>().c_str());
+    return 0;
+}
+
+} // namespace
+
+void addLook(Cli &cli)
+{
+    const auto options = std::make_shared<LookOptions>();
+
+    CLI::App *const statusCommand = cli.add(lookGroup, "status", "Print what the board is doing",
+                                            [&cli] { return status(cli); });
+    CLI::App *const ledsCommand =
+        cli.add(lookGroup, "leds", "Print the six LEDs: GPIO 6, 7, 8, 2, 3, 4, 1 is lit",
+                [&cli] { return leds(cli); });
+    CLI::App *const storeCommand =
+        cli.add(lookGroup, "store", "Print the IPv6 status in the configuration store",
+                [&cli, options] { return store(cli, options->attribute); });
+    storeCommand->add_option("attribute", options->attribute,
+                             "Only this one, for example wanAddress");
+    CLI::App *const snapshotCommand = cli.add(
+        lookGroup, "snapshot", "Print the port counter snapshot", [&cli] { return snapshot(cli); });
+    CLI::App *const logCommand =
+        cli.add(lookGroup, "log", "Print the daemon's log",
+                [&cli, options] { return printRecord(cli, options->follow, EventKind::Log); });
+    CLI::App *const eventsCommand =
+        cli.add(lookGroup, "events", "Print everything that happened on the board",
+                [&cli, options] { return printRecord(cli, options->follow, std::nullopt); });
+    for (CLI::App *const command : {logCommand, eventsCommand})
+        command->add_flag("-f,--follow", options->follow, "Go on as more happens");
+    for (CLI::App *const command :
+         {statusCommand, ledsCommand, storeCommand, snapshotCommand, logCommand, eventsCommand})
+        cli.addJson(*command);
+}
+
+} // namespace kelo

@@ -1,0 +1,261 @@
+#include "host.h"
+
+#include "registry.h"
+
+#include <algorithm>
+#include <map>
+#include <poll.h>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+#include <utility>
+
+namespace kelo {
+
+namespace {
+
+constexpr auto startDeadline = std::chrono::seconds(20);
+
+// Called on the first tick of the display, so the event loop runs and the display pipe is there.
+constexpr char firstTick[] = "syscfg_getLaserInfo";
+
+bool isPolling(const Event &event)
+{
+    return event.kind == EventKind::Call && event.text.starts_with("syscfg_get");
+}
+
+bool sendText(int socket, const std::string &text)
+{
+    size_t sent = 0;
+    while (sent < text.size()) {
+        const ssize_t length = send(socket, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+        if (length <= 0)
+            return false;
+        sent += static_cast<size_t>(length);
+    }
+    return true;
+}
+
+std::string readLine(int socket)
+{
+    std::string line;
+    char character;
+    while (line.size() < 65536 && read(socket, &character, 1) == 1) {
+        if (character == '\n')
+            return line;
+        line += character;
+    }
+    return {};
+}
+
+bool hungUp(int socket)
+{
+    pollfd source{socket, POLLRDHUP, 0};
+    return poll(&source, 1, 0) > 0;
+}
+
+std::string lastLog(const std::vector<Event> &events)
+{
+    std::string text;
+    for (const Event &event : events) {
+        if (event.kind == EventKind::Log)
+            text = event.text.substr(0, event.text.find('\n'));
+    }
+    return text.empty() ? "" : ": " + text;
+}
+
+} // namespace
+
+Host::Host(const std::string &name, const Board::Options &options)
+    : socket_(listenAs(name)), board_(options), button_(board_), end_(makePipe()),
+      acceptor_(&Host::acceptLoop, this)
+{
+}
+
+Host::~Host()
+{
+    ending_ = true;
+    end_.write.reset();
+    acceptor_.join();
+    for (Client &client : clients_) {
+        if (!client.awaitsEnd)
+            shutdown(client.socket.get(), SHUT_RDWR);
+        client.thread.join();
+    }
+}
+
+void Host::startDaemon(const std::vector<std::string> &arguments)
+{
+    const std::lock_guard lock(daemonMutex_);
+    start(arguments);
+}
+
+void Host::stopDaemon()
+{
+    const std::lock_guard lock(daemonMutex_);
+    board_.stopDaemon();
+}
+
+void Host::restartDaemon()
+{
+    const std::lock_guard lock(daemonMutex_);
+    board_.stopDaemon();
+    start(arguments_);
+}
+
+void Host::start(const std::vector<std::string> &arguments)
+{
+    if (board_.daemon())
+        throw std::runtime_error("the daemon runs already");
+    arguments_ = arguments;
+    const bool detaches = std::find(arguments.begin(), arguments.end(), "-d") != arguments.end();
+    const size_t from = board_.mark();
+    mark_ = Clock::now();
+    board_.startDaemon(arguments);
+    bool ended = false;
+    const bool runs = board_.waitUntil(
+        [&](const std::vector<Event> &events) {
+            for (size_t i = from; i < events.size(); i++) {
+                if (events[i].kind == EventKind::Call && events[i].text == firstTick)
+                    return true;
+                ended |= events[i].kind == EventKind::Exit && !(detaches && events[i].text == "0");
+            }
+            return ended;
+        },
+        startDeadline);
+    if (ended)
+        throw std::runtime_error("the daemon ended at once" + lastLog(board_.events(from)));
+    if (!runs)
+        throw std::runtime_error("the daemon did not get going" + lastLog(board_.events(from)));
+}
+
+void Host::acceptLoop()
+{
+    for (;;) {
+        pollfd sources[] = {{socket_.get(), POLLIN, 0}, {end_.read.get(), POLLIN, 0}};
+        poll(sources, std::size(sources), -1);
+        if (sources[1].revents)
+            return;
+        clients_.remove_if([](Client &client) {
+            const bool finished = client.done && !client.awaitsEnd;
+            if (finished)
+                client.thread.join();
+            return finished;
+        });
+        Descriptor socket = acceptClient(socket_.get());
+        if (!socket)
+            continue;
+        const timeval patience{5, 0};
+        setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        Client &client = clients_.emplace_back(std::move(socket));
+        client.thread = std::thread(&Host::serve, this, std::ref(client));
+    }
+}
+
+void Host::serve(Client &client)
+{
+    try {
+        answer(client, readLine(client.socket.get()));
+    } catch (const std::exception &error) {
+        std::string text = error.what();
+        std::replace(text.begin(), text.end(), '\n', ' ');
+        sendText(client.socket.get(), "error " + text + "\n");
+    }
+    if (!client.awaitsEnd)
+        shutdown(client.socket.get(), SHUT_RDWR);
+    client.done = true;
+}
+
+void Host::answer(Client &client, const std::string &request)
+{
+    std::istringstream words(request);
+    std::string verb;
+    words >> verb;
+    std::vector<std::string> arguments;
+    for (std::string word; words >> word;)
+        arguments.push_back(word);
+
+    if (verb == "place") {
+        const Place &place = board_.place();
+        std::ostringstream text;
+        text << place.holder << ' ' << place.isolated << ' ' << place.root << '\n';
+        sendText(client.socket.get(), text.str());
+    } else if (verb == "state") {
+        sendText(client.socket.get(), state());
+    } else if (verb == "watch" && !arguments.empty()) {
+        watch(client, toTime(arguments[0]));
+    } else if (verb == "mark") {
+        mark_ = Clock::now();
+    } else if (verb == "start") {
+        startDaemon(arguments);
+    } else if (verb == "stop") {
+        stopDaemon();
+    } else if (verb == "restart") {
+        restartDaemon();
+    } else if (verb == "hold") {
+        button_.hold();
+    } else if (verb == "release") {
+        button_.release();
+    } else if (verb == "down") {
+        client.awaitsEnd = true;
+        down_ = true;
+    } else {
+        throw std::runtime_error("unknown request \"" + verb + "\"");
+    }
+}
+
+void Host::watch(const Client &client, Clock::time_point since) const
+{
+    size_t seen = 0;
+    bool first = true;
+    while (!ending_ && !hungUp(client.socket.get())) {
+        std::string text;
+        if (first) {
+            std::map<EventKind, Event> before;
+            for (const Event &event : board_.events()) {
+                if (event.time >= since)
+                    break;
+                seen++;
+                if (!isPolling(event))
+                    before.insert_or_assign(event.kind, event);
+            }
+            for (const auto &[kind, event] : before)
+                text += toLine(event) + "\n";
+        }
+        for (const Event &event : board_.events(seen)) {
+            seen++;
+            if (!isPolling(event))
+                text += toLine(event) + "\n";
+        }
+        if (std::exchange(first, false))
+            text += "now\n";
+        if (!text.empty() && !sendText(client.socket.get(), text))
+            return;
+        board_.waitUntil([&](const auto &events) { return events.size() > seen; },
+                         std::chrono::milliseconds(100));
+    }
+}
+
+std::string Host::state() const
+{
+    std::map<EventKind, std::string> last;
+    board_.waitUntil(
+        [&](const std::vector<Event> &events) {
+            for (auto event = events.rbegin(); event != events.rend(); ++event) {
+                if (!isPolling(*event))
+                    last.try_emplace(event->kind, event->text);
+            }
+            return true;
+        },
+        Clock::duration::zero());
+    std::ostringstream text;
+    for (const EventKind kind : {EventKind::Leds, EventKind::Mode, EventKind::Laser,
+                                 EventKind::Gpon, EventKind::Button, EventKind::Exit})
+        text << kindName(kind) << ' ' << last[kind] << '\n';
+    text << "pid " << getpid() << "\ndaemon " << board_.daemon().value_or(0) << "\nstart "
+         << toText(startTime_) << "\nmark " << toText(mark_) << '\n';
+    return text.str();
+}
+
+} // namespace kelo

@@ -1,0 +1,67 @@
+/// A board that this process runs under a name, and answers for until it is destroyed.
+
+#pragma once
+
+#include "board.h"
+#include "button.h"
+
+#include <atomic>
+#include <list>
+#include <string>
+#include <thread>
+
+namespace kelo {
+
+class Host {
+public:
+    /// Throws std::runtime_error when a board of this name runs already, or as Board does.
+    explicit Host(const std::string &name, const Board::Options &options = {});
+    ~Host();
+    Host(const Host &) = delete;
+    Host &operator=(const Host &) = delete;
+
+    Board &board() { return board_; }
+    ResetButton &button() { return button_; }
+    Clock::time_point startTime() const { return startTime_; }
+
+    /// Starts the daemon and waits until its event loop runs. Throws std::runtime_error that says
+    /// why it does not.
+    void startDaemon(const std::vector<std::string> &arguments);
+    /// Ends the daemon, if it runs.
+    void stopDaemon();
+    /// Both, with the arguments of the last start.
+    void restartDaemon();
+
+    /// Whether somebody asked for the board's end.
+    bool wantsDown() const { return down_; }
+
+private:
+    struct Client {
+        Descriptor socket;
+        bool awaitsEnd = false; ///< asked for the board's end, and hears of it by the socket's
+        std::atomic<bool> done{false};
+        std::thread thread{};
+    };
+
+    void start(const std::vector<std::string> &arguments);
+    void acceptLoop();
+    void serve(Client &client);
+    void answer(Client &client, const std::string &request);
+    void watch(const Client &client, Clock::time_point since) const;
+    std::string state() const;
+
+    const Clock::time_point startTime_ = Clock::now();
+    Descriptor socket_;
+    std::list<Client> clients_;
+    Board board_;
+    ResetButton button_;
+    std::mutex daemonMutex_;
+    std::vector<std::string> arguments_;
+    std::atomic<Clock::time_point> mark_{Clock::now()};
+    std::atomic<bool> down_{false};
+    std::atomic<bool> ending_{false};
+    Pipe end_;
+    std::thread acceptor_;
+};
+
+} // namespace kelo
