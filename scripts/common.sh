@@ -54,7 +54,7 @@ build_packages=(g++ cmake ninja-build libevent-dev libgtest-dev libgmock-dev lib
     busybox-static iproute2 util-linux mount)
 
 # What the tests need beside that.
-test_packages=(binutils procps tmux strace mandoc)
+test_packages=(binutils procps tmux strace sigrok-cli librsvg2-bin fonts-dejavu-core mandoc)
 
 # build PRESET: configures and builds it.
 build()

@@ -1,0 +1,44 @@
+/// Pictures that read on a light and on a dark page, and without a style sheet's help as a plain
+/// light one.
+
+#pragma once
+
+#include <string>
+
+namespace kelo {
+
+class Svg {
+public:
+    enum class Anchor { Start, Middle, End };
+
+    /// Shapes take the colours of a class: "bg" page, "ink" and "muted" for text and strokes,
+    /// "grid" faint lines, "off" and "lit" LEDs, "busy" a LED that blinks too fast to be drawn,
+    /// "band" a stretch of time that carries text, "mark" a moment.
+    void rect(const char *style, double x, double y, double width, double height,
+              double radius = 0);
+    void line(const char *style, double x1, double y1, double x2, double y2);
+    void text(const char *style, double x, double y, const std::string &text,
+              Anchor anchor = Anchor::Start);
+    void circle(const char *style, double x, double y, double radius);
+    /// What another picture shows, on top.
+    void add(const Svg &other) { body_ += other.body_; }
+    /// Any element.
+    void raw(const std::string &element) { body_ += element; }
+    /// A rule for shapes of an own class.
+    void style(const std::string &rule) { style_ += rule; }
+
+    /// The file.
+    std::string finish(double width, double height, const std::string &title) const;
+
+    static std::string escape(const std::string &text);
+    /// Roughly what a text takes up.
+    static double textWidth(const std::string &text, double size = FONT_SIZE);
+
+    static constexpr double FONT_SIZE = 12;
+
+private:
+    std::string body_;
+    std::string style_;
+};
+
+} // namespace kelo
