@@ -56,6 +56,8 @@ int main(int argc, char **argv)
     addLook(cli);
     addExpect(cli);
     addWait(cli);
+    addRecord(cli);
+    addPlot(cli);
 
     try {
         cli.app.parse(arguments(argc, argv));

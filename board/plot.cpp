@@ -251,10 +251,9 @@ private:
             grid_.line("grid", position, 10, position, y_);
             picture_.line("muted", position, y_, position, y_ + 4);
             char text[32];
-            snprintf(text, sizeof text, "%.*f", decimals, tick);
+            snprintf(text, sizeof text, "%.*f s", decimals, std::abs(tick));
             picture_.text("muted", position, y_ + 18, text, Svg::Anchor::Middle);
         }
-        picture_.text("muted", LEFT - 10, y_ + 18, "seconds", Svg::Anchor::End);
     }
 
     void finishLane() { y_ += LANE; }

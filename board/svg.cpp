@@ -117,7 +117,7 @@ double Svg::textWidth(const std::string &text, double size)
     double characters = 0;
     for (const char character : text)
         characters += (static_cast<unsigned char>(character) & 0xc0) != 0x80 ? 1 : 0;
-    return characters * size * 0.62;
+    return characters * size * 0.58;
 }
 
 } // namespace kelo

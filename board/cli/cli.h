@@ -66,6 +66,8 @@ void addLook(Cli &cli);
 void addExpect(Cli &cli);
 void addWait(Cli &cli);
 void addRun(Cli &cli);
+void addRecord(Cli &cli);
+void addPlot(Cli &cli);
 
 /// Prints events as lines that carry time and kind, or as JSON. What only repeats itself is left
 /// out.

@@ -1,0 +1,136 @@
+#include "cli.h"
+
+#include "plot.h"
+#include "recording.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+
+namespace kelo {
+
+namespace {
+
+struct RecordOptions {
+    std::string file;
+    std::string length;
+};
+
+struct PlotOptions {
+    std::string file;
+    std::string output;
+    double from = 0;
+    double to = -1;
+};
+
+/// What happened on a running board from one time on until now.
+Recording recordingOf(const std::string &board, Clock::time_point from)
+{
+    std::vector<Event> events;
+    Connection connection(board, "watch " + toText(from));
+    while (const std::optional<std::string> line = connection.line()) {
+        if (*line == "now")
+            break;
+        std::optional<Event> event = fromLine(*line);
+        if (event) {
+            event->time = std::max(event->time, from); // what holds at the start
+            events.push_back(std::move(*event));
+        }
+    }
+    return makeRecording(events, Clock::now());
+}
+
+Clock::time_point startOf(const std::string &board)
+{
+    return toTime(stateOf(board)["start"]);
+}
+
+int record(const std::string &board, const RecordOptions &options)
+{
+    Clock::time_point from = startOf(board);
+    const Clock::duration length =
+        options.length.empty() ? Clock::duration::zero() : toDuration(options.length);
+    // The file before the wait: it would be a pity to find out after an hour.
+    std::ofstream file;
+    if (options.file != "-") {
+        file.open(options.file, std::ios::trunc);
+        if (!file)
+            throw Failure("cannot write " + options.file + ": " + strerror(errno));
+    }
+    if (!options.length.empty()) {
+        from = Clock::now();
+        letPass(board, length);
+    }
+    std::ostream &out = options.file == "-" ? std::cout : file;
+    writeVcd(recordingOf(board, from), out);
+    if (!out.flush())
+        throw Failure("cannot write " + options.file + ": " + strerror(errno));
+    return 0;
+}
+
+Recording readRecording(const std::string &path)
+{
+    std::ifstream file(path);
+    if (!file)
+        throw Failure("cannot read " + path + ": " + strerror(errno));
+    try {
+        return readVcd(file);
+    } catch (const std::runtime_error &error) {
+        throw Failure(path + ": " + error.what());
+    }
+}
+
+int drawPlot(const std::string &board, const PlotOptions &options)
+{
+    if (!options.output.ends_with(".svg") && !options.output.ends_with(".png"))
+        throw UsageError("a picture's name ends in .svg or .png, not so \"" + options.output +
+                         "\"");
+    if (!(options.from >= 0) || (options.to >= 0 && options.to <= options.from))
+        throw UsageError("a picture goes from 0 or later to later than that");
+    const Recording recording =
+        options.file.empty() ? recordingOf(board, startOf(board)) : readRecording(options.file);
+    const auto ticks = [&](double seconds) {
+        const double tick = seconds * static_cast<double>(RecordingTick::period::den);
+        return tick < static_cast<double>(recording.length) ? static_cast<int64_t>(tick)
+                                                            : recording.length;
+    };
+    const int64_t from = ticks(options.from);
+    if (from > 0 && from >= recording.length)
+        throw Failure("the recording ends before that");
+    savePicture(plot(recording, from, options.to < 0 ? recording.length : ticks(options.to)),
+                options.output);
+    return 0;
+}
+
+} // namespace
+
+void addRecord(Cli &cli)
+{
+    const auto options = std::make_shared<RecordOptions>();
+    CLI::App *const command =
+        cli.add(lookGroup, "record",
+                "Save what happened on a board as VCD, for plot, GTKWave or sigrok-cli",
+                [&cli, options] { return record(cli.board, *options); });
+    command
+        ->add_option("file", options->file,
+                     "File to write, such as board.vcd; - for standard output")
+        ->required();
+    command->add_option("--for", options->length,
+                        "Record from now on for a time (10s), not what happened so far");
+}
+
+void addPlot(Cli &cli)
+{
+    const auto options = std::make_shared<PlotOptions>();
+    CLI::App *const command =
+        cli.add(lookGroup, "plot", "Draw a recording, or what happened on the board so far",
+                [&cli, options] { return drawPlot(cli.board, *options); });
+    command->add_option("file", options->file, "Recording to draw; without it the running board");
+    command->add_option("-o,--output", options->output, "Picture to write: .svg or .png")
+        ->required();
+    command->add_option("--from", options->from, "Second at which the picture starts");
+    command->add_option("--to", options->to, "Second at which it ends");
+}
+
+} // namespace kelo
