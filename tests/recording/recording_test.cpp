@@ -188,7 +188,7 @@ TEST_F(Recorded, PlotNamesAllThatHappened)
     for (const char *const text :
          {"GPIO 6", "GPIO 7", "GPIO 8", "GPIO 2", "GPIO 3", "GPIO 4", "mode", "rx power",
           "-9.5 dBm", "GPON link", "down (4)", "button", "wanAddress 2001:db8::1",
-          "omci set update_ip", ">0 s<", ">reboot<"})
+          "omci set update_ip", " s</text>", ">reboot<"})
         EXPECT_NE(std::string::npos, svg.find(text)) << text;
     EXPECT_NE(std::string::npos, svg.find("prefers-color-scheme:dark"));
 }
