@@ -19,10 +19,14 @@ using fakes::process;
 
 extern "C" {
 
+pid_t __real_fork();
+
 pid_t __wrap_fork()
 {
+    if (!process().forkResult)
+        return __real_fork();
     note("fork");
-    return process().forkResult;
+    return *process().forkResult;
 }
 
 mode_t __wrap_umask(mode_t mask)

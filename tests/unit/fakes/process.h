@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <optional>
 #include <sys/types.h>
 
 namespace fakes {
@@ -12,7 +13,7 @@ struct Exit {
 };
 
 struct Process {
-    pid_t forkResult = 4711;
+    std::optional<pid_t> forkResult = 4711; ///< empty: it really forks
     pid_t setsidResult = 4711;
     int chdirResult = 0;
     int systemResult = -1; // nobody looks at it
