@@ -56,7 +56,7 @@ build_packages=(g++ cmake ninja-build libevent-dev libgtest-dev libgmock-dev lib
 # What the tests need beside that.
 test_packages=(binutils procps tmux strace sigrok-cli librsvg2-bin fonts-dejavu-core mandoc)
 
-# build PRESET: configures and builds it.
+# build PRESET [TARGET]: configures it and builds the target, or everything.
 build()
 {
     say "building $1"
@@ -64,7 +64,7 @@ build()
     [ "$1" = release ] || folder=build/$1
     mkdir -p "$folder"
     log=$folder/build.log
-    if ! { cmake --preset "$1" && cmake --build "$folder"; } > "$log" 2>&1; then
+    if ! { cmake --preset "$1" && cmake --build "$folder" ${2:+--target "$2"}; } > "$log" 2>&1; then
         grep -E -A 20 'error|Error|FAILED' "$log" | head -n 60 >&2 || tail -n 40 "$log" >&2
         say "the build failed, see $log"
         exit 1
