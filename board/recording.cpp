@@ -42,15 +42,13 @@ public:
     {
         Signal &signal = *std::find_if(recording_.signals.begin(), recording_.signals.end(),
                                        [&](const Signal &s) { return s.name == name; });
+        int64_t time = time_;
         if (signal.type != Signal::Type::Event && !signal.changes.empty()) {
             if (signal.changes.back().value == value)
                 return;
-            if (signal.changes.back().time == time_) {
-                signal.changes.back().value = value;
-                return;
-            }
+            time = std::max(time, signal.changes.back().time + 1); // no edge is lost
         }
-        signal.changes.push_back({time_, value});
+        signal.changes.push_back({time, value});
     }
 
 private:
@@ -361,6 +359,10 @@ Recording makeRecording(const std::vector<Event> &events, Clock::time_point end)
         recordEvent(recorder, event);
     }
     recording.length = since(end);
+    for (const Signal &signal : recording.signals) {
+        if (!signal.changes.empty())
+            recording.length = std::max(recording.length, signal.changes.back().time);
+    }
     return recording;
 }
 

@@ -60,6 +60,7 @@ std::vector<std::pair<int64_t, std::string>> changesOf(const Recording &recordin
 class Recorded : public BoardTest {
 protected:
     Folder folder;
+    std::vector<Event> performed;
 
     /// Something of everything that a recording shows.
     Recording perform()
@@ -76,7 +77,8 @@ protected:
         EXPECT_TRUE(sees(EventKind::Mode, "2"));
         board.setButton(0);
         EXPECT_TRUE(sees(EventKind::Call, "syscfg_reboot"));
-        return kelo::makeRecording(board.events(), kelo::Clock::now());
+        performed = board.events();
+        return kelo::makeRecording(performed, kelo::Clock::now());
     }
 
     std::string save(const std::string &name, const std::string &text) const
@@ -89,10 +91,9 @@ protected:
 TEST_F(Recorded, EdgesAreTheDaemonsLedWrites)
 {
     const Recording recording = perform();
-    const std::vector<Event> events = board.events();
     std::string flags = "??????";
     std::map<size_t, std::vector<std::string>> expected;
-    for (const Event &event : events) {
+    for (const Event &event : performed) {
         if (event.kind != EventKind::Leds)
             continue;
         for (size_t led = 0; led < flags.size(); led++) {
