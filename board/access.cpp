@@ -32,6 +32,12 @@ std::string statFields(const std::string &proc)
     return name == std::string::npos ? "" : stat.substr(name + 2);
 }
 
+std::filesystem::path userNamespace(const std::string &process)
+{
+    std::error_code ignored;
+    return std::filesystem::read_symlink("/proc/" + process + "/ns/user", ignored);
+}
+
 /// Whether a process is the daemon itself: not a zombie, and run under its name.
 bool isDaemon(const std::string &proc)
 {
@@ -132,7 +138,7 @@ std::vector<std::string> Access::inside(const std::vector<std::string> &command)
     if (place_.isolated) {
         result = {"nsenter", "--target", std::to_string(place_.holder), "--mount", "--root",
                   "--net",   "--pid"};
-        if (geteuid() != 0)
+        if (userNamespace(std::to_string(place_.holder)) != userNamespace("self"))
             result.insert(result.end(), {"--user", "--preserve-credentials"});
         result.push_back("--");
     }

@@ -30,13 +30,13 @@ struct Holder {
     std::string complaint; ///< what it said instead of starting
 };
 
-Holder startHolder(const std::string &rootfs, bool isolated)
+Holder startHolder(const std::string &rootfs, bool isolated, bool asUser)
 {
     std::vector<std::string> command;
     if (isolated) {
         command = {"unshare", "--mount",      "--net",         "--pid",
                    "--fork",  "--kill-child", "--propagation", "unchanged"};
-        if (geteuid() != 0)
+        if (asUser)
             command.insert(command.end(), {"--user", "--map-root-user"});
     }
     command.insert(command.end(),
@@ -65,6 +65,15 @@ Holder startHolder(const std::string &rootfs, bool isolated)
         waitFor(holder.unshare);
     }
     return holder;
+}
+
+/// The root file system of the form of the board that KELO_BOARD names: host, mips, mips-sf, ...
+std::string defaultRootfs()
+{
+    const char *const form = getenv("KELO_BOARD");
+    if (!form || std::string(form) == "host")
+        return KELO_ROOTFS;
+    return std::string(KELO_BUILDS "/") + form + "/rootfs";
 }
 
 std::string advice()
@@ -103,23 +112,29 @@ const char *kindName(EventKind kind)
 Board::Board(const Options &options) : Access(Place{}), environment_(options.environment)
 {
     environment_.insert(environment_.begin(), "PATH=/usr/sbin:/usr/bin:/sbin:/bin");
-    const std::string rootfs = options.rootfs.empty() ? KELO_ROOTFS : options.rootfs;
+    const std::string rootfs = options.rootfs.empty() ? defaultRootfs() : options.rootfs;
     if (!std::filesystem::exists(rootfs + "/usr/sbin/kelo-monitord"))
         throw std::runtime_error("no board to start in " + rootfs + ": build it first");
     if (access("/proc/self/stat", R_OK) != 0)
         throw std::runtime_error("the board needs /proc: mount -t proc proc /proc");
 
-    Holder holder = startHolder(rootfs, true);
+    // Only a user namespace can have an emulator of its own for programs of another machine; where
+    // root is refused one, board-init gets by without.
+    const bool isRoot = geteuid() == 0;
+    const bool emulated = std::filesystem::exists(rootfs + "/.emulator");
+    Holder holder = startHolder(rootfs, true, !isRoot || emulated);
+    if (holder.place.root.empty() && isRoot && emulated)
+        holder = startHolder(rootfs, true, false);
     if (holder.place.root.empty()) {
         const bool refused = holder.complaint.starts_with("unshare:");
         const std::string reason = holder.complaint + (refused ? advice() : "");
-        if (geteuid() != 0 || !refused)
+        if (!isRoot || !refused)
             throw std::runtime_error(reason);
         fprintf(stderr,
                 "%s\ngoing on without: in a plain chroot, on this machine's network, which "
                 "is listened to but not changed\n",
                 reason.c_str());
-        holder = startHolder(rootfs, false);
+        holder = startHolder(rootfs, false, false);
         if (holder.place.root.empty())
             throw std::runtime_error(holder.complaint);
     }

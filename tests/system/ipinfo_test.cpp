@@ -118,6 +118,7 @@ TEST_F(IpInfo, DefaultRouteIsPublishedAndItsRemovalLeavesTheGateway)
     ip("-6 route add default via fe80::1 dev nas0_0");
     EXPECT_TRUE(logs("New IPv6 default route via fe80::1" + on("nas0_0")));
     EXPECT_TRUE(sees(EventKind::Store, "Kelo_Ipv6Status wanGateway \"fe80::1\""));
+    EXPECT_TRUE(sees(EventKind::Omci, "set update_ip"));
     fromNow();
     ip("-6 route del default via fe80::1 dev nas0_0");
     EXPECT_TRUE(logs("Removed IPv6 default route via fe80::1" + on("nas0_0")));
