@@ -41,7 +41,7 @@ int main(int argc, char **argv)
     cli.app.require_subcommand(1);
     cli.app.fallthrough();
     cli.app.add_option("-b,--board", cli.board, "Name of the board to talk to")
-        ->envname("KELO_BOARD")
+        ->envname("KELO_BOARD_NAME")
         ->capture_default_str();
 
     addUp(cli);
