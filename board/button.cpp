@@ -18,6 +18,12 @@ ResetButton::~ResetButton()
     counter_.join();
 }
 
+void ResetButton::setSpeed(int speed)
+{
+    const std::lock_guard lock(mutex_);
+    speed_ = speed;
+}
+
 void ResetButton::hold()
 {
     const std::lock_guard lock(mutex_);
@@ -45,7 +51,7 @@ void ResetButton::count()
             changed_.wait(lock);
             continue;
         }
-        const bool moved = changed_.wait_for(lock, std::chrono::seconds(1),
+        const bool moved = changed_.wait_for(lock, std::chrono::nanoseconds(1000000000) / speed_,
                                              [this] { return ending_ || value_ == 0; });
         if (moved)
             continue;

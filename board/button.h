@@ -18,6 +18,8 @@ public:
     ResetButton(const ResetButton &) = delete;
     ResetButton &operator=(const ResetButton &) = delete;
 
+    /// The board's clock runs at a multiple of the real one.
+    void setSpeed(int speed);
     void hold();
     void release();
 
@@ -28,6 +30,7 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     int value_ = 0;
+    int speed_ = 1;
     bool ending_ = false;
     std::thread counter_;
 };

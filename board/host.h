@@ -24,9 +24,9 @@ public:
     ResetButton &button() { return button_; }
     Clock::time_point startTime() const { return startTime_; }
 
-    /// Starts the daemon and waits until its event loop runs. Throws std::runtime_error that says
-    /// why it does not.
-    void startDaemon(const std::vector<std::string> &arguments);
+    /// Starts the daemon, whose clock runs at a multiple of the real one, and waits until its event
+    /// loop runs. Throws std::runtime_error that says why it does not.
+    void startDaemon(const std::vector<std::string> &arguments, int speed = 1);
     /// Ends the daemon, if it runs.
     void stopDaemon();
     /// Both, with the arguments of the last start.
@@ -43,7 +43,8 @@ private:
         std::thread thread{};
     };
 
-    void start(const std::vector<std::string> &arguments);
+    void start(const std::vector<std::string> &arguments, int speed);
+    std::vector<std::string> fastClock(int speed) const;
     void acceptLoop();
     void serve(Client &client);
     void answer(Client &client, const std::string &request);
@@ -57,6 +58,7 @@ private:
     ResetButton button_;
     std::mutex daemonMutex_;
     std::vector<std::string> arguments_;
+    int speed_ = 1;
     std::atomic<Clock::time_point> mark_{Clock::now()};
     std::atomic<bool> down_{false};
     std::atomic<bool> ending_{false};

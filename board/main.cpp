@@ -51,6 +51,7 @@ int main(int argc, char **argv)
     addSet(cli);
     addButton(cli);
     addMode(cli);
+    addFault(cli);
     addExec(cli);
     addDaemon(cli);
     addLook(cli);

@@ -8,7 +8,7 @@
 ///   watch SINCE     the record: for every kind the last event before that time, then the events
 ///                   from there on, "TIME KIND TEXT" each, then "now", then events as they come
 ///   mark            events count from here on
-///   start [OPTION...], stop, restart    of the daemon
+///   start SPEED [OPTION...], stop, restart    of the daemon
 ///   hold, release   the reset button
 ///   down            ends the board
 /// A request that failed is answered with "error TEXT". Times are nanoseconds of the steady clock;

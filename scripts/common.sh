@@ -51,7 +51,7 @@ install_packages()
 
 # What building and running the board needs.
 build_packages=(g++ cmake ninja-build libevent-dev libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev libncurses-dev
-    busybox-static iproute2 util-linux mount)
+    busybox-static libfaketime iproute2 util-linux mount)
 
 # What the tests need beside that.
 test_packages=(binutils procps tmux strace sigrok-cli librsvg2-bin fonts-dejavu-core mandoc)

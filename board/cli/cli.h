@@ -60,6 +60,7 @@ void addList(Cli &cli);
 void addSet(Cli &cli);
 void addButton(Cli &cli);
 void addMode(Cli &cli);
+void addFault(Cli &cli);
 void addDaemon(Cli &cli);
 void addExec(Cli &cli);
 void addLook(Cli &cli);

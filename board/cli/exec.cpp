@@ -58,15 +58,19 @@ void addDaemon(Cli &cli)
         ->required();
 
     const auto options = std::make_shared<std::vector<std::string>>();
-    cli.add(daemonGroup, "start", "Start the daemon; returns once it runs",
-            [&cli, options] {
-                std::string line = "start";
-                for (const std::string &option : *options)
-                    line += " " + option;
-                request(cli.board, line);
-                return 0;
-            })
-        ->add_option("option", *options, "Options for the daemon, after --");
+    const auto speed = std::make_shared<int>(1);
+    CLI::App *const start = cli.add(daemonGroup, "start", "Start the daemon; returns once it runs",
+                                    [&cli, options, speed] {
+                                        std::string line = "start " + std::to_string(*speed);
+                                        for (const std::string &option : *options)
+                                            line += " " + option;
+                                        request(cli.board, line);
+                                        return 0;
+                                    });
+    start->add_option("option", *options, "Options for the daemon, after --");
+    start->add_option("--speed", *speed, "How many times faster than real its clock runs")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
     cli.add(daemonGroup, "stop", "End the daemon and wait until it is gone", [&cli] {
         request(cli.board, "stop");
         return 0;

@@ -55,6 +55,7 @@ struct Condition {
     std::string wanted;
     std::function<bool(const View &)> holds;
     std::function<std::string(const View &)> saw;
+    Clock::duration takes{}; ///< how long it takes to tell
 };
 
 std::string joined(const std::vector<std::string> &words, const char *separator = " ")
@@ -270,7 +271,7 @@ Condition blinks(const std::vector<std::string> &words)
                 }
                 return watching->watch->kept();
             },
-            [](const View &) { return "the LEDs below"; }};
+            [](const View &) { return "the LEDs below"; }, beat.length};
 }
 
 /// Waits until the condition holds, for as long as it has to; gives whether it did.
@@ -311,7 +312,8 @@ int expect(const Cli &cli, const Options &options, const Condition &condition)
     View view{cli.running(), {}, toTime(state["mark"])};
 
     Connection connection(cli.board, "watch " + toText(std::min(view.mark, begin - shownBefore)));
-    if (await(connection, condition, options.negate, begin + within, length, view))
+    if (await(connection, condition, options.negate, begin + within + condition.takes, length,
+              view))
         return 0;
 
     const Clock::time_point end = Clock::now();

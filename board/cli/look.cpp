@@ -162,6 +162,14 @@ void addLook(Cli &cli)
     CLI::App *const eventsCommand =
         cli.add(lookGroup, "events", "Print everything that happened on the board",
                 [&cli, options] { return printRecord(cli, options->follow, std::nullopt); });
+    const auto file = std::make_shared<std::string>("/");
+    cli.add(lookGroup, "path", "Print where a file of the board is for this machine's programs",
+            [&cli, file] {
+                puts(cli.running().path(*file).c_str());
+                return 0;
+            })
+        ->add_option("file", *file, "The file as the daemon names it")
+        ->capture_default_str();
     for (CLI::App *const command : {logCommand, eventsCommand})
         command->add_flag("-f,--follow", options->follow, "Go on as more happens");
     for (CLI::App *const command :

@@ -1,0 +1,76 @@
+#include "cli.h"
+
+#include "faults.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cstdio>
+
+namespace kelo {
+
+namespace {
+
+struct FaultOptions {
+    std::string name;
+    std::string state = "on";
+    int changes = 500;
+};
+
+int list(const Cli &cli)
+{
+    const Access board = cli.running();
+    nlohmann::ordered_json object;
+    for (const Fault &fault : faults()) {
+        const bool on = hasFault(board, fault);
+        object[fault.name] = on;
+        if (!cli.json)
+            printf("%-15s  %-3s  %s\n", fault.name, on ? "on" : "off", fault.description);
+    }
+    if (cli.json)
+        puts(object.dump().c_str());
+    return 0;
+}
+
+int turn(const Cli &cli, const FaultOptions &options)
+{
+    if (options.name.empty())
+        return list(cli);
+    const Fault *const fault = findFault(options.name);
+    if (!fault)
+        throw UsageError("no fault: \"" + options.name + "\" (kelo-board fault --help lists them)");
+    if (options.state != "on" && options.state != "off")
+        throw UsageError("a fault is on or off, not \"" + options.state + "\"");
+    setFault(cli.running(), *fault, options.state == "on");
+    return 0;
+}
+
+} // namespace
+
+void addFault(Cli &cli)
+{
+    const auto options = std::make_shared<FaultOptions>();
+    CLI::App *const command = cli.add(
+        hardwareGroup, "fault", "Break something on the board or mend it, or list what can be",
+        [&cli, options] { return turn(cli, *options); });
+    command->add_option("fault", options->name, "Which; without, all are listed");
+    command->add_option("state", options->state, "on or off")->capture_default_str();
+    cli.addJson(*command);
+    std::string footer = "Faults:";
+    for (const Fault &fault : faults())
+        footer += std::string("\n  ") + fault.name + std::string(17 - strlen(fault.name), ' ') +
+                  fault.description;
+    footer += "\nSee also: set port PORT none, signal STOP, burst, start --speed";
+    command->footer(footer);
+
+    CLI::App *const burst =
+        cli.add(hardwareGroup, "burst", "Overrun the daemon's netlink socket with address changes",
+                [&cli, options] {
+                    overrunNetlink(cli.running(), options->changes);
+                    return 0;
+                });
+    burst->add_option("changes", options->changes, "How many addresses come and go")
+        ->check(CLI::Range(1, 60000))
+        ->capture_default_str();
+}
+
+} // namespace kelo

@@ -1,0 +1,35 @@
+/// Faults that a board can have, and that can be mended again while it runs.
+
+#pragma once
+
+#include "access.h"
+
+#include <string>
+#include <vector>
+
+namespace kelo {
+
+struct Fault {
+    const char *name;
+    const char *description;
+    bool mounts;     ///< only on a board with namespaces of its own
+    const char *on;  ///< shell commands in the board's root folder
+    const char *off; ///< shell commands that undo them
+};
+
+const std::vector<Fault> &faults();
+
+/// The fault of this name; null when there is none.
+const Fault *findFault(const std::string &name);
+
+bool hasFault(const Access &board, const Fault &fault);
+
+/// Brings a fault about or mends it; nothing happens when it is so already. Throws
+/// std::runtime_error when the board cannot have it.
+void setFault(const Access &board, const Fault &fault, bool on);
+
+/// Stops the daemon, lets far more addresses come and go than its netlink socket holds, and lets it
+/// go on. Throws std::runtime_error.
+void overrunNetlink(const Access &board, int changes);
+
+} // namespace kelo
