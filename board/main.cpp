@@ -45,6 +45,7 @@ int main(int argc, char **argv)
         ->capture_default_str();
 
     addUp(cli);
+    addPanel(cli);
     addDown(cli);
     addList(cli);
     addRun(cli);

@@ -55,6 +55,7 @@ struct Cli {
 };
 
 void addUp(Cli &cli);
+void addPanel(Cli &cli);
 void addDown(Cli &cli);
 void addList(Cli &cli);
 void addSet(Cli &cli);
