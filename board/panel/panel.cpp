@@ -169,13 +169,13 @@ private:
 
     void askForRecording()
     {
-        prompt_ = Prompt{"Save the recording in (Enter, Esc, Ctrl-U): ", fileName(name_, ".vcd"),
+        prompt_ = Prompt{"Save recording (Enter, Esc, Ctrl-U): ", fileName(name_, ".vcd"),
                          [this](const std::string &path) { controls_.saveRecording(path); }};
     }
 
     void askForPicture()
     {
-        prompt_ = Prompt{"Save the picture in (Enter, Esc, Ctrl-U): ", fileName(name_, ".svg"),
+        prompt_ = Prompt{"Save picture (Enter, Esc, Ctrl-U): ", fileName(name_, ".svg"),
                          [this](const std::string &path) { controls_.savePicture(path); }};
     }
 
