@@ -1,5 +1,6 @@
 #include "event_loop.h"
 
+#include "faults.h"
 #include "journal.h"
 
 namespace fakes {
@@ -65,11 +66,12 @@ void EventLoop::set(event *address, int fd, short flags, event_callback_fn callb
 int EventLoop::add(event *address, const timeval *timeout)
 {
     Watch &watch = known(address);
+    std::string what = "fd=" + std::to_string(watch.fd);
     if (timeout)
-        note("event_add fd=%d every %lldus", watch.fd,
-             static_cast<long long>(toTime(*timeout).count()));
-    else
-        note("event_add fd=%d", watch.fd);
+        what += " every " + std::to_string(toTime(*timeout).count()) + "us";
+    note("event_add %s", what.c_str());
+    if (fails("event_add", what))
+        return -1;
     if (addResult != 0)
         return addResult;
     watch.pending = true;

@@ -1,5 +1,6 @@
 #include "files.h"
 
+#include "faults.h"
 #include "journal.h"
 
 #include <algorithm>
@@ -22,6 +23,13 @@ std::map<int, std::string> &descriptors()
 {
     static auto &paths = *new std::map<int, std::string>; // outlives every other static object
     return paths;
+}
+
+/// The path behind a descriptor, or the descriptor itself.
+std::string nameOf(int fd)
+{
+    const auto found = descriptors().find(fd);
+    return found == descriptors().end() ? std::to_string(fd) : found->second;
 }
 
 bool isOurs(const char *path)
@@ -77,6 +85,8 @@ struct Stream {
 ssize_t readStream(void *cookie, char *buffer, size_t size)
 {
     auto *const stream = static_cast<Stream *>(cookie);
+    if (fakes::fails("fread", stream->path))
+        return -1;
     const size_t read = files().content[stream->path].copy(buffer, size, stream->position);
     stream->position += read;
     return static_cast<ssize_t>(read);
@@ -84,6 +94,8 @@ ssize_t readStream(void *cookie, char *buffer, size_t size)
 
 ssize_t writeStream(void *cookie, const char *bytes, size_t size)
 {
+    if (fakes::fails("fwrite", static_cast<Stream *>(cookie)->path))
+        return 0;
     append(static_cast<Stream *>(cookie)->path, bytes, size);
     return files().writesFail ? 0 : static_cast<ssize_t>(size);
 }
@@ -92,9 +104,10 @@ int closeStream(void *cookie)
 {
     auto *const stream = static_cast<Stream *>(cookie);
     note("close %s", stream->path.c_str());
+    const bool failure = fakes::fails("fclose", stream->path);
     delete stream;
     files().openCount--;
-    return files().closeFails ? EOF : 0;
+    return failure || files().closeFails ? EOF : 0;
 }
 
 } // namespace
@@ -128,7 +141,7 @@ int __wrap_open(const char *path, int flags, ...)
     if (!isOurs(path))
         return __real_open(path, flags, mode);
     note("open %s 0x%x", path, static_cast<unsigned>(flags));
-    if (result(openError(path, flags)) != 0)
+    if (fakes::fails("open", path) || result(openError(path, flags)) != 0)
         return -1;
     int fd = firstDescriptor;
     while (descriptors().count(fd) != 0)
@@ -139,11 +152,15 @@ int __wrap_open(const char *path, int flags, ...)
 
 ssize_t __wrap_read(int fd, void *buffer, size_t size)
 {
+    if (fd < 0)
+        misuse("read of a descriptor that was never opened");
     if (fd < firstDescriptor)
         return __real_read(fd, buffer, size);
     if (descriptors().count(fd) == 0)
         misuse("read from a closed descriptor");
     note("read fd=%d size=%zu", fd, size);
+    if (fakes::fails("read", nameOf(fd)))
+        return -1;
     if (files().readError != 0)
         return result(files().readError);
     if (files().chunks.empty())
@@ -158,25 +175,33 @@ ssize_t __wrap_read(int fd, void *buffer, size_t size)
 
 ssize_t __wrap_write(int fd, const void *bytes, size_t size)
 {
+    if (fd < 0)
+        misuse("write of a descriptor that was never opened");
     if (fd < firstDescriptor)
         return __real_write(fd, bytes, size);
     if (descriptors().count(fd) == 0)
         misuse("write to a closed descriptor");
+    if (fakes::fails("write", nameOf(fd)))
+        return -1;
     append(descriptors()[fd], static_cast<const char *>(bytes), size);
     return files().writesFail ? result(EIO) : static_cast<ssize_t>(size);
 }
 
 int __wrap_close(int fd)
 {
+    if (fd < 0)
+        misuse("close of a descriptor that was never opened");
     if (fd > 2 && fd < firstDescriptor)
         return __real_close(fd);
     note("close %d", fd);
+    // A descriptor is gone even where its close fails.
+    const bool failure = fakes::fails("close", nameOf(fd));
     if (fd > 2) {
         if (descriptors().erase(fd) == 0)
             misuse("close of a closed descriptor");
         files().openCount--;
     }
-    return files().closeFails ? result(EIO) : 0;
+    return failure || files().closeFails ? result(EIO) : 0;
 }
 
 FILE *__wrap_fopen(const char *path, const char *mode)
@@ -186,7 +211,8 @@ FILE *__wrap_fopen(const char *path, const char *mode)
     note("fopen %s %s", path, mode);
     if (strcmp(mode, "r") != 0 && strcmp(mode, "w") != 0)
         misuse("fopen with another mode than r and w");
-    if (result(openError(path, *mode == 'w' ? O_CREAT | O_TRUNC : 0)) != 0)
+    if (fakes::fails("fopen", path) ||
+        result(openError(path, *mode == 'w' ? O_CREAT | O_TRUNC : 0)) != 0)
         return nullptr;
     return fopencookie(new Stream{path, 0}, mode, {readStream, writeStream, nullptr, closeStream});
 }
@@ -196,6 +222,8 @@ int __wrap_unlink(const char *path)
     if (!isOurs(path))
         return __real_unlink(path);
     note("unlink %s", path);
+    if (fakes::fails("unlink", path))
+        return -1;
     if (const int error = errorOf(files().fileErrors, path))
         return result(error);
     return result(files().content.erase(path) == 0 ? ENOENT : 0);
@@ -206,6 +234,8 @@ int __wrap_mkfifo(const char *path, mode_t mode)
     if (!isOurs(path))
         return __real_mkfifo(path, mode);
     note("mkfifo %s %04o", path, mode);
+    if (fakes::fails("mkfifo", path))
+        return -1;
     if (const int error = errorOf(files().fileErrors, path))
         return result(error);
     return result(files().content.emplace(path, "").second ? 0 : EEXIST);
@@ -216,6 +246,8 @@ int __wrap_rename(const char *from, const char *to)
     if (!isOurs(from))
         return __real_rename(from, to);
     note("rename %s %s", from, to);
+    if (fakes::fails("rename", from))
+        return -1;
     if (const int error = errorOf(files().fileErrors, from))
         return result(error);
     files().content[to] = std::move(files().content[from]);

@@ -1,5 +1,7 @@
 #include "memory.h"
 
+#include "faults.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <set>
@@ -27,7 +29,7 @@ void __real_free(void *block);
 
 void *__wrap_calloc(size_t count, size_t size)
 {
-    if (fakes::memory().exhausted) {
+    if (fakes::fails("calloc") || fakes::memory().exhausted) {
         errno = ENOMEM;
         return nullptr;
     }

@@ -1,5 +1,6 @@
 #include "netlink.h"
 
+#include "faults.h"
 #include "journal.h"
 
 #include <algorithm>
@@ -42,7 +43,7 @@ extern "C" {
 int __wrap_socket(int domain, int type, int protocol)
 {
     note("socket %d 0x%x %d", domain, static_cast<unsigned>(type), protocol);
-    return given(netlink().socketResult);
+    return fakes::fails("socket") ? -1 : given(netlink().socketResult);
 }
 
 int __wrap_setsockopt(int fd, int level, int option, const void *value, socklen_t length)
@@ -52,7 +53,7 @@ int __wrap_setsockopt(int fd, int level, int option, const void *value, socklen_
         misuse("setsockopt with a value that is no int");
     memcpy(&number, value, sizeof number);
     note("setsockopt fd=%d %d %d %d", fd, level, option, number);
-    return given(netlink().setsockoptResult);
+    return fakes::fails("setsockopt") ? -1 : given(netlink().setsockoptResult);
 }
 
 int __wrap_bind(int fd, const sockaddr *address, socklen_t length)
@@ -63,7 +64,7 @@ int __wrap_bind(int fd, const sockaddr *address, socklen_t length)
     memcpy(&local, address, sizeof local);
     note("bind fd=%d family=%d pad=%d pid=%u groups=0x%x", fd, local.nl_family, local.nl_pad,
          local.nl_pid, local.nl_groups);
-    return given(netlink().bindResult);
+    return fakes::fails("bind") ? -1 : given(netlink().bindResult);
 }
 
 int __wrap_getsockname(int fd, sockaddr *address, socklen_t *length)
@@ -71,6 +72,8 @@ int __wrap_getsockname(int fd, sockaddr *address, socklen_t *length)
     note("getsockname fd=%d room=%u", fd, *length);
     if (!isZero(address, 16))
         misuse("getsockname with a name area that is not zeroed");
+    if (fakes::fails("getsockname"))
+        return -1;
     *length = sizeof(sockaddr_nl); // what the kernel would have stored
     return given(netlink().getsocknameResult);
 }
@@ -85,6 +88,8 @@ ssize_t __wrap_recvmsg(int fd, msghdr *message, int flags)
         misuse("recvmsg into other than a zeroed name area of 16 bytes");
     if (message->msg_control || message->msg_controllen != 0 || message->msg_flags != 0)
         misuse("recvmsg with a control area or flags");
+    if (fakes::fails("recvmsg"))
+        return -1; // the datagram stays where it is
     if (netlink().receptions.empty()) {
         errno = EAGAIN;
         return -1;
@@ -105,7 +110,7 @@ ssize_t __wrap_recvmsg(int fd, msghdr *message, int flags)
 char *__wrap_if_indextoname(unsigned index, char *name)
 {
     const auto found = netlink().names.find(index);
-    if (found == netlink().names.end()) {
+    if (fakes::fails("if_indextoname", std::to_string(index)) || found == netlink().names.end()) {
         errno = ENXIO;
         return nullptr;
     }

@@ -1,5 +1,6 @@
 #include "process.h"
 
+#include "faults.h"
 #include "journal.h"
 
 #include <cstdio>
@@ -25,6 +26,8 @@ pid_t __wrap_fork()
 {
     if (!process().forkResult)
         return __real_fork();
+    if (fakes::fails("fork"))
+        return -1;
     note("fork");
     return *process().forkResult;
 }
@@ -38,17 +41,19 @@ mode_t __wrap_umask(mode_t mask)
 pid_t __wrap_setsid()
 {
     note("setsid");
-    return process().setsidResult;
+    return fakes::fails("setsid") ? -1 : process().setsidResult;
 }
 
 int __wrap_chdir(const char *path)
 {
     note("chdir %s", path);
-    return process().chdirResult;
+    return fakes::fails("chdir", path) ? -1 : process().chdirResult;
 }
 
 int __wrap_system(const char *command)
 {
+    if (fakes::fails("system", command))
+        return -1;
     note("system %s", command);
     return process().systemResult;
 }
@@ -65,6 +70,8 @@ int __wrap_fputs(const char *text, FILE *stream)
 {
     if (stream != stderr)
         return __real_fputs(text, stream);
+    if (fakes::fails("fputs"))
+        return EOF;
     note("stderr %s", text);
     return process().fputsResult;
 }

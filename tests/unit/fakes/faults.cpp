@@ -1,0 +1,24 @@
+#include "faults.h"
+
+#include "journal.h"
+
+#include <cerrno>
+
+namespace fakes {
+
+ChooseFailure &chooseFailure()
+{
+    static auto &instance = *new ChooseFailure; // outlives every other static object
+    return instance;
+}
+
+bool fails(const char *call, const std::string &object)
+{
+    if (!chooseFailure() || !chooseFailure()(call, object))
+        return false;
+    note("failed %s %s", call, object.c_str());
+    errno = EIO;
+    return true;
+}
+
+} // namespace fakes
