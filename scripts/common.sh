@@ -54,17 +54,18 @@ build_packages=(g++ cmake ninja-build libevent-dev libgtest-dev libgmock-dev lib
     busybox-static libfaketime iproute2 util-linux mount)
 
 # What the tests need beside that.
-test_packages=(binutils procps tmux strace sigrok-cli librsvg2-bin fonts-dejavu-core mandoc)
+test_packages=(binutils faketime procps tmux strace sigrok-cli librsvg2-bin fonts-dejavu-core mandoc)
 
-# build PRESET [TARGET]: configures it and builds the target, or everything.
+# build PRESET [TARGET...]: configures it and builds the targets, or everything.
 build()
 {
-    say "building $1"
-    local folder=build log
-    [ "$1" = release ] || folder=build/$1
+    local preset=$1 folder=build log
+    say "building $preset"
+    shift
+    [ "$preset" = release ] || folder=build/$preset
     mkdir -p "$folder"
     log=$folder/build.log
-    if ! { cmake --preset "$1" && cmake --build "$folder" ${2:+--target "$2"}; } > "$log" 2>&1; then
+    if ! { cmake --preset "$preset" && cmake --build "$folder" ${1:+--target "$@"}; } > "$log" 2>&1; then
         grep -E -A 20 'error|Error|FAILED' "$log" | head -n 60 >&2 || tail -n 40 "$log" >&2
         say "the build failed, see $log"
         exit 1
