@@ -383,9 +383,10 @@ private:
                         text.size() > room ? text.substr(text.size() - room) : text, Colour::Title);
             return;
         }
-        screen_.put(row, 0, width_ - 1,
+        screen_.fill(row, 0, width_, " ", Colour::Title);
+        screen_.put(row, 0, width_,
                     " ? help  0-8 mode  + - power  g link  h r button  t traffic  w a IPv6  q quit",
-                    Colour::Plain, Screen::REVERSE);
+                    Colour::Title);
     }
 
     void help()

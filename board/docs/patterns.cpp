@@ -1,0 +1,323 @@
+#include "patterns.h"
+
+#include "board.h"
+#include "svg.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <exception>
+#include <stdexcept>
+
+namespace kelo::docs {
+
+namespace {
+
+constexpr auto deadline = std::chrono::seconds(60);
+constexpr auto longestTick = std::chrono::milliseconds(3500);
+constexpr size_t BOARDS_AT_ONCE = 7;
+constexpr char signalFrame[] = "110000"; ///< of the power that boards start with
+
+struct Case {
+    const char *group;
+    const char *title;
+    const char *keyword; ///< null: as the daemon starts, in signal mode
+    const char *laser;
+    int gpon;
+    size_t frames; ///< to look at
+};
+
+constexpr char linkUp[] = "signal, link up";
+constexpr char linkDown[] = "signal, link down";
+constexpr char others[] = "the other modes";
+
+// Two rounds of the longest pattern, so that what repeats is seen to repeat.
+constexpr size_t ROUNDS = 9;
+constexpr size_t ALL = 125; ///< more than a mode that ends by itself draws
+
+constexpr Case cases[] = {
+    {linkUp, "no reading", nullptr, "", 5, ROUNDS},
+    {linkUp, "-34 dBm: level 0", nullptr, "-34", 5, ROUNDS},
+    {linkUp, "-26.5 dBm: level 1", nullptr, "-26.5", 5, ROUNDS},
+    {linkUp, "-18 dBm: level 2", nullptr, "-18", 5, ROUNDS},
+    {linkUp, "-9.5 dBm: level 3", nullptr, "-9.5", 5, ROUNDS},
+    {linkUp, "-4 dBm: level 4", nullptr, "-4", 5, ROUNDS},
+    {linkDown, "no reading", nullptr, "", 3, ROUNDS},
+    {linkDown, "-34 dBm: level 0", nullptr, "-34", 3, ROUNDS},
+    {linkDown, "-26.5 dBm: level 1", nullptr, "-26.5", 3, ROUNDS},
+    {linkDown, "-18 dBm: level 2", nullptr, "-18", 3, ROUNDS},
+    {linkDown, "-9.5 dBm: level 3", nullptr, "-9.5", 3, ROUNDS},
+    {linkDown, "-4 dBm: level 4", nullptr, "-4", 3, ROUNDS},
+    {others, "none", "none", "-18.5", 5, ROUNDS},
+    {others, "reboot", "reboot", "-18.5", 5, ROUNDS},
+    {others, "restore", "restore", "-18.5", 5, ROUNDS},
+    {others, "errora12", "errora12", "-18.5", 5, ROUNDS},
+    {others, "locateme", "locateme", "-18.5", 5, ALL},
+    {others, "ledtest", "ledtest", "-18.5", 5, 5},
+    {others, "facttest", "facttest", "-18.5", 5, ROUNDS},
+    {others, "facttesterr", "facttesterr", "-18.5", 5, ROUNDS},
+};
+
+using Events = std::vector<Event>;
+
+/// Waits for LED frames from an event on: as many as wanted, or fewer when no more come.
+Events waitForFrames(const Board &board, size_t from, size_t wanted)
+{
+    size_t known = 0;
+    for (;;) {
+        Events frames;
+        const bool more = board.waitUntil(
+            [&](const Events &events) {
+                size_t count = 0;
+                for (size_t i = from; i < events.size(); i++)
+                    count += events[i].kind == EventKind::Leds;
+                return count > known;
+            },
+            longestTick);
+        for (const Event &event : board.events(from)) {
+            if (event.kind == EventKind::Leds)
+                frames.push_back(event);
+        }
+        known = frames.size();
+        if (!more || known >= wanted)
+            return frames;
+    }
+}
+
+/// The place in the record behind the switch to a display mode.
+size_t waitForSwitch(const Board &board, size_t from)
+{
+    size_t place = 0;
+    const bool seen = board.waitUntil(
+        [&](const Events &events) {
+            for (place = from; place < events.size(); place++) {
+                if (events[place].kind == EventKind::Mode)
+                    return true;
+            }
+            return false;
+        },
+        deadline);
+    if (!seen)
+        throw std::runtime_error("the daemon did not switch its display mode");
+    return place + 1;
+}
+
+/// How many frames from a place on the pattern takes before it begins again; 0 when it never does.
+size_t periodOf(const Events &frames, size_t from)
+{
+    for (size_t period = 1; from + period < frames.size(); period++) {
+        bool repeats = true;
+        for (size_t i = from; i + period < frames.size(); i++)
+            repeats = repeats && frames[i].text == frames[i + period].text;
+        if (repeats)
+            return period;
+    }
+    return 0;
+}
+
+int medianTick(const Events &frames)
+{
+    std::vector<double> steps;
+    for (size_t i = 1; i < frames.size(); i++)
+        steps.push_back(
+            std::chrono::duration<double, std::milli>(frames[i].time - frames[i - 1].time).count());
+    std::nth_element(steps.begin(), steps.begin() + static_cast<ptrdiff_t>(steps.size() / 2),
+                     steps.end());
+    return static_cast<int>(std::lround(steps[steps.size() / 2] / 50)) * 50;
+}
+
+Pattern recordOne(const Case &one)
+{
+    Board board;
+    board.setLaser(one.laser);
+    board.setGpon(one.gpon);
+    size_t from = board.mark();
+    board.startDaemon();
+    from = waitForSwitch(board, from);
+    if (!one.keyword) {
+        waitForFrames(board, from, one.frames);
+    } else {
+        // The first drawing comes from the loop, and with the loop the pipe is read.
+        if (waitForFrames(board, from, 1).empty())
+            throw std::runtime_error("the daemon draws nothing");
+        const size_t before = board.mark();
+        board.writeKeyword(one.keyword);
+        from = waitForSwitch(board, before);
+    }
+    Events frames = waitForFrames(board, from, one.frames);
+
+    Pattern pattern{one.group, one.title, 0, {}, 0};
+    // Frames that were drawn just before the switch may be read just after it.
+    while (frames.size() > 1 && (one.keyword ? frames[0].text == signalFrame
+                                             : frames[0].text != frames[2 % frames.size()].text))
+        frames.erase(frames.begin());
+    if (one.frames == ALL) {
+        const auto end = std::find_if(frames.begin(), frames.end(),
+                                      [](const Event &frame) { return frame.text == signalFrame; });
+        pattern.ticks = end == frames.end() ? 0 : static_cast<int>(end - frames.begin());
+        frames.erase(end, frames.end());
+    }
+    if (frames.empty())
+        throw std::runtime_error(std::string(one.title) + ": nothing was drawn");
+    if (frames.size() == 1) {
+        pattern.phases = {frames[0].text};
+        return pattern;
+    }
+    const size_t period = periodOf(frames, 0);
+    if (period == 0)
+        throw std::runtime_error(std::string(one.title) + ": what was drawn does not repeat");
+    pattern.tick = medianTick(frames);
+    for (size_t phase = 0; phase < period; phase++)
+        pattern.phases.push_back(frames[phase].text);
+    return pattern;
+}
+
+std::string tickText(const Pattern &pattern)
+{
+    if (pattern.tick == 0)
+        return "drawn once";
+    if (pattern.tick % 1000 == 0)
+        return std::to_string(pattern.tick / 1000) + " s";
+    return std::to_string(pattern.tick) + " ms";
+}
+
+std::string endText(const Pattern &pattern)
+{
+    return pattern.ticks ? "after " + std::to_string(pattern.ticks) + " ticks back to signal" : "";
+}
+
+constexpr int COLUMNS = 3;
+constexpr double CELL_WIDTH = 310;
+constexpr double CELL_HEIGHT = 112;
+constexpr double HEADING = 36;
+constexpr double MARGIN = 20;
+constexpr double LANES_LEFT = 24;
+constexpr double LANES_WIDTH = CELL_WIDTH - LANES_LEFT - 22;
+constexpr double LANE = 11;
+constexpr double BAR = 8;
+constexpr const char *gpios[] = {"6", "7", "8", "2", "3", "4"};
+constexpr size_t SHOWN_TICKS = 8;
+
+void drawCell(Svg &svg, double left, double top, const Pattern &pattern)
+{
+    svg.text("ink name", left, top + 10, pattern.title);
+    svg.text("muted small", left + LANES_LEFT + LANES_WIDTH, top + 10,
+             (pattern.tick ? tickText(pattern) + " a tick" : tickText(pattern)) +
+                 (pattern.ticks ? ", " + endText(pattern) : ""),
+             Svg::Anchor::End);
+    const double lanes = top + 20;
+    const double step = LANES_WIDTH / SHOWN_TICKS;
+    for (size_t led = 0; led < std::size(gpios); led++) {
+        const double y = lanes + static_cast<double>(led) * LANE;
+        svg.text("muted small", left + 12, y + BAR, gpios[led], Svg::Anchor::Middle);
+        svg.rect("off", left + LANES_LEFT, y + BAR / 2 - 0.5, LANES_WIDTH, 1);
+        for (size_t tick = 0; tick < SHOWN_TICKS; tick++) {
+            const auto lit = [&](size_t at) {
+                return at < SHOWN_TICKS &&
+                       pattern.phases[at % pattern.phases.size()].at(led) == '1';
+            };
+            if (!lit(tick) || (tick > 0 && lit(tick - 1)))
+                continue;
+            size_t end = tick;
+            while (lit(end))
+                end++;
+            svg.rect("lit", left + LANES_LEFT + static_cast<double>(tick) * step, y,
+                     static_cast<double>(end - tick) * step, BAR);
+        }
+    }
+    const double axis = lanes + static_cast<double>(std::size(gpios)) * LANE + 1;
+    if (pattern.tick == 0)
+        return;
+    for (size_t tick = 0; tick <= SHOWN_TICKS; tick++) {
+        const double x = left + LANES_LEFT + static_cast<double>(tick) * step;
+        svg.line("muted", x, axis, x, axis + (tick % 4 == 0 ? 4 : 2));
+    }
+}
+
+} // namespace
+
+std::vector<Pattern> recordPatterns()
+{
+    std::vector<Pattern> patterns(std::size(cases));
+    // The long ones first.
+    std::vector<size_t> order(std::size(cases));
+    for (size_t i = 0; i < order.size(); i++)
+        order[i] = i;
+    std::stable_sort(order.begin(), order.end(), [](size_t a, size_t b) {
+        const auto isLong = [](const Case &one) { return one.frames != ROUNDS; };
+        return isLong(cases[a]) > isLong(cases[b]);
+    });
+    std::atomic<size_t> next{0};
+    std::mutex mutex;
+    std::exception_ptr failure;
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < BOARDS_AT_ONCE; i++) {
+        threads.emplace_back([&] {
+            for (size_t turn = next++; turn < order.size(); turn = next++) {
+                try {
+                    patterns[order[turn]] = recordOne(cases[order[turn]]);
+                } catch (...) {
+                    const std::lock_guard lock(mutex);
+                    failure = std::current_exception();
+                }
+            }
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    if (failure)
+        std::rethrow_exception(failure);
+    return patterns;
+}
+
+std::string drawPatterns(const std::vector<Pattern> &patterns)
+{
+    Svg svg;
+    svg.style(".name{font-weight:bold}.small{font-size:10px}.head{font-size:15px}");
+    double y = MARGIN;
+    int column = 0;
+    std::string group;
+    for (const Pattern &pattern : patterns) {
+        if (pattern.group != group) {
+            y += column > 0 ? CELL_HEIGHT : 0;
+            column = 0;
+            group = pattern.group;
+            svg.text("ink head", MARGIN, y + 14, group);
+            svg.line("grid", MARGIN, y + 21, MARGIN + COLUMNS * CELL_WIDTH - 22, y + 21);
+            y += HEADING;
+        }
+        drawCell(svg, MARGIN + column * CELL_WIDTH, y, pattern);
+        if (++column == COLUMNS) {
+            column = 0;
+            y += CELL_HEIGHT;
+        }
+    }
+    y += column > 0 ? CELL_HEIGHT : 0;
+    svg.text("muted", MARGIN, y + 4,
+             "GPIO 6, 7, 8, 2, 3 and 4 from top to bottom; a bar is a lit LED; eight ticks each.");
+    return svg.finish(2 * MARGIN + COLUMNS * CELL_WIDTH - 22, y + MARGIN,
+                      "The LED patterns of all display modes");
+}
+
+std::string listPatterns(const std::vector<Pattern> &patterns)
+{
+    std::string text = "# LED patterns\n\n"
+                       "What the six LEDs show in every display mode, recorded from the daemon by\n"
+                       "`scripts/docs`; [led-patterns.svg](led-patterns.svg) is the same as a\n"
+                       "picture. The flags are those of GPIO 6, 7, 8, 2, 3 and 4, 1 is lit. A\n"
+                       "pattern's phases follow one another tick by tick and begin again.\n";
+    std::string group;
+    for (const Pattern &pattern : patterns) {
+        if (pattern.group != group) {
+            group = pattern.group;
+            text += "\n## " + group + "\n\n| | tick | phases | ends |\n|---|---|---|---|\n";
+        }
+        text += "| " + pattern.title + " | " + tickText(pattern) + " |";
+        for (const std::string &phase : pattern.phases)
+            text += " `" + phase + "`";
+        text += " | " + endText(pattern) + " |\n";
+    }
+    return text;
+}
+
+} // namespace kelo::docs
