@@ -63,8 +63,9 @@ int kelo_log(const char *file, int line, const char *function, const char *forma
     count += static_cast<LogCount>(snprintf(buffer, room(count), "kelo-monitord: "));
     va_list arguments;
     va_start(arguments, format);
-    count =
-        static_cast<LogCount>(count + vsnprintf(buffer + count, room(count), format, arguments));
+    const auto length =
+        static_cast<LogCount>(vsnprintf(buffer + count, room(count), format, arguments));
+    count = static_cast<LogCount>(count + length);
     va_end(arguments);
     snprintf(buffer + count, room(count), " [%s:%d %s]\n", file, line, function);
     return fputs(buffer, stderr);

@@ -1,0 +1,90 @@
+/// What every fuzz target is made of. A target is an unmodified module, stand-ins for what the
+/// module calls that note each call, and a model that notes what should have been called: the two
+/// notes have to be equal.
+
+#pragma once
+
+#include <cstdarg>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <type_traits>
+
+namespace fuzz {
+
+/// The bytes of one input, read from the front; zeros once they have run out.
+class Input {
+public:
+    Input(const uint8_t *bytes, size_t size) : at_(bytes), left_(size) {}
+
+    bool empty() const { return left_ == 0; }
+
+    template <typename T>
+    T take()
+    {
+        static_assert(std::is_trivially_copyable_v<T>);
+        T value = {};
+        const std::string bytes = text(sizeof value);
+        memcpy(&value, bytes.data(), bytes.size());
+        return value;
+    }
+
+    uint8_t byte()
+    {
+        if (left_ == 0)
+            return 0;
+        left_--;
+        return *at_++;
+    }
+
+    bool flag() { return (byte() & 1) != 0; }
+
+    /// That many bytes, or what is left.
+    std::string text(size_t length)
+    {
+        if (length > left_)
+            length = left_;
+        std::string result(length, '\0');
+        for (size_t i = 0; i < length; i++)
+            result[i] = static_cast<char>(at_[i]);
+        at_ += length;
+        left_ -= length;
+        return result;
+    }
+
+private:
+    const uint8_t *at_;
+    size_t left_;
+};
+
+/// Notes a call that the module made.
+void did(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+/// Notes a call that the module should make.
+void due(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+/// Appends a text as printf(3) makes it. It knows %d, %u, %o, %p and %s: the sanitizer's checks of
+/// a real printf take most of a target's time.
+void append(std::string &notes, const char *format, va_list arguments);
+
+/// The notes of what was done, for text that is no format.
+std::string &done();
+std::string &expected();
+
+/// Ends the program unless all that was due was done, and nothing else, in order. Begins anew.
+void compare();
+
+/// Ends the program with what went wrong.
+[[noreturn]] void wrong(const char *what);
+
+/// Gives the module's variables the values that they had at the start of the program.
+void restoreModule();
+
+/// What the module's call of exit(3) throws.
+struct Exit {
+    int status;
+};
+
+} // namespace fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size);

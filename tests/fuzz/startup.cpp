@@ -1,0 +1,128 @@
+/// main: any arguments, any step of detaching failing, any signals while it runs.
+
+#include "fakes/event_loop.h"
+#include "fakes/journal.h"
+#include "fuzz.h"
+#include "process.h"
+
+#include <array>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <unistd.h>
+
+using fuzz::did;
+using fuzz::due;
+using fuzz::process;
+
+extern "C" int daemon_main(int argc, char **argv);
+
+namespace {
+
+constexpr size_t argumentsMax = 6;
+
+/// How often the option d occurs before "--", options and arguments in any order.
+int countOptions(const std::array<std::string, argumentsMax> &arguments, size_t count)
+{
+    int found = 0;
+    for (size_t i = 1; i < count; i++) {
+        const std::string &argument = arguments[i];
+        if (argument == "--")
+            break;
+        if (argument.size() < 2 || argument[0] != '-')
+            continue;
+        for (const char character : argument.substr(1))
+            found += character == 'd' ? 1 : 0;
+    }
+    return found;
+}
+
+/// What detaching does; false when it ends the process.
+bool expectDetaching()
+{
+    due("fork");
+    if (process().fork != 0) {
+        due("exit %d", process().fork < 0 ? 1 : 0);
+        return false;
+    }
+    due("umask 0");
+    due("setsid");
+    if (process().setsid >= 0)
+        due("chdir /");
+    if (process().setsid < 0 || process().chdir < 0) {
+        due("exit 1");
+        return false;
+    }
+    for (const int fd : {0, 1, 2})
+        due("close %d", fd);
+    return true;
+}
+
+} // namespace
+
+extern "C" {
+
+int fuzz_vsnprintf(char *buffer, size_t size, const char *format, va_list arguments)
+{
+    return vsnprintf(buffer, size, format, arguments);
+}
+
+int fuzz_fputs(const char *text, FILE *stream)
+{
+    if (stream != stderr)
+        fuzz::wrong("the record does not go to standard error");
+    did("%s", std::string(text, strnlen(text, 38)).c_str()); // without the line
+    return 1;
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
+{
+    fuzz::Input input(bytes, size);
+    fakes::journal().recording = false;
+    fakes::eventLoop() = {};
+    process() = {input.take<int8_t>() / 32, input.take<int8_t>(), input.take<int8_t>()};
+    const uint8_t signals = input.byte();
+    const size_t count = 1 + input.byte() % (argumentsMax - 1);
+    std::array<std::string, argumentsMax> arguments = {"kelo-monitord"};
+    std::array<char *, argumentsMax + 1> argv = {};
+    for (size_t i = 0; i < count; i++) {
+        if (i > 0)
+            arguments[i] = input.text(input.byte() % 8).c_str(); // up to its first NUL
+    }
+    const auto given = arguments; // getopt sorts the pointers
+    for (size_t i = 0; i < count; i++)
+        argv[i] = arguments[i].data();
+
+    const int options = countOptions(given, count);
+    for (int i = 0; i < options; i++)
+        due("kelo-monitord: Launching as daemon...\n");
+    bool exits = false;
+    if (options == 0 || expectDetaching()) {
+        for (const char *const module : {"netinfo", "ipinfo", "display", "input"})
+            due("%s", module);
+        due("exit 0");
+        exits = (signals & 15) != 0;
+    }
+    fakes::eventLoop().dispatchResult = input.take<int8_t>();
+    fakes::eventLoop().duringDispatch = [signals] {
+        constexpr int ending[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM};
+        if (fakes::eventLoop().pendingCount() != 4)
+            fuzz::wrong("other than four signals are waited for");
+        for (unsigned i = 0; i < 4; i++) {
+            if (signals & (1U << i))
+                fakes::eventLoop().raise(ending[i]);
+        }
+    };
+    optind = 0; // getopt begins anew
+    opterr = 0; // and quietly
+    try {
+        daemon_main(static_cast<int>(count), argv.data());
+        fuzz::wrong("main returned");
+    } catch (const fuzz::Exit &) {
+        fuzz::compare();
+    }
+    if (fakes::eventLoop().exitRequested != exits)
+        fuzz::wrong("a signal, and only a signal, ends the loop");
+    return 0;
+}
+}
