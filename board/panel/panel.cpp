@@ -52,7 +52,7 @@ public:
 
     void run()
     {
-        while (!interrupted && !quit_ && !host_.wantsDown()) {
+        while (!interrupted && !quit_ && !host_.wantsDown() && !screen_.gone()) {
             const int key = screen_.key();
             if (key != ERR && key != KEY_RESIZE)
                 take(key);
@@ -254,8 +254,10 @@ private:
 
 void run(Host &host, const std::string &name, const std::vector<std::string> &daemonArguments)
 {
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
-        signal(number, [](int) { interrupted = true; });
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+        if (signal(number, [](int) { interrupted = true; }) == SIG_IGN)
+            signal(number, SIG_IGN); // as under nohup(1)
+    }
     signal(SIGPIPE, SIG_IGN);
     // The terminal is given back before anything that may take a moment.
     Controls controls(host);

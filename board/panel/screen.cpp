@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <langinfo.h>
+#include <poll.h>
 #include <stdexcept>
 #include <sys/mman.h>
 #include <termios.h>
@@ -160,6 +161,12 @@ int Screen::rows() const
 int Screen::columns() const
 {
     return getmaxx(stdscr);
+}
+
+bool Screen::gone() const
+{
+    pollfd source{STDIN_FILENO, POLLIN, 0};
+    return poll(&source, 1, 0) > 0 && (source.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0;
 }
 
 int Screen::key()

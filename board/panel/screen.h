@@ -25,6 +25,8 @@ public:
     /// Whether the terminal takes more than ASCII.
     bool unicode() const { return unicode_; }
 
+    /// Whether the terminal went away.
+    bool gone() const;
     /// The next key, KEY_RESIZE included; -1 when none comes for a moment.
     int key();
 

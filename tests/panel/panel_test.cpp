@@ -407,6 +407,46 @@ INSTANTIATE_TEST_SUITE_P(Each, PanelEnd,
                          testing::Values("q", "CtrlC", "Term", "Hangup", "Segfault", "Abort"),
                          [](const auto &test) { return test.param; });
 
+TEST_F(PanelTest, EndsWithItsTerminal)
+{
+    openAndWait();
+    const pid_t panel = process();
+    terminal.reset();
+    const auto end = std::chrono::steady_clock::now() + Terminal::deadline;
+    while (kill(panel, 0) == 0 && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(30ms);
+    EXPECT_NE(0, kill(panel, 0));
+    EXPECT_NE(0, command({"status"}).status);
+}
+
+TEST_F(PanelTest, EndsWithItsTerminalAlsoWhenNobodySaysSo)
+{
+    open(80, 24, "--ignore-signal=HUP LC_ALL=C.UTF-8");
+    ASSERT_TRUE(shows("the daemon runs"));
+    const pid_t panel = process();
+    terminal.reset();
+    const auto end = std::chrono::steady_clock::now() + Terminal::deadline;
+    while (kill(panel, 0) == 0 && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(30ms);
+    EXPECT_NE(0, kill(panel, 0));
+}
+
+TEST_F(PanelTest, StopsAndGoesOn)
+{
+    openAndWait();
+    key("C-z");
+    EXPECT_TRUE(shows("[Ss]topped|^\\[1\\]"));
+    EXPECT_EQ("0", terminal->ask("#{alternate_on}"));
+    terminal->type("clear; fg; echo \"then $?\"");
+    EXPECT_TRUE(shows("Mode +signal"));
+    key("5");
+    EXPECT_TRUE(shows("Mode +locateme"));
+    key("q");
+    EXPECT_TRUE(shows("then 0"));
+    terminal->type("[ \"$(stty -g)\" = \"$before\" ] && echo same");
+    expectTerminalBack();
+}
+
 TEST_F(PanelTest, SavesRecordingAndPicture)
 {
     openAndWait();
