@@ -98,6 +98,8 @@ void Access::removePort(int port) const
 
 void Access::setButton(int value) const
 {
+    if (!std::filesystem::exists(path("/proc/tc3162/reset_button")))
+        throw std::runtime_error("the board's button file is gone");
     put("/proc/tc3162/reset_button", std::to_string(value) + "\n");
 }
 

@@ -3,17 +3,70 @@
 #include "cli/cli.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 namespace {
 
 constexpr int FAILURE = 1;
 constexpr int USAGE_ERROR = 2;
 
-int complain(int status, const std::exception &error)
+constexpr char example[] =
+    "A first look:\n"
+    "  kelo-board up --detach              start a board in the background\n"
+    "  kelo-board leds                     see its LEDs: the bar of received power\n"
+    "  kelo-board mode locateme            let it locate: its LEDs flash by halves\n"
+    "  kelo-board ip -6 addr add 2001:db8::1/64 dev nas0_0\n"
+    "                                      give its WAN side an IPv6 address\n"
+    "  kelo-board store                    see that in the configuration store\n"
+    "  kelo-board press                    press its button for a reboot\n"
+    "  kelo-board events                   read what happened so far\n"
+    "  kelo-board plot -o leds.svg         draw it\n"
+    "  kelo-board down                     end the board; nothing is left\n"
+    "\n"
+    "kelo-board COMMAND --help tells more of a command, kelo-board(1) all of it.\n"
+    "Exit status: 0 done, 1 it failed, 2 the command line makes no sense.";
+
+int complain(int status, const std::string &text)
 {
-    fprintf(stderr, "kelo-board: %s\n", error.what());
+    fprintf(stderr, "kelo-board: %s\n", text.c_str());
     return status;
+}
+
+/// What is wrong with the command line, and which help tells how it goes.
+std::string usageMessage(const CLI::App *app, const CLI::Error &error)
+{
+    std::string command = "kelo-board";
+    while (!app->get_subcommands().empty()) {
+        app = app->get_subcommands().front();
+        command += " " + app->get_name();
+    }
+    std::string text = error.what();
+    const bool isGroup = !app->get_subcommands([](const CLI::App *) { return true; }).empty();
+    if (isGroup && error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError)) {
+        const CLI::App *const top = app->get_parent() ? app->get_parent() : app;
+        const std::vector<std::string> unknown = top->remaining(true);
+        text = unknown.empty() ? "a command is missing" : "unknown command: " + unknown.front();
+    }
+    if (text.size() > 1 && islower(text[1]))
+        text[0] = static_cast<char>(tolower(text[0]));
+    return text.substr(0, text.find('\n')) + " (see " + command + " --help)";
+}
+
+/// Lets the help speak of what a person types instead of its type.
+void polish(CLI::App &app)
+{
+    app.get_formatter()->column_width(22);
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
+    app.get_formatter()->label("REQUIRED", "");
+    app.get_formatter()->label("Positionals", "Arguments");
+    for (CLI::Option *const option : app.get_options()) {
+        if (option->get_positional())
+            option->type_name("");
+    }
+    for (CLI::App *const command : app.get_subcommands([](CLI::App *) { return true; }))
+        polish(*command);
 }
 
 /// The arguments from the last to the first, as the parser takes them. The options of a command
@@ -42,6 +95,7 @@ int main(int argc, char **argv)
     cli.app.fallthrough();
     cli.app.add_option("-b,--board", cli.board, "Name of the board to talk to")
         ->envname("KELO_BOARD_NAME")
+        ->type_name("NAME")
         ->capture_default_str();
 
     addUp(cli);
@@ -57,19 +111,28 @@ int main(int argc, char **argv)
     addDaemon(cli);
     addLook(cli);
     addExpect(cli);
-    addWait(cli);
     addRecord(cli);
     addPlot(cli);
+
+    addCompletion(cli);
+    cli.app.set_version_flag("--version", KELO_VERSION, "Print the version");
+    cli.app.footer(example); // now, or the subcommands would have it too
+    polish(cli.app);
 
     try {
         cli.app.parse(arguments(argc, argv));
     } catch (const CLI::ParseError &error) {
-        const int status = cli.app.exit(error);
-        return status == 0 ? 0 : USAGE_ERROR;
+        if (error.get_exit_code() != 0)
+            return complain(USAGE_ERROR, usageMessage(&cli.app, error));
+        return cli.app.exit(error);
     } catch (const kelo::UsageError &error) {
-        return complain(USAGE_ERROR, error);
+        return complain(USAGE_ERROR, error.what());
+    } catch (const std::invalid_argument &error) {
+        return complain(USAGE_ERROR, error.what());
     } catch (const std::exception &error) {
-        return complain(FAILURE, error);
+        return complain(FAILURE, error.what());
     }
+    if (fflush(stdout) != 0 || ferror(stdout))
+        return complain(FAILURE, std::string("cannot write the output: ") + strerror(errno));
     return cli.status;
 }

@@ -82,7 +82,7 @@ SocketName::SocketName(const std::string &board) : path(prefix() + board)
     };
     if (board.empty() || board.front() == '-' || path.size() + 1 > sizeof(sockaddr_un::sun_path) ||
         !std::all_of(board.begin(), board.end(), usable))
-        throw std::runtime_error("no usable board name: \"" + board + "\"");
+        throw std::invalid_argument("no usable board name: \"" + board + "\"");
 }
 
 Descriptor listenAs(const std::string &board)

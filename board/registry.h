@@ -29,7 +29,7 @@ namespace kelo {
 /// What makes the socket's address.
 struct SocketName {
     explicit SocketName(
-        const std::string &board); ///< throws std::runtime_error for an unusable name
+        const std::string &board); ///< throws std::invalid_argument for an unusable name
     std::string path;              ///< without the NUL that makes it abstract
 };
 

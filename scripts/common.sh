@@ -54,7 +54,7 @@ build_packages=(g++ cmake ninja-build libevent-dev libgtest-dev libgmock-dev lib
     busybox-static libfaketime iproute2 util-linux mount)
 
 # What the tests need beside that.
-test_packages=(binutils faketime procps tmux strace sigrok-cli librsvg2-bin fonts-dejavu-core mandoc)
+test_packages=(binutils faketime procps tmux strace sigrok-cli librsvg2-bin fonts-dejavu-core mandoc libxml2-utils)
 
 # build PRESET [TARGET...]: configures it and builds the targets, or everything.
 build()

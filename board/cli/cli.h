@@ -50,6 +50,9 @@ struct Cli {
     /// Gives a subcommand the option --json.
     void addJson(CLI::App &command);
 
+    /// Words that may stand behind a subcommand, for completion.
+    std::map<const CLI::App *, std::function<std::vector<std::string>()>> words;
+
     /// The board of the command line. Throws BoardGone when it does not run.
     Access running() const;
 };
@@ -66,8 +69,8 @@ void addDaemon(Cli &cli);
 void addExec(Cli &cli);
 void addLook(Cli &cli);
 void addExpect(Cli &cli);
-void addWait(Cli &cli);
 void addRun(Cli &cli);
+void addCompletion(Cli &cli);
 void addRecord(Cli &cli);
 void addPlot(Cli &cli);
 
@@ -87,10 +90,18 @@ private:
     std::string snapshot_;
 };
 
+/// The keywords of the display modes, in the order of their numbers.
+std::vector<std::string> modeKeywords();
 /// A display mode's keyword, or its number where it has none.
 std::string modeName(const std::string &number);
 /// A display mode's number by keyword or number. Throws UsageError.
 std::string modeNumber(const std::string &name);
+
+/// A port's number by name or number. Throws UsageError.
+int portNumber(const std::string &name);
+
+/// A number from 0 to 2^64 - 1. Throws UsageError.
+unsigned long long toNumber(const std::string &text);
 
 /// A length of time: "3", "1.5s", "250ms", "2m". Throws UsageError.
 Clock::duration toDuration(const std::string &text);

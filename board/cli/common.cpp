@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 
@@ -68,6 +69,11 @@ void EventPrinter::print(const Event &event)
     fflush(stdout);
 }
 
+std::vector<std::string> modeKeywords()
+{
+    return {std::begin(keywords), std::end(keywords)};
+}
+
 std::string modeName(const std::string &number)
 {
     const int mode = atoi(number.c_str());
@@ -84,6 +90,16 @@ std::string modeNumber(const std::string &name)
     if (CLI::detail::lexical_cast(name, number))
         return std::to_string(number);
     throw UsageError("no display mode: \"" + name + "\"");
+}
+
+unsigned long long toNumber(const std::string &text)
+{
+    unsigned long long number;
+    const char *const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number);
+    if (result.ec != std::errc() || result.ptr != end)
+        throw UsageError("no number: \"" + text + "\"");
+    return number;
 }
 
 Clock::duration toDuration(const std::string &text)

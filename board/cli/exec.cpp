@@ -32,7 +32,7 @@ void addExec(Cli &cli)
     const auto command = std::make_shared<std::vector<std::string>>();
     CLI::App *const exec = cli.add(hardwareGroup, "exec", "Run a command in the board's network",
                                    [&cli, command] { return runInside(cli.running(), *command); });
-    exec->add_option("command", *command, "Command and its arguments")->required();
+    exec->add_option("COMMAND", *command, "Command and its arguments")->required();
     exec->footer("For example: kelo-board exec ping -c 1 fe80::1%br0");
 
     CLI::App *const ip =
@@ -40,22 +40,24 @@ void addExec(Cli &cli)
             command->insert(command->begin(), "ip");
             return runInside(cli.running(), *command);
         });
-    ip->add_option("argument", *command, "What ip is given")->required();
+    ip->add_option("ARGUMENT", *command, "What ip is given")->required();
     ip->footer("For example: kelo-board ip -6 addr add 2001:db8::1/64 dev nas0_0");
 }
 
 void addDaemon(Cli &cli)
 {
     const auto name = std::make_shared<std::string>();
-    cli.add(daemonGroup, "signal", "Send the daemon a signal",
-            [&cli, name] {
-                const int number = signalNumber(*name);
-                if (!cli.running().signalDaemon(number))
-                    throw Failure("the daemon does not run");
-                return 0;
-            })
-        ->add_option("signal", *name, "Name or number: TERM, STOP, CONT, 9")
-        ->required();
+    CLI::App *const signalCommand =
+        cli.add(daemonGroup, "signal", "Send the daemon a signal", [&cli, name] {
+            const int number = signalNumber(*name);
+            if (!cli.running().signalDaemon(number))
+                throw Failure("the daemon does not run");
+            return 0;
+        });
+    signalCommand->add_option("SIGNAL", *name, "Name or number: TERM, STOP, CONT, 9")->required();
+    cli.words[signalCommand] = [] {
+        return std::vector<std::string>{"TERM", "HUP", "INT", "QUIT", "STOP", "CONT", "KILL"};
+    };
 
     const auto options = std::make_shared<std::vector<std::string>>();
     const auto speed = std::make_shared<int>(1);
@@ -67,7 +69,7 @@ void addDaemon(Cli &cli)
                                         request(cli.board, line);
                                         return 0;
                                     });
-    start->add_option("option", *options, "Options for the daemon, after --");
+    start->add_option("OPTION", *options, "Options for the daemon, after --");
     start->add_option("--speed", *speed, "How many times faster than real its clock runs")
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();

@@ -18,7 +18,8 @@ struct Options {
     std::string within = "5s";
     std::string length = "0s";
     bool negate = false;
-    std::vector<std::string> words;
+    std::string words[2];
+    std::vector<std::string> beat;
 };
 
 /// What is known of the board: its record, and the time from which events count.
@@ -77,15 +78,6 @@ void checkPattern(const std::string &pattern)
         throw UsageError("no LED pattern: \"" + pattern + "\" (six digits 0 and 1)");
 }
 
-unsigned long long toNumber(const std::string &text)
-{
-    unsigned long long number;
-    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos ||
-        !CLI::detail::lexical_cast(text, number))
-        throw UsageError("no number: \"" + text + "\"");
-    return number;
-}
-
 Condition ledsShow(const std::string &pattern)
 {
     checkPattern(pattern);
@@ -120,7 +112,7 @@ Condition storeHas(const std::string &attribute, const std::string &value)
 {
     const auto stored = [=](const View &view) { return view.board.stored(statusNode, attribute); };
     return {"store " + attribute + " \"" + value + "\"",
-            [=](const View &view) { return stored(view).value_or("") == value; },
+            [=](const View &view) { return stored(view) == value; },
             [=](const View &view) {
                 const auto found = stored(view);
                 return attribute + (found ? " \"" + *found + "\"" : " never set");
@@ -160,6 +152,7 @@ Condition snapshotShows(const std::string &name, const std::string &value)
     if (field != "in" && field != "out" && field != "counterIn" && field != "counterOut")
         throw UsageError("no snapshot field: \"" + name +
                          "\" (PORT.in, .out, .counterIn or .counterOut)");
+    portNumber(port);
     const bool absent = value == "none";
     if (!absent)
         toNumber(value);
@@ -213,12 +206,11 @@ Condition exits(const std::string &status)
             }};
 }
 
-/// A/B/... [period TIME] [for TIME] [tolerance PERCENT]
-Beat toBeat(const std::vector<std::string> &words)
+Beat toBeat(const std::string &cycle, const std::vector<std::string> &words)
 {
     Beat beat;
     beat.period = std::chrono::seconds(1);
-    std::istringstream patterns(words.at(0));
+    std::istringstream patterns(cycle);
     for (std::string pattern; std::getline(patterns, pattern, '/');) {
         checkPattern(pattern);
         beat.patterns.push_back(pattern);
@@ -227,38 +219,35 @@ Beat toBeat(const std::vector<std::string> &words)
         throw UsageError("blinking takes two patterns at least: 010101/110000");
     for (size_t i = 0; i < beat.patterns.size(); i++) {
         if (beat.patterns[i] == beat.patterns[(i + 1) % beat.patterns.size()])
-            throw UsageError("neighbouring patterns have to differ: \"" + words[0] + "\"");
+            throw UsageError("neighbouring patterns have to differ: \"" + cycle + "\"");
     }
-    for (size_t i = 1; i + 1 < words.size(); i += 2) {
-        if (words[i] == "period") {
-            beat.period = toDuration(words[i + 1]);
-        } else if (words[i] == "for") {
-            beat.length = toDuration(words[i + 1]);
-        } else if (words[i] == "tolerance") {
-            std::string percent = words[i + 1];
-            if (percent.ends_with("%"))
-                percent.pop_back();
-            beat.tolerance = static_cast<double>(toNumber(percent)) / 100;
-        } else {
+    for (size_t i = 0; i < words.size(); i += 2) {
+        const std::string value = i + 1 < words.size() ? words[i + 1] : "";
+        if (words[i] == "period")
+            beat.period = toDuration(value);
+        else if (words[i] == "for")
+            beat.length = toDuration(value);
+        else if (words[i] == "tolerance")
+            beat.tolerance = static_cast<double>(toNumber(value.substr(0, value.find('%')))) / 100;
+        else
             throw UsageError("unknown word \"" + words[i] + "\" (period, for, tolerance)");
-        }
     }
-    if (words.size() % 2 == 0)
-        throw UsageError("a value is missing after \"" + words.back() + "\"");
+    if (beat.period == Clock::duration::zero())
+        throw UsageError("no period: \"0\"");
     if (beat.length == Clock::duration::zero())
         beat.length = 2 * beat.period;
     return beat;
 }
 
-Condition blinks(const std::vector<std::string> &words)
+Condition blinks(const Options &options)
 {
-    const Beat beat = toBeat(words);
+    const Beat beat = toBeat(options.words[0], options.beat);
     struct Watching {
         std::optional<BeatWatch> watch;
         size_t seen = 0;
     };
     const auto watching = std::make_shared<Watching>();
-    return {"blink " + joined(words),
+    return {joined({"blink", options.words[0], joined(options.beat)}),
             [=](const View &view) {
                 if (!watching->watch) {
                     watching->watch.emplace(beat, Clock::now(), view.lastText(EventKind::Leds));
@@ -328,64 +317,108 @@ int expect(const Cli &cli, const Options &options, const Condition &condition)
 
 struct Kind {
     const char *name;
-    const char *arguments;
     const char *description;
-    size_t least;
-    size_t most;
-    std::function<Condition(const std::vector<std::string> &)> make;
+    std::vector<std::pair<const char *, const char *>> arguments; ///< names and descriptions
+    std::function<Condition(const Options &)> make;
 };
+
+const std::vector<Kind> &kinds()
+{
+    static const std::vector<Kind> all = {
+        {"leds",
+         "The six LEDs show a pattern",
+         {{"FLAGS", "GPIO 6, 7, 8, 2, 3, 4, 1 is lit: 000111"}},
+         [](const Options &options) { return ledsShow(options.words[0]); }},
+        {"blink",
+         "The LEDs go through patterns in a steady beat",
+         {{"FLAGS/FLAGS...", "The patterns of one cycle: 010101/110000"}},
+         [](const Options &options) { return blinks(options); }},
+        {"mode",
+         "The display is in a mode",
+         {{"KEYWORD", "locateme and so on, or its number"}},
+         [](const Options &options) { return modeIs(options.words[0]); }},
+        {"log",
+         "The daemon's log has a text, since the mark",
+         {{"TEXT", "Part of a record"}},
+         [](const Options &options) { return logHas(options.words[0]); }},
+        {"store",
+         "The configuration store holds a value",
+         {{"ATTRIBUTE", "Such as wanAddress, lanAddressLen, wanGateway"},
+          {"VALUE", "Its value; '' for an empty one"}},
+         [](const Options &options) { return storeHas(options.words[0], options.words[1]); }},
+        {"omci",
+         "The omci command ran a number of times, since the mark",
+         {{"COUNT", "How often, exactly"}},
+         [](const Options &options) { return omciRuns(options.words[0]); }},
+        {"snapshot",
+         "A port counter snapshot shows a number, since the mark",
+         {{"PORT.FIELD", "Field in, out, counterIn or counterOut: lan1.in"},
+          {"VALUE", "The number; none for a port that is left out"}},
+         [](const Options &options) { return snapshotShows(options.words[0], options.words[1]); }},
+        {"calls",
+         "The daemon made a call, since the mark",
+         {{"FUNCTION", "reboot or restoreDefaultBg"}},
+         [](const Options &options) { return calls(options.words[0]); }},
+        {"exit",
+         "The daemon ended, since the mark",
+         {{"STATUS", "Its exit status; 128 and the number for a signal"}},
+         [](const Options &options) { return exits(options.words[0]); }},
+    };
+    return all;
+}
 
 } // namespace
 
 void addExpect(Cli &cli)
 {
-    using Words = std::vector<std::string>;
-    const Kind kinds[] = {
-        {"leds", "FLAGS", "The six LEDs show this, such as 000111", 1, 1,
-         [](const Words &words) { return ledsShow(words[0]); }},
-        {"blink", "FLAGS/FLAGS... [period TIME] [for TIME] [tolerance PERCENT]",
-         "The LEDs go through these patterns in a steady beat", 1, 7,
-         [](const Words &words) { return blinks(words); }},
-        {"mode", "KEYWORD", "The display mode, by keyword or number", 1, 1,
-         [](const Words &words) { return modeIs(words[0]); }},
-        {"log", "TEXT", "The daemon's log contains this since the mark", 1, 1,
-         [](const Words &words) { return logHas(words[0]); }},
-        {"store", "ATTRIBUTE VALUE", "The configuration store holds this; VALUE may be empty", 2, 2,
-         [](const Words &words) { return storeHas(words[0], words[1]); }},
-        {"omci", "COUNT", "The omci command ran this often since the mark", 1, 1,
-         [](const Words &words) { return omciRuns(words[0]); }},
-        {"snapshot", "PORT.FIELD VALUE",
-         "A snapshot since the mark has this, such as lan1.in 150; none for a missing port", 2, 2,
-         [](const Words &words) { return snapshotShows(words[0], words[1]); }},
-        {"calls", "FUNCTION", "The daemon called reboot or restoreDefaultBg since the mark", 1, 1,
-         [](const Words &words) { return calls(words[0]); }},
-        {"exit", "STATUS", "The daemon ended with this status", 1, 1,
-         [](const Words &words) { return exits(words[0]); }},
-    };
-
     const auto options = std::make_shared<Options>();
-    CLI::App *const command = cli.app.add_subcommand(
-        "expect", "Wait until something holds; fail and say what there was instead");
+    CLI::App *const command =
+        cli.app.add_subcommand("expect", "Wait until something holds, or say what there was");
     command->group(testGroup);
     command->require_subcommand(1);
-    command->add_option("--within", options->within, "Deadline")->capture_default_str();
-    command->add_option("--for", options->length, "How long it has to hold");
+    command->add_option("--within", options->within, "Deadline")
+        ->type_name("TIME")
+        ->capture_default_str();
+    command->add_option("--for", options->length, "How long it has to hold")
+        ->type_name("TIME")
+        ->capture_default_str();
     command->add_flag("--not", options->negate, "Wait until it does not hold");
-    for (const Kind &kind : kinds) {
+    command->footer("TIME is 3, 1.5s, 250ms or 2m. The mark is the daemon's start, or later where\n"
+                    "kelo-board mark put it.");
+    for (const Kind &kind : kinds()) {
         const auto make = kind.make;
-        cli.addTo(*command, kind.name, std::string(kind.description),
-                  [&cli, options, make] { return expect(cli, *options, make(options->words)); })
-            ->add_option("words", options->words, kind.arguments)
-            ->required()
-            ->type_name(kind.arguments)
-            ->expected(static_cast<int>(kind.least), static_cast<int>(kind.most));
+        CLI::App *const condition =
+            cli.addTo(*command, kind.name, kind.description,
+                      [&cli, options, make] { return expect(cli, *options, make(*options)); });
+        for (size_t i = 0; i < kind.arguments.size(); i++)
+            condition
+                ->add_option(kind.arguments[i].first, options->words[i], kind.arguments[i].second)
+                ->required();
+        if (kind.name == std::string("blink")) {
+            condition->add_option("BEAT", options->beat, "What is known of the beat, see below");
+            condition->footer("BEAT is any of:\n"
+                              "  period TIME        of the whole cycle (1s)\n"
+                              "  for TIME           how long it has to go on (two periods)\n"
+                              "  tolerance PERCENT  of the time each pattern shows (25%)");
+        }
+        condition->group("Conditions");
+        if (kind.name == std::string("mode"))
+            cli.words[condition] = modeKeywords;
     }
 
-    cli.add(testGroup, "mark", "Let expect log, omci, snapshot, calls and exit count from here on",
-            [&cli] {
-                request(cli.board, "mark");
+    const auto time = std::make_shared<std::string>();
+    cli.add(testGroup, "wait", "Let time pass; fails when the board ends meanwhile",
+            [&cli, time] {
+                letPass(cli.board, toDuration(*time));
                 return 0;
-            });
+            })
+        ->add_option("TIME", *time, "How long: 3, 1.5s, 250ms, 2m")
+        ->required();
+
+    cli.add(testGroup, "mark", "Let expect look at nothing older than this", [&cli] {
+        request(cli.board, "mark");
+        return 0;
+    });
 }
 
 } // namespace kelo

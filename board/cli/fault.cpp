@@ -49,11 +49,11 @@ int turn(const Cli &cli, const FaultOptions &options)
 void addFault(Cli &cli)
 {
     const auto options = std::make_shared<FaultOptions>();
-    CLI::App *const command = cli.add(
-        hardwareGroup, "fault", "Break something on the board or mend it, or list what can be",
-        [&cli, options] { return turn(cli, *options); });
-    command->add_option("fault", options->name, "Which; without, all are listed");
-    command->add_option("state", options->state, "on or off")->capture_default_str();
+    CLI::App *const command =
+        cli.add(hardwareGroup, "fault", "Break something on the board, or mend it",
+                [&cli, options] { return turn(cli, *options); });
+    command->add_option("FAULT", options->name, "Which; without, all are listed");
+    command->add_option("STATE", options->state, "on or off")->capture_default_str();
     cli.addJson(*command);
     std::string footer = "Faults:";
     for (const Fault &fault : faults())
@@ -61,14 +61,19 @@ void addFault(Cli &cli)
                   fault.description;
     footer += "\nSee also: set port PORT none, signal STOP, burst, start --speed";
     command->footer(footer);
+    cli.words[command] = [] {
+        std::vector<std::string> words{"on", "off"};
+        for (const Fault &fault : faults())
+            words.push_back(fault.name);
+        return words;
+    };
 
     CLI::App *const burst =
-        cli.add(hardwareGroup, "burst", "Overrun the daemon's netlink socket with address changes",
-                [&cli, options] {
-                    overrunNetlink(cli.running(), options->changes);
-                    return 0;
-                });
-    burst->add_option("changes", options->changes, "How many addresses come and go")
+        cli.add(hardwareGroup, "burst", "Overrun the daemon's netlink socket", [&cli, options] {
+            overrunNetlink(cli.running(), options->changes);
+            return 0;
+        });
+    burst->add_option("COUNT", options->changes, "How many addresses come and go")
         ->check(CLI::Range(1, 60000))
         ->capture_default_str();
 }

@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <poll.h>
+#include <unistd.h>
 
 namespace kelo {
 
@@ -16,6 +18,13 @@ struct LookOptions {
     std::string attribute;
 };
 
+/// Whether nobody reads the output any more, as when grep -m 1 has found it.
+bool readerIsGone()
+{
+    pollfd output{STDOUT_FILENO, 0, 0};
+    return poll(&output, 1, 0) > 0 && (output.revents & POLLERR);
+}
+
 /// Prints the record of a board, of one kind or of all, and goes on as it grows if asked to.
 int printRecord(const Cli &cli, bool follow, std::optional<EventKind> kind)
 {
@@ -24,10 +33,10 @@ int printRecord(const Cli &cli, bool follow, std::optional<EventKind> kind)
     Connection connection(cli.board, "watch " + toText(start));
     try {
         for (;;) {
-            const std::string line = *connection.line();
-            if (line == "now" && !follow)
+            const auto line = connection.line(Clock::now() + std::chrono::milliseconds(200));
+            if ((line == "now" && !follow) || readerIsGone())
                 return 0;
-            const std::optional<Event> event = fromLine(line);
+            const std::optional<Event> event = line ? fromLine(*line) : std::nullopt;
             if (event && (!kind || event->kind == *kind))
                 printer.print(*event);
         }
@@ -147,13 +156,17 @@ void addLook(Cli &cli)
     CLI::App *const statusCommand = cli.add(lookGroup, "status", "Print what the board is doing",
                                             [&cli] { return status(cli); });
     CLI::App *const ledsCommand =
-        cli.add(lookGroup, "leds", "Print the six LEDs: GPIO 6, 7, 8, 2, 3, 4, 1 is lit",
+        cli.add(lookGroup, "leds", "Print the LEDs: GPIO 6, 7, 8, 2, 3, 4; 1 is lit",
                 [&cli] { return leds(cli); });
     CLI::App *const storeCommand =
         cli.add(lookGroup, "store", "Print the IPv6 status in the configuration store",
                 [&cli, options] { return store(cli, options->attribute); });
-    storeCommand->add_option("attribute", options->attribute,
+    storeCommand->add_option("ATTRIBUTE", options->attribute,
                              "Only this one, for example wanAddress");
+    cli.words[storeCommand] = [] {
+        return std::vector<std::string>{"lanAddress", "lanAddressLen", "wanAddress",
+                                        "wanAddressLen", "wanGateway"};
+    };
     CLI::App *const snapshotCommand = cli.add(
         lookGroup, "snapshot", "Print the port counter snapshot", [&cli] { return snapshot(cli); });
     CLI::App *const logCommand =
@@ -163,12 +176,12 @@ void addLook(Cli &cli)
         cli.add(lookGroup, "events", "Print everything that happened on the board",
                 [&cli, options] { return printRecord(cli, options->follow, std::nullopt); });
     const auto file = std::make_shared<std::string>("/");
-    cli.add(lookGroup, "path", "Print where a file of the board is for this machine's programs",
+    cli.add(lookGroup, "path", "Print where a board's file is for this machine",
             [&cli, file] {
                 puts(cli.running().path(*file).c_str());
                 return 0;
             })
-        ->add_option("file", *file, "The file as the daemon names it")
+        ->add_option("FILE", *file, "The file as the daemon names it")
         ->capture_default_str();
     for (CLI::App *const command : {logCommand, eventsCommand})
         command->add_flag("-f,--follow", options->follow, "Go on as more happens");

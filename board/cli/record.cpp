@@ -108,16 +108,16 @@ int drawPlot(const std::string &board, const PlotOptions &options)
 void addRecord(Cli &cli)
 {
     const auto options = std::make_shared<RecordOptions>();
-    CLI::App *const command =
-        cli.add(lookGroup, "record",
-                "Save what happened on a board as VCD, for plot, GTKWave or sigrok-cli",
-                [&cli, options] { return record(cli.board, *options); });
+    CLI::App *const command = cli.add(lookGroup, "record", "Save what happened on a board as VCD",
+                                      [&cli, options] { return record(cli.board, *options); });
     command
-        ->add_option("file", options->file,
+        ->add_option("FILE", options->file,
                      "File to write, such as board.vcd; - for standard output")
         ->required();
-    command->add_option("--for", options->length,
-                        "Record from now on for a time (10s), not what happened so far");
+    command
+        ->add_option("--for", options->length,
+                     "Record from now on for so long, not what was so far")
+        ->type_name("TIME");
 }
 
 void addPlot(Cli &cli)
@@ -126,7 +126,7 @@ void addPlot(Cli &cli)
     CLI::App *const command =
         cli.add(lookGroup, "plot", "Draw a recording, or what happened on the board so far",
                 [&cli, options] { return drawPlot(cli.board, *options); });
-    command->add_option("file", options->file, "Recording to draw; without it the running board");
+    command->add_option("FILE", options->file, "Recording to draw; without it the running board");
     command->add_option("-o,--output", options->output, "Picture to write: .svg or .png")
         ->required();
     command->add_option("--from", options->from, "Second at which the picture starts");

@@ -223,12 +223,17 @@ void addRun(Cli &cli)
     CLI::App *const command =
         cli.add(testGroup, "run", "Run scenarios, each on a fresh board, side by side",
                 [options] { return runAll(*options); });
-    command->add_option("file", options->files, "Shell scripts of kelo-board commands")
+    command->add_option("FILE", options->files, "Shell scripts of kelo-board commands")
         ->required()
         ->check(CLI::ExistingFile);
-    command->add_option("-j,--jobs", options->jobs, "How many at once")->capture_default_str();
-    command->add_option("--junit", options->junit, "Write the results as JUnit XML into this file");
+    command->add_option("-j,--jobs", options->jobs, "How many at once")
+        ->type_name("COUNT")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
+    command->add_option("--junit", options->junit, "Write the results as JUnit XML into this file")
+        ->type_name("FILE");
     command->add_option("--limit", options->limit, "Longest time for one scenario")
+        ->type_name("TIME")
         ->capture_default_str();
     command->add_flag("--show", options->show, "Show what happens, one scenario after the other");
 }

@@ -1,5 +1,7 @@
 #include "cli.h"
 
+#include <cstdio>
+
 namespace kelo {
 
 namespace {
@@ -7,40 +9,34 @@ namespace {
 constexpr const char *portNames[] = {"lan1", "lan2", "lan3", "lan4", "wan", "wifi2", "wifi5"};
 
 struct Values {
-    std::string power;
+    std::string text;
     int number = 0;
-    std::string port;
     std::string in;
-    unsigned long long out = 0;
+    std::string out = "0";
 };
 
-int portNumber(const std::string &name)
+std::string powerText(const std::string &text)
 {
-    for (int port = 1; port <= static_cast<int>(std::size(portNames)); port++) {
-        if (name == portNames[port - 1] || name == std::to_string(port))
-            return port;
+    float dbm;
+    char rest;
+    if (text == "none")
+        return "";
+    if (sscanf(text.c_str(), "%f%c", &dbm, &rest) != 1)
+        throw UsageError("no optical power: \"" + text + "\" (dBm, such as -18.5, or none)");
+    return text;
+}
+
+int setPort(const Cli &cli, const std::string &name, const std::string &in, const std::string &out)
+{
+    const int port = portNumber(name);
+    if (in == "none") {
+        cli.running().removePort(port);
+    } else {
+        const unsigned long long inCount = toNumber(in);
+        const unsigned long long outCount = toNumber(out);
+        cli.running().setPort(port, inCount, outCount);
     }
-    throw UsageError("no port: \"" + name + "\" (lan1 to lan4, wan, wifi2, wifi5, or 1 to 7)");
-}
-
-void setPort(const Access &board, const Values &values)
-{
-    const int port = portNumber(values.port);
-    unsigned long long in;
-    if (values.in == "none")
-        board.removePort(port);
-    else if (CLI::detail::lexical_cast(values.in, in) && values.in[0] != '-')
-        board.setPort(port, in, values.out);
-    else
-        throw UsageError("no byte count: \"" + values.in + "\"");
-}
-
-void setLaser(const Access &board, const std::string &power)
-{
-    double dbm;
-    if (power != "none" && !CLI::detail::lexical_cast(power, dbm))
-        throw UsageError("no optical power: \"" + power + "\" (dBm, such as -18.5, or none)");
-    board.setLaser(power == "none" ? "" : power);
+    return 0;
 }
 
 int press(const std::string &board, const std::string &time)
@@ -54,6 +50,15 @@ int press(const std::string &board, const std::string &time)
 
 } // namespace
 
+int portNumber(const std::string &name)
+{
+    for (int port = 1; port <= static_cast<int>(std::size(portNames)); port++) {
+        if (name == portNames[port - 1] || name == std::to_string(port))
+            return port;
+    }
+    throw UsageError("no port: \"" + name + "\" (lan1 to lan4, wan, wifi2, wifi5, or 1 to 7)");
+}
+
 void addSet(Cli &cli)
 {
     const auto values = std::make_shared<Values>();
@@ -64,10 +69,11 @@ void addSet(Cli &cli)
 
     cli.addTo(*set, "laser", "Received optical power",
               [&cli, values] {
-                  setLaser(cli.running(), values->power);
+                  const std::string power = powerText(values->text);
+                  cli.running().setLaser(power);
                   return 0;
               })
-        ->add_option("dbm", values->power, "dBm, such as -18.5, or none for no reading")
+        ->add_option("DBM", values->text, "dBm, such as -18.5, or none for no reading")
         ->required();
 
     cli.addTo(*set, "gpon", "GPON ONU state",
@@ -75,7 +81,7 @@ void addSet(Cli &cli)
                   cli.running().setGpon(values->number);
                   return 0;
               })
-        ->add_option("state", values->number, "State; 5 is link up, anything else is down")
+        ->add_option("STATE", values->number, "5 is link up, anything else is down")
         ->required();
 
     cli.addTo(*set, "button", "Reset button, to the very value",
@@ -83,18 +89,20 @@ void addSet(Cli &cli)
                   cli.running().setButton(values->number);
                   return 0;
               })
-        ->add_option("value", values->number, "Value; 0 is released, from 5 on a long hold")
+        ->add_option("VALUE", values->number, "0 is released, from 5 on a long hold")
         ->required();
 
     CLI::App *const port = cli.addTo(*set, "port", "Byte counters of a port", [&cli, values] {
-        setPort(cli.running(), *values);
-        return 0;
+        return setPort(cli, values->text, values->in, values->out);
     });
-    port->add_option("port", values->port, "lan1 to lan4, wan, wifi2, wifi5, or 1 to 7")
+    port->add_option("PORT", values->text, "lan1 to lan4, wan, wifi2, wifi5, or 1 to 7")
         ->required();
-    port->add_option("in", values->in, "Bytes in, or none for a port that cannot be read")
+    port->add_option("IN", values->in, "Bytes in, or none for a port that cannot be read")
         ->required();
-    port->add_option("out", values->out, "Bytes out");
+    port->add_option("OUT", values->out, "Bytes out")->capture_default_str();
+    cli.words[port] = [] {
+        return std::vector<std::string>(std::begin(portNames), std::end(portNames));
+    };
 }
 
 void addButton(Cli &cli)
@@ -102,7 +110,7 @@ void addButton(Cli &cli)
     const auto time = std::make_shared<std::string>("2s");
     cli.add(hardwareGroup, "press", "Press the reset button and let go of it",
             [&cli, time] { return press(cli.board, *time); })
-        ->add_option("time", *time, "How long; the daemon looks once a second")
+        ->add_option("TIME", *time, "How long; the daemon looks once a second")
         ->capture_default_str();
     cli.add(hardwareGroup, "hold", "Hold the reset button down; its value grows every second",
             [&cli] {
@@ -118,30 +126,19 @@ void addButton(Cli &cli)
 void addMode(Cli &cli)
 {
     const auto keyword = std::make_shared<std::string>();
-    cli.add(hardwareGroup, "mode",
-            "Write a keyword into the daemon's display pipe, or print the display mode",
-            [&cli, keyword] {
-                if (keyword->empty())
-                    puts(modeName(stateOf(cli.board)["mode"]).c_str());
-                else
-                    cli.running().writeKeyword(*keyword);
-                return 0;
-            })
-        ->add_option("keyword", *keyword,
-                     "none, signal, reboot, restore, errora12, locateme, ledtest, facttest, "
-                     "facttesterr; or any text");
-}
-
-void addWait(Cli &cli)
-{
-    const auto time = std::make_shared<std::string>();
-    cli.add(testGroup, "wait", "Let time pass; fails when the board ends meanwhile",
-            [&cli, time] {
-                letPass(cli.board, toDuration(*time));
-                return 0;
-            })
-        ->add_option("time", *time, "How long: 3, 1.5s, 250ms, 2m")
-        ->required();
+    CLI::App *const command =
+        cli.add(hardwareGroup, "mode", "Write a keyword into the display pipe, or print the mode",
+                [&cli, keyword] {
+                    if (keyword->empty())
+                        puts(modeName(stateOf(cli.board)["mode"]).c_str());
+                    else
+                        cli.running().writeKeyword(*keyword);
+                    return 0;
+                });
+    command->add_option("KEYWORD", *keyword, "One of those below, or any text");
+    command->footer("Keywords: none, signal, reboot, restore, errora12, locateme, ledtest,\n"
+                    "facttest, facttesterr");
+    cli.words[command] = modeKeywords;
 }
 
 } // namespace kelo

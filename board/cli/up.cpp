@@ -134,11 +134,13 @@ void addUp(Cli &cli)
             return options->detach ? upDetached(cli.board, *options)
                                    : upForeground(cli.board, *options);
         });
-    command->add_option("name", cli.board, "Name of the new board");
+    command->add_option("NAME", cli.board, "Name of the new board")->capture_default_str();
     command->add_flag("-d,--detach", options->detach,
                       "Run in the background; returns once the daemon runs");
-    command->add_option("--daemon-option", options->daemon,
-                        "Option for the daemon: --daemon-option=-d");
+    command
+        ->add_option("--daemon-option", options->daemon,
+                     "Option for the daemon: --daemon-option=-d")
+        ->type_name("OPTION");
 }
 
 void addDown(Cli &cli)
@@ -148,7 +150,8 @@ void addDown(Cli &cli)
             request(cli.board, "down");
             return 0;
         });
-    command->add_option("name", cli.board, "Name of the board");
+    command->add_option("NAME", cli.board, "Name of the board")->capture_default_str();
+    cli.words[command] = runningBoards;
 }
 
 void addList(Cli &cli)

@@ -1,0 +1,717 @@
+// kelo-board as its users meet it: what it prints where, its exit status, and what it leaves
+// behind.
+
+#include "process.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+using Words = std::vector<std::string>;
+
+struct Outcome {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+Outcome runCommand(const Words &command)
+{
+    kelo::Pipe out = kelo::makePipe();
+    kelo::Pipe err = kelo::makePipe();
+    const pid_t child = kelo::spawn(command, {-1, out.write.get(), err.write.get()});
+    out.write.reset();
+    err.write.reset();
+    Outcome outcome;
+    std::thread reader([&] { outcome.err = kelo::readAll(err.read.get()); });
+    outcome.out = kelo::readAll(out.read.get());
+    reader.join();
+    outcome.status = kelo::waitFor(child);
+    return outcome;
+}
+
+Outcome kb(Words arguments)
+{
+    arguments.insert(arguments.begin(), KELO_BOARD_PROGRAM);
+    return runCommand(arguments);
+}
+
+Words linesOf(const std::string &text)
+{
+    Words lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+testing::AssertionResult has(const std::string &text, const std::string &part)
+{
+    if (text.find(part) != std::string::npos)
+        return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
+}
+
+testing::AssertionResult within(std::chrono::seconds deadline,
+                                const std::function<bool()> &condition)
+{
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end)
+            return testing::AssertionFailure() << "not in time";
+        std::this_thread::sleep_for(10ms);
+    }
+    return testing::AssertionSuccess();
+}
+
+/// Whether any process has a text in its environment or command line.
+bool isAround(const std::string &text)
+{
+    std::error_code none;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc", none)) {
+        const int pid = atoi(entry.path().filename().c_str());
+        for (const char *file : {"cmdline", "environ"}) {
+            if (pid > 0 && pid != getpid() &&
+                kelo::readFile(entry.path() / file).find(text) != std::string::npos)
+                return true;
+        }
+    }
+    return false;
+}
+
+/// The processes whose root is a board's, or who wait in its namespaces.
+bool namespaceLives(const std::string &link)
+{
+    std::error_code none;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc", none)) {
+        std::error_code gone;
+        if (std::filesystem::read_symlink(entry.path() / "ns/net", gone) == link)
+            return true;
+    }
+    return false;
+}
+
+std::string uniqueName()
+{
+    return "cli-" + std::to_string(getpid());
+}
+
+// --- Without a board -----------------------------------------------------------------------------
+
+struct BadUse {
+    const char *name;
+    Words arguments;
+    const char *message;
+};
+
+void PrintTo(const BadUse &use, std::ostream *stream)
+{
+    *stream << use.name;
+}
+
+class Usage : public testing::TestWithParam<BadUse> {};
+
+TEST_P(Usage, IsRefusedInOneLineWithStatus2)
+{
+    const Outcome outcome = kb(GetParam().arguments);
+    EXPECT_EQ(2, outcome.status);
+    EXPECT_EQ("", outcome.out);
+    EXPECT_EQ(1U, linesOf(outcome.err).size()) << outcome.err;
+    EXPECT_EQ(0U, outcome.err.find("kelo-board: ")) << outcome.err;
+    EXPECT_TRUE(has(outcome.err, GetParam().message));
+}
+
+const BadUse badUses[] = {
+    {"NoCommand", {}, "a command is missing (see kelo-board --help)"},
+    {"UnknownCommand", {"nonsense"}, "unknown command: nonsense (see kelo-board --help)"},
+    {"UnknownOption", {"leds", "--colour"}, "--colour (see kelo-board leds --help)"},
+    {"TooMany", {"leds", "on"}, "not expected: on (see kelo-board leds --help)"},
+    {"BoardMissing", {"-b"}, "--board"},
+    {"BoardName", {"-b", "a/b", "leds"}, "no usable board name: \"a/b\""},
+    {"BoardNameLong", {"up", std::string(200, 'a')}, "no usable board name"},
+    {"BoardNameEmpty", {"up", ""}, "no usable board name: \"\""},
+    {"SetNothing", {"set"}, "a command is missing (see kelo-board set --help)"},
+    {"SetUnknown", {"set", "lasr", "-3"}, "unknown command: lasr (see kelo-board set --help)"},
+    {"LaserNothing", {"set", "laser"}, "DBM is required (see kelo-board set laser --help)"},
+    {"LaserWord", {"set", "laser", "bright"}, "no optical power: \"bright\""},
+    {"LaserUnit", {"set", "laser", "-3dBm"}, "no optical power: \"-3dBm\""},
+    {"GponWord", {"set", "gpon", "up"}, "STATE = up"},
+    {"GponRange", {"set", "gpon", "99999999999"}, "STATE = 99999999999"},
+    {"ButtonWord", {"set", "button", "down"}, "VALUE = down"},
+    {"PortName", {"set", "port", "lan9", "1", "2"}, "no port: \"lan9\""},
+    {"PortNumber", {"set", "port", "0", "1", "2"}, "no port: \"0\""},
+    {"PortCount", {"set", "port", "lan1", "-1"}, "no number: \"-1\""},
+    {"PortRange", {"set", "port", "lan1", "18446744073709551616"}, "no number"},
+    {"PortSecond", {"set", "port", "lan1", "1", "x"}, "no number: \"x\""},
+    {"PressTime", {"press", "long"}, "no length of time: \"long\""},
+    {"WaitUnit", {"wait", "3h"}, "no length of time: \"3h\""},
+    {"WaitNegative", {"wait", "--", "-1"}, "no length of time: \"-1\""},
+    {"SignalName", {"signal", "FOO"}, "no signal: \"FOO\""},
+    {"SignalNumber", {"signal", "0"}, "no signal: \"0\""},
+    {"SpeedRange", {"start", "--speed", "0"}, "--speed"},
+    {"BurstRange", {"burst", "0"}, "COUNT"},
+    {"FaultName", {"fault", "rust"}, "no fault: \"rust\""},
+    {"FaultState", {"fault", "led-missing", "maybe"}, "on or off, not \"maybe\""},
+    {"ExecNothing", {"exec"}, "COMMAND is required"},
+    {"IpNothing", {"ip"}, "ARGUMENT is required"},
+    {"ExpectNothing", {"expect"}, "a command is missing (see kelo-board expect --help)"},
+    {"ExpectUnknown", {"expect", "noise"}, "unknown command: noise"},
+    {"ExpectPattern", {"expect", "leds", "11"}, "no LED pattern: \"11\""},
+    {"ExpectMode", {"expect", "mode", "disco"}, "no display mode: \"disco\""},
+    {"ExpectCount", {"expect", "omci", "-1"}, "no number: \"-1\""},
+    {"ExpectField", {"expect", "snapshot", "lan1.up", "3"}, "no snapshot field: \"lan1.up\""},
+    {"ExpectPort", {"expect", "snapshot", "lan9.in", "3"}, "no port: \"lan9\""},
+    {"ExpectValue", {"expect", "snapshot", "lan1.in", "many"}, "no number: \"many\""},
+    {"ExpectStatus", {"expect", "exit", "well"}, "no number: \"well\""},
+    {"ExpectDeadline", {"expect", "--within", "soon", "mode", "none"}, "\"soon\""},
+    {"ExpectFor", {"expect", "--for", "ever", "mode", "none"}, "\"ever\""},
+    {"BlinkOne", {"expect", "blink", "000000"}, "two patterns at least"},
+    {"BlinkSame", {"expect", "blink", "000000/000000"}, "have to differ"},
+    {"BlinkWord", {"expect", "blink", "000000/111111", "often"}, "unknown word \"often\""},
+    {"BlinkValue", {"expect", "blink", "000000/111111", "for"}, "no length of time: \"\""},
+    {"BlinkZero", {"expect", "blink", "000000/111111", "period", "0"}, "no period: \"0\""},
+    {"RunNothing", {"run"}, "FILE is required"},
+    {"RunMissing", {"run", "/nonexistent"}, "/nonexistent"},
+    {"RunFolder", {"run", "/"}, "FILE"},
+    {"RunJobs", {"run", "-j", "0", "/etc/passwd"}, "--jobs"},
+    {"RunLimit", {"run", "--limit", "x", "/etc/passwd"}, "no length of time: \"x\""},
+};
+
+INSTANTIATE_TEST_SUITE_P(Bad, Usage, testing::ValuesIn(badUses),
+                         [](const auto &test) { return test.param.name; });
+
+class Needs : public testing::TestWithParam<Words> {};
+
+TEST_P(Needs, ARunningBoardAndSaySoInOneLineWithStatus1)
+{
+    Words arguments = GetParam();
+    arguments.insert(arguments.begin(), {"-b", "nobody"});
+    const Outcome outcome = kb(arguments);
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_EQ("", outcome.out);
+    EXPECT_EQ("kelo-board: no board named \"nobody\" is running (start one: kelo-board up "
+              "nobody)\n",
+              outcome.err);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Commands, Needs,
+    testing::Values(Words{"down"}, Words{"set", "laser", "-3"}, Words{"set", "gpon", "5"},
+                    Words{"set", "button", "0"}, Words{"set", "port", "lan1", "1"},
+                    Words{"set", "port", "lan1", "none"}, Words{"press"}, Words{"hold"},
+                    Words{"release"}, Words{"mode"}, Words{"mode", "signal"}, Words{"fault"},
+                    Words{"fault", "led-missing"}, Words{"burst"}, Words{"exec", "true"},
+                    Words{"ip", "link"}, Words{"signal", "TERM"}, Words{"start"}, Words{"stop"},
+                    Words{"restart"}, Words{"status"}, Words{"leds"}, Words{"store"},
+                    Words{"store", "wanAddress"}, Words{"snapshot"}, Words{"log"}, Words{"events"},
+                    Words{"path"}, Words{"wait", "1"}, Words{"mark"},
+                    Words{"expect", "mode", "none"}),
+    [](const auto &test) {
+        std::string name;
+        for (const std::string &word : test.param)
+            std::copy_if(word.begin(), word.end(), std::back_inserter(name), isalnum);
+        return name;
+    });
+
+/// Every command, those of set and expect too.
+std::vector<Words> everyCommand()
+{
+    std::vector<Words> commands;
+    for (const std::string &command : linesOf(kb({"complete", ""}).out)) {
+        commands.push_back({command});
+        if (command == "set" || command == "expect") {
+            for (const std::string &inner : linesOf(kb({"complete", command, ""}).out))
+                commands.push_back({command, inner});
+        }
+    }
+    return commands;
+}
+
+TEST(Help, TellsOfEveryCommandWithinEightyColumns)
+{
+    std::vector<Words> commands = everyCommand();
+    EXPECT_GT(commands.size(), 40U);
+    commands.push_back({});
+    for (Words command : commands) {
+        command.push_back("--help");
+        const Outcome outcome = kb(command);
+        EXPECT_EQ(0, outcome.status) << command.front();
+        EXPECT_EQ("", outcome.err);
+        EXPECT_TRUE(has(outcome.out, "Usage: kelo-board"));
+        for (const std::string &line : linesOf(outcome.out))
+            EXPECT_LE(line.size(), 80U) << line;
+    }
+}
+
+TEST(Help, ManualPageDescribesEveryCommandAndOption)
+{
+    const std::string page = kelo::readFile(KELO_SOURCE "/docs/kelo-board.1");
+    for (const Words &command : everyCommand()) {
+        const std::string name = command.size() == 1 ? command[0] : command[0] + " " + command[1];
+        EXPECT_TRUE(page.find("\n.It Ic " + name + "\n") != std::string::npos ||
+                    page.find("\n.It Ic " + name + " ") != std::string::npos ||
+                    page.find("\n.It Xo Ic " + name + "\n") != std::string::npos)
+            << name;
+        Words words = command;
+        words.insert(words.begin(), "complete");
+        words.push_back("--");
+        words.insert(words.begin() + 1, "--");
+        for (const std::string &option : linesOf(kb(words).out)) {
+            if (option.starts_with("--") && option != "--help") {
+                EXPECT_NE(std::string::npos, page.find("Fl -" + option.substr(2)))
+                    << name << " " << option;
+            }
+        }
+    }
+}
+
+TEST(Completion, OffersWhatMayComeNext)
+{
+    const auto offers = [](const std::string &line) {
+        const std::string script = ". " KELO_SOURCE "/board/kelo-board.bash; COMP_WORDS=(" + line +
+                                   "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); "
+                                   "_kelo_board " KELO_BOARD_PROGRAM
+                                   "; printf '%s ' \"${COMPREPLY[@]}\"";
+        const Outcome outcome = runCommand({"bash", "-c", script});
+        EXPECT_EQ("", outcome.err);
+        return outcome.out;
+    };
+    EXPECT_EQ("exec events expect ", offers("kelo-board e"));
+    EXPECT_EQ("laser ", offers("kelo-board set l"));
+    EXPECT_EQ("locateme ledtest ", offers("kelo-board mode l"));
+    EXPECT_EQ("locateme ", offers("kelo-board expect --within 3 mode loc"));
+    EXPECT_EQ("--within ", offers("kelo-board expect --w"));
+    EXPECT_EQ("wan wifi2 wifi5 ", offers("kelo-board set port w"));
+    EXPECT_EQ("run-full run-readonly ", offers("kelo-board fault run"));
+    EXPECT_EQ(" ", offers("kelo-board frobnicate x"));
+}
+
+TEST(Output, ThatCannotBeWrittenIsAFailure)
+{
+    const Outcome outcome = runCommand({"sh", "-c", KELO_BOARD_PROGRAM " list > /dev/full"});
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_EQ("kelo-board: cannot write the output: No space left on device\n", outcome.err);
+}
+
+// --- On a board ----------------------------------------------------------------------------------
+
+class OnBoard : public testing::Test {
+protected:
+    const std::string name = uniqueName();
+
+    void SetUp() override
+    {
+        const Outcome outcome = kb({"up", "--detach", name});
+        ASSERT_EQ(0, outcome.status) << outcome.err;
+        ASSERT_EQ("", outcome.out + outcome.err);
+    }
+    void TearDown() override { kb({"down", name}); }
+
+    Outcome on(Words arguments) const
+    {
+        arguments.insert(arguments.begin(), {"-b", name});
+        return kb(arguments);
+    }
+    void succeeds(const Words &arguments) const
+    {
+        const Outcome outcome = on(arguments);
+        EXPECT_EQ(0, outcome.status) << arguments[0] << ": " << outcome.err;
+        EXPECT_EQ("", outcome.err);
+    }
+    nlohmann::json json(const Words &arguments) const
+    {
+        const Outcome outcome = on(arguments);
+        EXPECT_EQ(0, outcome.status) << outcome.err;
+        return nlohmann::json::parse(outcome.out, nullptr, false);
+    }
+};
+
+TEST_F(OnBoard, AnEarlierBoardKeepsItsName)
+{
+    const Outcome outcome = kb({"up", name});
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_EQ("kelo-board: a board named \"" + name + "\" runs already\n", outcome.err);
+    const Outcome detached = kb({"up", "--detach", name});
+    EXPECT_EQ(1, detached.status);
+    EXPECT_EQ(outcome.err, detached.err);
+    succeeds({"leds"});
+}
+
+TEST_F(OnBoard, SeveralBoardsAreDrivenByName)
+{
+    const std::string other = name + "-other";
+    ASSERT_EQ(0, kb({"up", "--detach", other}).status);
+    succeeds({"mode", "errora12"});
+    succeeds({"expect", "leds", "010000"});
+    EXPECT_EQ("signal\n", kb({"-b", other, "mode"}).out);
+    EXPECT_EQ("errora12\n", kb({"mode", "-b", name}).out);
+    const Outcome byEnvironment =
+        runCommand({"env", "KELO_BOARD_NAME=" + other, KELO_BOARD_PROGRAM, "mode"});
+    EXPECT_EQ("signal\n", byEnvironment.out);
+
+    const nlohmann::json boards = nlohmann::json::parse(kb({"list", "--json"}).out);
+    int found = 0;
+    for (const auto &board : boards)
+        found += board["name"] == name    ? board["mode"] == "errora12"
+                 : board["name"] == other ? board["mode"] == "signal"
+                                          : 0;
+    EXPECT_EQ(2, found) << boards;
+    EXPECT_TRUE(has(kb({"ps"}).out, other));
+
+    EXPECT_EQ(0, kb({"down", other}).status);
+    EXPECT_EQ(1, kb({"-b", other, "leds"}).status);
+    succeeds({"leds"});
+}
+
+TEST_F(OnBoard, DownLeavesNothing)
+{
+    const std::string network = on({"exec", "readlink", "/proc/self/ns/net"}).out;
+    ASSERT_NE("", network);
+    const std::string link = network.substr(0, network.size() - 1);
+    EXPECT_TRUE(namespaceLives(link));
+    EXPECT_EQ(0, kb({"down", name}).status);
+    EXPECT_FALSE(namespaceLives(link));
+    EXPECT_EQ(1, kb({"down", name}).status);
+}
+
+TEST_F(OnBoard, ADetachedBoardThatIsKilledLeavesNothing)
+{
+    const std::string link = on({"exec", "readlink", "/proc/self/ns/net"}).out;
+    const nlohmann::json boards = nlohmann::json::parse(kb({"list", "--json"}).out);
+    pid_t pid = 0;
+    for (const auto &board : boards) {
+        if (board["name"] == name)
+            pid = board["pid"];
+    }
+    ASSERT_GT(pid, 0);
+    kill(pid, SIGKILL);
+    EXPECT_TRUE(within(20s, [&] { return !namespaceLives(link.substr(0, link.size() - 1)); }));
+    EXPECT_EQ(1, on({"leds"}).status);
+}
+
+TEST_F(OnBoard, PrintsJsonForScripts)
+{
+    succeeds({"ip", "-6", "addr", "add", "2001:db8::1/64", "dev", "nas0_0", "nodad"});
+    succeeds({"expect", "store", "wanAddressLen", "64"});
+    EXPECT_EQ("2001:db8::1", json({"store", "--json"})["wanAddress"]);
+    EXPECT_EQ("64", json({"store", "wanAddressLen", "--json"}));
+
+    const nlohmann::json leds = json({"leds", "--json"});
+    EXPECT_EQ("110000", leds["leds"]);
+    EXPECT_EQ(true, leds["gpio"]["7"]);
+    EXPECT_EQ(false, leds["gpio"]["8"]);
+
+    const nlohmann::json status = json({"status", "--json"});
+    EXPECT_EQ("running", status["daemon"]);
+    EXPECT_EQ("signal", status["mode"]);
+    EXPECT_EQ("-18.5", status["laser"]);
+
+    succeeds({"set", "port", "lan1", "18446744073709551615", "7"});
+    succeeds({"expect", "snapshot", "lan1.counterOut", "7"});
+    const nlohmann::json snapshot = json({"snapshot", "--json"});
+    EXPECT_EQ(7U, snapshot.size());
+    EXPECT_EQ("lan1", snapshot[0]["port"]);
+    EXPECT_EQ(18446744073709551615ULL, snapshot[0]["counterIn"]);
+
+    EXPECT_EQ(false, json({"fault", "--json"})["omci-slow"]);
+
+    succeeds({"mode", "no\x01\xffse \"quoted\"\\"});
+    succeeds({"expect", "log", "se \"quoted\"\\"});
+    double time = 0;
+    for (const char *command : {"log", "events"}) {
+        for (const std::string &line : linesOf(on({command, "--json"}).out)) {
+            const nlohmann::json event = nlohmann::json::parse(line, nullptr, false);
+            ASSERT_TRUE(event.is_object()) << line;
+            time = event["time"];
+            EXPECT_TRUE(event["kind"].is_string() && event["text"].is_string());
+        }
+    }
+    EXPECT_GT(time, 0);
+}
+
+TEST_F(OnBoard, FollowsTheLog)
+{
+    const std::string command = std::string(KELO_BOARD_PROGRAM) + " -b " + name + " log -f";
+    const std::string find = command + " | grep -m 1 'received \"locateme\"'";
+    kelo::Pipe out = kelo::makePipe();
+    const pid_t follower = kelo::spawn({"sh", "-c", find}, {-1, out.write.get(), -1});
+    out.write.reset();
+    succeeds({"mode", "locateme"});
+    succeeds({"expect", "log", "received \"locateme\""});
+    EXPECT_TRUE(has(kelo::readAll(out.read.get()), "received \"locateme\""));
+    kb({"down", name});
+    EXPECT_EQ(0, kelo::waitFor(follower));
+}
+
+TEST_F(OnBoard, CommandsSayWhatTheBoardCannotDo)
+{
+    const auto fails = [&](const Words &arguments, const std::string &message) {
+        const Outcome outcome = on(arguments);
+        EXPECT_EQ(1, outcome.status);
+        EXPECT_EQ(1U, linesOf(outcome.err).size()) << outcome.err;
+        EXPECT_TRUE(has(outcome.err, message));
+    };
+    fails({"store", "colour"}, "the store has no \"colour\"");
+    fails({"start"}, "the daemon runs already");
+    succeeds({"stop"});
+    fails({"mode", "signal"}, "cannot write into the display pipe");
+    fails({"signal", "TERM"}, "the daemon does not run");
+    fails({"burst"}, "the daemon does not run");
+    EXPECT_EQ("ended", json({"status", "--json"})["daemon"]);
+    succeeds({"start"});
+    EXPECT_EQ(3, on({"exec", "sh", "-c", "exit 3"}).status);
+    EXPECT_EQ(127, on({"exec", "/nonexistent"}).status);
+}
+
+TEST_F(OnBoard, PathLeadsToTheBoardsFiles)
+{
+    const std::string path = on({"path", "/board/laser_rx_dbm"}).out;
+    EXPECT_EQ("-18.5\n", kelo::readFile(path.substr(0, path.size() - 1)));
+}
+
+TEST_F(OnBoard, SmallBoardsEventsArePrintedByKind)
+{
+    succeeds({"set", "laser", "-9"});
+    succeeds({"set", "gpon", "3"});
+    succeeds({"expect", "blink", "010101/111000", "tolerance", "60"});
+    const std::string events = on({"events"}).out;
+    EXPECT_TRUE(has(events, "laser     -9\n"));
+    EXPECT_TRUE(has(events, "gpon      3\n"));
+    EXPECT_TRUE(has(events, "mode      signal\n"));
+    EXPECT_TRUE(has(events, "leds      010101\n"));
+}
+
+TEST_F(OnBoard, WaitEndsWithTheBoard)
+{
+    const pid_t waiting =
+        kelo::spawn({KELO_BOARD_PROGRAM, "-b", name, "wait", "100s"}, {-1, -1, -1});
+    kb({"down", name});
+    EXPECT_EQ(1, kelo::waitFor(waiting));
+}
+
+struct Expectation {
+    const char *name;
+    Words arguments;
+    const char *saw;
+};
+
+void PrintTo(const Expectation &expectation, std::ostream *stream)
+{
+    *stream << expectation.name;
+}
+
+class Expect : public OnBoard, public testing::WithParamInterface<Expectation> {};
+
+TEST_P(Expect, SaysWhatItSawInsteadAndShowsTheWaveform)
+{
+    Words arguments = GetParam().arguments;
+    arguments.insert(arguments.begin(), {"expect", "--within", "200ms"});
+    const Outcome outcome = on(arguments);
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_EQ("", outcome.out);
+    const Words lines = linesOf(outcome.err);
+    ASSERT_GE(lines.size(), 8U) << outcome.err;
+    EXPECT_EQ(0U, lines[0].find("kelo-board: expected ")) << lines[0];
+    EXPECT_TRUE(has(lines[0], "within 200ms, saw " + std::string(GetParam().saw)));
+    EXPECT_EQ(0U, lines[1].find("  GPIO 6  "));
+    EXPECT_EQ('#', lines[1].back());
+    EXPECT_EQ(0U, lines[6].find("  GPIO 4  "));
+    EXPECT_EQ('_', lines[6].back());
+}
+
+const Expectation expectations[] = {
+    {"Leds", {"leds", "000111"}, "leds 110000"},
+    {"NotLeds", {"--not", "leds", "110000"}, "leds 110000"},
+    {"LedsFor", {"--for", "100ms", "leds", "000111"}, "leds 110000"},
+    {"Blink", {"blink", "110000/000000", "for", "500ms"}, "the LEDs below"},
+    {"Mode", {"mode", "none"}, "mode signal"},
+    {"Log", {"log", "locateme"}, "1 other records since the mark"},
+    {"Store", {"store", "wanAddress", "::1"}, "wanAddress never set"},
+    {"StoreEmpty", {"store", "wanAddress", ""}, "wanAddress never set"},
+    {"Omci", {"omci", "1"}, "omci run 0 times"},
+    {"Snapshot", {"snapshot", "lan1.in", "5"}, "lan1.in"},
+    {"Calls", {"calls", "reboot"}, "calls nothing"},
+    {"Exit", {"exit", "0"}, "the daemon running"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Failing, Expect, testing::ValuesIn(expectations),
+                         [](const auto &test) { return test.param.name; });
+
+TEST_F(OnBoard, ExpectSeesAWrongBeat)
+{
+    succeeds({"mode", "facttest"});
+    const std::string cycle = "001000/010000/100000/010000";
+    succeeds({"expect", "blink", cycle, "period", "2s", "for", "2s", "tolerance", "40%"});
+    for (const Words &wrong :
+         {Words{cycle, "period", "1s"}, Words{cycle, "period", "4s", "for", "2s"},
+          Words{"001000/010000", "period", "1s", "for", "2s", "tolerance", "40%"},
+          Words{"100000/010000/001000", "period", "1500ms", "for", "2s", "tolerance", "40%"}}) {
+        Words arguments{"expect", "--within", "2s", "blink"};
+        arguments.insert(arguments.end(), wrong.begin(), wrong.end());
+        EXPECT_EQ(1, on(arguments).status) << wrong[0] << " " << wrong[2];
+    }
+}
+
+TEST_F(OnBoard, ExpectCountsFromTheMark)
+{
+    succeeds({"mode", "nonsense"});
+    succeeds({"expect", "log", "received \"nonsense\""});
+    succeeds({"mark"});
+    EXPECT_EQ(1, on({"expect", "--within", "100ms", "log", "received \"nonsense\""}).status);
+    succeeds({"mode", "nonsense"});
+    succeeds({"expect", "log", "received \"nonsense\""});
+}
+
+TEST_F(OnBoard, ExpectFailsWhenTheBoardEnds)
+{
+    const pid_t expecting =
+        kelo::spawn({KELO_BOARD_PROGRAM, "-b", name, "expect", "--within", "100s", "mode", "none"},
+                    {-1, -1, -1});
+    kb({"down", name});
+    EXPECT_EQ(1, kelo::waitFor(expecting));
+}
+
+// --- Scenarios -----------------------------------------------------------------------------------
+
+class Run : public testing::Test {
+protected:
+    const std::filesystem::path folder =
+        std::filesystem::temp_directory_path() / ("kelo-scenarios-" + std::to_string(getpid()));
+
+    void SetUp() override { std::filesystem::create_directory(folder); }
+    void TearDown() override { std::filesystem::remove_all(folder); }
+
+    std::string file(const std::string &name, const std::string &text) const
+    {
+        std::ofstream(folder / name) << text;
+        return folder / name;
+    }
+};
+
+TEST_F(Run, SumsUpWhatPassedAndWhatFailed)
+{
+    const std::string good = file("good", "kelo-board expect leds 110000\necho quiet\n");
+    const std::string bad = file("bad", "echo '<before> & after'\nkelo-board expect --within 100ms "
+                                        "leds 000111\necho unreached\n");
+    const std::string report = folder / "report.xml";
+    const Outcome outcome = kb({"run", "--junit", report, good, bad});
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_TRUE(has(outcome.out, "PASS  good ("));
+    EXPECT_TRUE(has(outcome.out, "FAIL  bad ("));
+    EXPECT_TRUE(has(outcome.out, "expected leds 000111 within 100ms, saw leds 110000"));
+    EXPECT_TRUE(has(outcome.out, "GPIO 6"));
+    EXPECT_TRUE(has(outcome.out, "2 scenarios, 1 failed\n"));
+    EXPECT_FALSE(has(outcome.out, "quiet"));
+    EXPECT_FALSE(has(outcome.out, "unreached"));
+
+    const std::string xml = kelo::readFile(report);
+    EXPECT_TRUE(has(xml, "<testsuite name=\"kelo-board\" tests=\"2\" failures=\"1\""));
+    EXPECT_TRUE(has(xml, "<testcase classname=\"scenario\" name=\"good\""));
+    EXPECT_TRUE(has(xml, "<failure message=\"exit status 1\"/>"));
+    EXPECT_TRUE(has(xml, "&lt;before&gt; &amp; after"));
+    EXPECT_EQ(0, runCommand({"xmllint", "--noout", report}).status);
+}
+
+TEST_F(Run, EachScenarioHasAFreshBoard)
+{
+    Words arguments{"run", "-j", "1"};
+    for (const char *name : {"one", "two"})
+        arguments.push_back(file(name, "kelo-board expect --for 100ms mode signal\n"
+                                       "kelo-board mode none\nkelo-board expect mode none\n"));
+    const Outcome outcome = kb(arguments);
+    EXPECT_EQ(0, outcome.status) << outcome.out;
+    EXPECT_TRUE(has(outcome.out, "2 scenarios, 0 failed\n"));
+}
+
+TEST_F(Run, RunsSideBySide)
+{
+    // Each waits for the other.
+    Words arguments{"run", "-j", "2"};
+    const auto script = [&](const char *mine, const char *other) {
+        return "touch " + (folder / mine).string() + "\nuntil [ -e " + (folder / other).string() +
+               " ]; do kelo-board wait 50ms; done\n";
+    };
+    arguments.push_back(file("left", script("left.ready", "right.ready")));
+    arguments.push_back(file("right", script("right.ready", "left.ready")));
+    EXPECT_EQ(0, kb(arguments).status);
+}
+
+TEST_F(Run, ShowsWhatHappens)
+{
+    const Outcome outcome = kb({"run", "--show",
+                                file("shown", "echo hello\nkelo-board mode errora12\n"
+                                              "kelo-board expect leds 010000\n")});
+    EXPECT_EQ(0, outcome.status) << outcome.out;
+    EXPECT_TRUE(has(outcome.out, "hello\n"));
+    EXPECT_TRUE(has(outcome.out, "leds      010000\n"));
+}
+
+TEST_F(Run, EndsAScenarioThatTakesTooLong)
+{
+    const Outcome outcome = kb({"run", "--limit", "500ms", file("slow", "kelo-board wait 100s\n")});
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_TRUE(has(outcome.out, "still running after 500ms"));
+}
+
+TEST_F(Run, AnUndefinedVariableFailsTheScenario)
+{
+    const Outcome outcome = kb({"run", file("typo", "kelo-board mode \"$mdoe\"\n")});
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_TRUE(has(outcome.out, "mdoe"));
+}
+
+TEST_F(Run, SaysWhenTheReportCannotBeWritten)
+{
+    const Outcome outcome =
+        kb({"run", "--junit", "/nonexistent/report.xml", file("good", "true\n")});
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_EQ("kelo-board: cannot write /nonexistent/report.xml\n", outcome.err);
+}
+
+TEST_F(Run, EndsWhatAScenarioLeftBehind)
+{
+    const std::string sign = folder / "left-behind";
+    const Outcome outcome =
+        kb({"run", file("leaver", "sh -c 'sleep 1000' " + sign + " > /dev/null 2>&1 &\n")});
+    EXPECT_EQ(0, outcome.status) << outcome.out;
+    EXPECT_TRUE(within(20s, [&] { return !isAround(sign); }));
+}
+
+class RunEnded : public Run, public testing::WithParamInterface<int> {};
+
+TEST_P(RunEnded, LeavesNothingBehind)
+{
+    const std::string ready = folder / "ready";
+    const std::string script =
+        file("endless", "kelo-board exec readlink /proc/self/ns/net > " + ready + ".new\nmv " +
+                            ready + ".new " + ready + "\nkelo-board wait 1000s\n");
+    kelo::Pipe out = kelo::makePipe();
+    const pid_t program =
+        kelo::spawnApart({KELO_BOARD_PROGRAM, "run", script}, {-1, out.write.get(), -1});
+    ASSERT_TRUE(within(30s, [&] { return std::filesystem::exists(ready); }));
+    std::string link = kelo::readFile(ready);
+    link.pop_back();
+    EXPECT_TRUE(namespaceLives(link));
+    const std::string board = "run-" + std::to_string(program) + "-0";
+    EXPECT_TRUE(isAround(board));
+    kill(program, GetParam());
+    EXPECT_EQ(GetParam() == SIGKILL ? 128 + SIGKILL : 1, kelo::waitFor(program));
+    EXPECT_TRUE(within(20s, [&] { return !namespaceLives(link) && !isAround(board); }));
+}
+
+INSTANTIATE_TEST_SUITE_P(By, RunEnded, testing::Values(SIGINT, SIGTERM, SIGKILL),
+                         [](const auto &test) { return sigabbrev_np(test.param); });
+
+} // namespace
