@@ -38,8 +38,8 @@ const std::vector<Fault> &faults()
          "mv proc/tc3162/.reset_button proc/tc3162/reset_button"},
         {"run-full", "no space is left in /var/run", true,
          "cat /dev/zero > var/run/.filler 2> /dev/null || true", "rm var/run/.filler"},
-        {"run-readonly", "/var/run is read-only", true, "mount -o remount,ro var/run",
-         "mount -o remount,rw var/run"},
+        {"run-readonly", "/var/run is read-only", true, "mount -o remount,bind,ro var/run",
+         "mount -o remount,bind,rw var/run"},
         {"store-refusing", "the configuration store takes no values", true,
          "mount --bind board/store board/store; mount -o remount,bind,ro board/store",
          "umount board/store"},
@@ -86,6 +86,9 @@ void setFault(const Access &board, const Fault &fault, bool on)
 
 void overrunNetlink(const Access &board, int changes)
 {
+    if (!board.place().isolated)
+        throw std::runtime_error(
+            "this board is on the machine's own network, which stays as it is");
     if (!board.signalDaemon(SIGSTOP))
         throw std::runtime_error("the daemon does not run");
     const auto goOn = [&] { board.signalDaemon(SIGCONT); };

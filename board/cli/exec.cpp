@@ -37,8 +37,11 @@ void addExec(Cli &cli)
 
     CLI::App *const ip =
         cli.add(hardwareGroup, "ip", "Run ip(8) in the board's network", [&cli, command] {
+            const Access board = cli.running();
+            if (!board.place().isolated)
+                throw Failure("this board is on the machine's own network, which stays as it is");
             command->insert(command->begin(), "ip");
-            return runInside(cli.running(), *command);
+            return runInside(board, *command);
         });
     ip->add_option("ARGUMENT", *command, "What ip is given")->required();
     ip->footer("For example: kelo-board ip -6 addr add 2001:db8::1/64 dev nas0_0");

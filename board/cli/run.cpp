@@ -74,6 +74,7 @@ void runScript(const std::string &file, const std::string &board, Host &host,
     size_t seen = 0;
     bool running = true;
     bool late = false;
+    bool ended = false;
     while (running) {
         pollfd sources[] = {{end.get(), POLLIN, 0}, {output.read.get(), POLLIN, 0}};
         poll(sources, std::size(sources), 20);
@@ -87,7 +88,8 @@ void runScript(const std::string &file, const std::string &board, Host &host,
         if (sources[1].revents & POLLIN)
             takeOutput(output.read.get(), options.show, outcome);
         late = Clock::now() > limit;
-        if (running && (late || interrupted))
+        ended = host.wantsDown();
+        if (running && (late || ended || interrupted))
             kill(-child, SIGKILL);
     }
     kill(-child, SIGKILL); // whatever the script left behind
@@ -97,6 +99,8 @@ void runScript(const std::string &file, const std::string &board, Host &host,
         outcome.failure = "interrupted";
     else if (late)
         outcome.failure = "still running after " + options.limit;
+    else if (ended)
+        outcome.failure = "its board was asked to end";
     else if (status != 0)
         outcome.failure = "exit status " + std::to_string(status);
 }

@@ -564,6 +564,54 @@ TEST_F(OnBoard, ExpectSeesAWrongBeat)
     }
 }
 
+class Plain : public OnBoard {
+protected:
+    void SetUp() override
+    {
+        if (geteuid() != 0)
+            GTEST_SKIP() << "needs root";
+        const Outcome outcome =
+            runCommand({"setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin",
+                        KELO_BOARD_PROGRAM, "up", "--detach", name});
+        ASSERT_EQ(0, outcome.status) << outcome.err;
+        ASSERT_TRUE(has(outcome.err, "going on without"));
+    }
+};
+
+TEST_F(Plain, BoardLeavesTheMachineAlone)
+{
+    for (const Words &arguments :
+         {Words{"ip", "link"}, Words{"burst"}, Words{"fault", "run-full"}}) {
+        const Outcome outcome = on(arguments);
+        EXPECT_EQ(1, outcome.status);
+        EXPECT_EQ(1U, linesOf(outcome.err).size()) << outcome.err;
+    }
+    succeeds({"fault", "omci-missing"});
+    succeeds({"fault", "omci-missing", "off"});
+    succeeds({"mode", "errora12"});
+    succeeds({"expect", "leds", "010000"});
+}
+
+TEST_F(OnBoard, EveryFaultComesAndGoes)
+{
+    const nlohmann::json all = json({"fault", "--json"});
+    EXPECT_EQ(9U, all.size());
+    for (const auto &[fault, isOn] : all.items()) {
+        EXPECT_EQ(false, isOn);
+        succeeds({"fault", fault});
+        succeeds({"fault", fault});
+        EXPECT_EQ(true, json({"fault", "--json"})[fault]);
+        succeeds({"fault", fault, "off"});
+        EXPECT_EQ(false, json({"fault", "--json"})[fault]);
+    }
+    succeeds({"mode", "errora12"});
+    succeeds({"expect", "leds", "010000"});
+    succeeds({"set", "port", "lan1", "7"});
+    succeeds({"expect", "snapshot", "lan1.counterIn", "7"});
+    succeeds({"press"});
+    succeeds({"expect", "calls", "reboot"});
+}
+
 TEST_F(OnBoard, ExpectCountsFromTheMark)
 {
     succeeds({"mode", "nonsense"});
@@ -663,6 +711,13 @@ TEST_F(Run, EndsAScenarioThatTakesTooLong)
     const Outcome outcome = kb({"run", "--limit", "500ms", file("slow", "kelo-board wait 100s\n")});
     EXPECT_EQ(1, outcome.status);
     EXPECT_TRUE(has(outcome.out, "still running after 500ms"));
+}
+
+TEST_F(Run, AScenarioThatEndsItsBoardFails)
+{
+    const Outcome outcome = kb({"run", file("ender", "kelo-board down\n")});
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_TRUE(has(outcome.out, "its board was asked to end"));
 }
 
 TEST_F(Run, AnUndefinedVariableFailsTheScenario)
