@@ -165,7 +165,8 @@ void Host::acceptLoop()
             continue;
         const timeval patience{5, 0};
         setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-        Client &client = clients_.emplace_back(std::move(socket));
+        Client &client = clients_.emplace_back();
+        client.socket = std::move(socket);
         client.thread = std::thread(&Host::serve, this, std::ref(client));
     }
 }
