@@ -59,8 +59,7 @@ int kelo_log(const char *file, int line, const char *function, const char *forma
     char storage[LOG_SLACK + LOG_LINE_MAX];
     char *const buffer = storage + LOG_SLACK;
 
-    LogCount count = 0;
-    count += static_cast<LogCount>(snprintf(buffer, room(count), "kelo-monitord: "));
+    auto count = static_cast<LogCount>(snprintf(buffer, room(0), "kelo-monitord: "));
     va_list arguments;
     va_start(arguments, format);
     const auto length =

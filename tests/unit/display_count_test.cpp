@@ -3,9 +3,9 @@
 
 #include "display.h"
 
+#include "fakes/board.h"
 #include "fakes/event_loop.h"
 #include "fakes/journal.h"
-#include "fakes/platform.h"
 
 #include <gtest/gtest.h>
 
@@ -85,7 +85,7 @@ TEST(DisplayCount, LocateMeEndsAt120AndNotBelow)
 
 TEST(DisplayCount, SignalReadsAndBlinksByTheSignedRemainderPast2To31)
 {
-    fakes::platform().gponUp = 0;
+    fakes::board().gponUp = 0;
     // 2^31 - 2 and -2^31 + 2 are multiples of 6.
     const Patterns down = {"010101", "110001"};
     const Patterns patterns = drawnFrom(signalCount, lastCount, Signal, 12);

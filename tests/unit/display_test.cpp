@@ -3,11 +3,11 @@
 
 #include "display.h"
 
+#include "fakes/board.h"
 #include "fakes/event_loop.h"
 #include "fakes/files.h"
 #include "fakes/journal.h"
 #include "fakes/log.h"
-#include "fakes/platform.h"
 #include "fakes/vendor.h"
 
 #include <gtest/gtest.h>
@@ -23,13 +23,13 @@
 namespace {
 
 using namespace std::chrono_literals;
+using fakes::board;
 using fakes::eventLoop;
 using fakes::EventLoop;
 using fakes::files;
 using fakes::journal;
 using fakes::Lines;
 using fakes::operator+;
-using fakes::platform;
 using fakes::takePatterns;
 using fakes::vendor;
 using Patterns = std::vector<std::string>;
@@ -393,7 +393,7 @@ TEST_F(SignalBar, ShowsTheLevel)
         {5, dark},     {-1, dark},    {INT_MAX, dark}, {INT_MIN, dark}, {256, dark},
     };
     for (const auto &[level, pattern] : levels) {
-        platform().level = level;
+        board().level = level;
         EXPECT_EQ(ticks(1), Patterns{pattern}) << level;
     }
 }
@@ -412,16 +412,16 @@ TEST_F(SignalBar, KeepsTheReadingInBetween)
     ticks(1);
     vendor().laserPower = -10.0F;
     ticks(5);
-    EXPECT_EQ(platform().classified, std::vector<float>(6, -20.0F));
+    EXPECT_EQ(board().classified, std::vector<float>(6, -20.0F));
     ticks(1);
-    EXPECT_EQ(platform().classified.back(), -10.0F);
+    EXPECT_EQ(board().classified.back(), -10.0F);
 }
 
 TEST_F(SignalBar, ClassifiesExactlyThePowerThatWasRead)
 {
     for (const float power : {-39.9F, -28.5F, -8.01F, 0.1F, 3.5F, infinity}) {
         barOf(power);
-        EXPECT_EQ(platform().classified.back(), power);
+        EXPECT_EQ(board().classified.back(), power);
     }
 }
 
@@ -457,38 +457,38 @@ TEST_F(SignalBar, ClassifiesEveryOtherPower)
          {std::nextafter(0.0F, infinity), std::nextafter(0.0F, -infinity), 0.001F, -0.001F,
           std::nextafter(-40.0F, infinity), -39.9F, infinity, notANumber})
         EXPECT_EQ(barOf(power), strongest) << power;
-    for (float power = -39.99F; power < -0.005F; power += 0.01F)
-        EXPECT_EQ(barOf(power), strongest) << power;
+    for (int hundredths = -3999; hundredths < 0; hundredths++)
+        EXPECT_EQ(barOf(static_cast<float>(hundredths) / 100.0F), strongest) << hundredths;
 }
 
 TEST_F(SignalBar, AlternatesWithTheLinkDownPatternWhileTheLinkIsDown)
 {
-    platform().gponUp = 0;
+    board().gponUp = 0;
     EXPECT_EQ(ticks(14), repeated({linkDown, strongest}, 14));
-    platform().gponUp = 1;
+    board().gponUp = 1;
     EXPECT_EQ(ticks(3), Patterns(3, strongest));
-    platform().gponUp = 0;
+    board().gponUp = 0;
     EXPECT_EQ(ticks(3), (Patterns{strongest, linkDown, strongest})); // by the count, not from down
 }
 
 TEST_F(SignalBar, LinkDownReplacesEveryLevel)
 {
-    platform().gponUp = 0;
+    board().gponUp = 0;
     for (const int level : {0, 1, 2, 3, 4, 5, -1}) {
-        platform().level = level;
+        board().level = level;
         EXPECT_EQ(ticks(2)[0], linkDown);
     }
 }
 
 TEST_F(SignalBar, TakesEveryNonzeroAsLinkUp)
 {
-    platform().gponUp = 255;
+    board().gponUp = 255;
     EXPECT_EQ(ticks(2), Patterns(2, strongest));
 }
 
 TEST_F(SignalBar, DoesNotBlinkWithoutSignal)
 {
-    platform().gponUp = 0;
+    board().gponUp = 0;
     vendor().laserPower = 0.0F;
     EXPECT_EQ(ticks(12), Patterns(12, noSignal));
 }

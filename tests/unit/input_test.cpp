@@ -2,9 +2,9 @@
 
 #include "input.h"
 
+#include "fakes/board.h"
 #include "fakes/event_loop.h"
 #include "fakes/journal.h"
-#include "fakes/platform.h"
 #include "fakes/process.h"
 
 #include <gtest/gtest.h>
@@ -15,11 +15,11 @@
 namespace {
 
 using namespace std::chrono_literals;
+using fakes::board;
 using fakes::eventLoop;
 using fakes::journal;
 using fakes::Lines;
 using fakes::operator+;
-using fakes::platform;
 using fakes::process;
 
 const std::string sampled = "platform_getResetButton";
@@ -42,7 +42,7 @@ protected:
     /// What happens in the second that ends with this sample.
     static Lines sample(int value)
     {
-        platform().resetButton = value;
+        board().resetButton = value;
         eventLoop().run(1s);
         return journal().take();
     }
@@ -145,9 +145,9 @@ TEST_F(Button, LetGoAfterANegativeSampleReboots)
 TEST_F(Button, PressBetweenTwoSamplesIsNotSeen)
 {
     eventLoop().run(200ms);
-    platform().resetButton = 1;
+    board().resetButton = 1;
     eventLoop().run(600ms);
-    platform().resetButton = 0;
+    board().resetButton = 0;
     eventLoop().run(200ms);
     EXPECT_EQ(journal().take(), nothing);
 }
@@ -156,7 +156,7 @@ TEST_F(Button, RebootRunsInAChildThatExitsWithSuccess)
 {
     hold();
     process().forkResult = 0;
-    platform().resetButton = 0;
+    board().resetButton = 0;
     EXPECT_THROW(eventLoop().run(1s), fakes::Exit);
     EXPECT_EQ(journal().take(), nothing + rebooted + Lines({"syscfg_reboot", "exit 0"}));
 }
@@ -164,7 +164,7 @@ TEST_F(Button, RebootRunsInAChildThatExitsWithSuccess)
 TEST_F(Button, RestoreRunsInAChildThatExitsWithSuccess)
 {
     process().forkResult = 0;
-    platform().resetButton = 5;
+    board().resetButton = 5;
     EXPECT_THROW(eventLoop().run(1s), fakes::Exit);
     EXPECT_EQ(journal().take(), pressed + restored + Lines({"syscfg_restoreDefaultBg", "exit 0"}));
 }
@@ -186,7 +186,7 @@ TEST_F(Button, FailedForkOfARestoreIsNotMadeUpFor)
 
 TEST_F(Button, IgnoresTheArgumentsOfItsCallback)
 {
-    platform().resetButton = 3;
+    board().resetButton = 3;
     eventLoop().find(-1)->callback(5, 0x7f, nullptr);
     EXPECT_EQ(journal().take(), pressed);
 }

@@ -4,11 +4,11 @@
 #include "ipinfo.h"
 
 #include "datagram.h"
+#include "fakes/board.h"
 #include "fakes/event_loop.h"
 #include "fakes/journal.h"
 #include "fakes/memory.h"
 #include "fakes/netlink.h"
-#include "fakes/platform.h"
 
 #include <gtest/gtest.h>
 

@@ -56,7 +56,7 @@ using fakes::process;
 std::string documentedRecord(const std::string &message, const std::string &suffix)
 {
     const std::string whole = "kelo-monitord: " + message;
-    const std::string text = whole.substr(0, 1023); // the message is cut to 1008 characters
+    std::string text = whole.substr(0, 1023); // the message is cut to 1008 characters
     const size_t position = whole.size() % 256;
     if (position < 128)
         return text.substr(0, position) + suffix.substr(0, 1023 - position);

@@ -79,7 +79,7 @@ protected:
     static std::string showOnEvenTick()
     {
         eventLoop().run(500ms);
-        const std::string flags = panel();
+        std::string flags = panel();
         eventLoop().run(2500ms);
         return flags;
     }

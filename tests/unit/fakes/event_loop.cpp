@@ -3,6 +3,8 @@
 #include "faults.h"
 #include "journal.h"
 
+#include <algorithm>
+
 namespace fakes {
 
 namespace {
@@ -106,7 +108,7 @@ void EventLoop::activate(event *address, int result, short calls)
 
 int EventLoop::initialized(const event *address) const
 {
-    return watches_.count(address) != 0;
+    return watches_.contains(address);
 }
 
 int EventLoop::dispatch(event_base *given)
@@ -216,19 +218,15 @@ const EventLoop::Watch *EventLoop::find(int fd) const
 
 bool EventLoop::isPending(int fd) const
 {
-    for (const auto &[address, watch] : watches_) {
-        if (watch.fd == fd && watch.pending)
-            return true;
-    }
-    return false;
+    return std::ranges::any_of(watches_, [fd](const auto &entry) {
+        return entry.second.fd == fd && entry.second.pending;
+    });
 }
 
 size_t EventLoop::pendingCount() const
 {
-    size_t count = 0;
-    for (const auto &[address, watch] : watches_)
-        count += watch.pending ? 1 : 0;
-    return count;
+    const auto isPending = [](const auto &entry) { return entry.second.pending; };
+    return static_cast<size_t>(std::ranges::count_if(watches_, isPending));
 }
 
 EventLoop &eventLoop()
@@ -248,29 +246,29 @@ event_base *event_init()
     return eventLoop().init();
 }
 
-void event_set(event *address, int fd, short flags, event_callback_fn callback, void *argument)
+void event_set(event *ev, int fd, short flags, event_callback_fn callback, void *argument)
 {
-    eventLoop().set(address, fd, flags, callback, argument);
+    eventLoop().set(ev, fd, flags, callback, argument);
 }
 
-int event_add(event *address, const timeval *timeout)
+int event_add(event *ev, const timeval *timeout)
 {
-    return eventLoop().add(address, timeout);
+    return eventLoop().add(ev, timeout);
 }
 
-int event_del(event *address)
+int event_del(event *ev)
 {
-    return eventLoop().del(address);
+    return eventLoop().del(ev);
 }
 
-void event_active(event *address, int result, short calls)
+void event_active(event *ev, int res, short ncalls)
 {
-    eventLoop().activate(address, result, calls);
+    eventLoop().activate(ev, res, ncalls);
 }
 
-int event_initialized(const event *address)
+int event_initialized(const event *ev)
 {
-    return eventLoop().initialized(address);
+    return eventLoop().initialized(ev);
 }
 
 int event_base_dispatch(event_base *base)

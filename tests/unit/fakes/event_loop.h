@@ -69,8 +69,8 @@ public:
     int del(event *address);
     void activate(event *address, int result, short calls);
     int initialized(const event *address) const;
-    int dispatch(event_base *base);
-    int loopExit(event_base *base, const timeval *delay);
+    int dispatch(event_base *given);
+    int loopExit(event_base *given, const timeval *delay);
 
 private:
     event_base *base();

@@ -3,13 +3,12 @@
 #include "faults.h"
 #include "journal.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <set>
+#include <string_view>
 #include <sys/types.h>
 
 using fakes::files;
@@ -34,11 +33,8 @@ std::string nameOf(int fd)
 
 bool isOurs(const char *path)
 {
-    for (const char *const prefix : {"/proc/tc3162/", "/var/run/kelo-monitord"}) {
-        if (strncmp(path, prefix, strlen(prefix)) == 0)
-            return true;
-    }
-    return false;
+    const std::string_view name = path;
+    return name.starts_with("/proc/tc3162/") || name.starts_with("/var/run/kelo-monitord");
 }
 
 /// The result of a call that fails with `error`, or succeeds where that is 0.
@@ -60,7 +56,7 @@ int openError(const std::string &path, int flags)
 {
     if (const int error = errorOf(files().openErrors, path))
         return error;
-    if (!(flags & O_CREAT) && files().content.count(path) == 0)
+    if (!(flags & O_CREAT) && !files().content.contains(path))
         return ENOENT;
     std::string &content = files().content[path];
     if (flags & O_TRUNC)
@@ -144,7 +140,7 @@ int __wrap_open(const char *path, int flags, ...)
     if (fakes::fails("open", path) || result(openError(path, flags)) != 0)
         return -1;
     int fd = firstDescriptor;
-    while (descriptors().count(fd) != 0)
+    while (descriptors().contains(fd))
         fd++;
     descriptors()[fd] = path;
     return fd;
@@ -156,7 +152,7 @@ ssize_t __wrap_read(int fd, void *buffer, size_t size)
         misuse("read of a descriptor that was never opened");
     if (fd < firstDescriptor)
         return __real_read(fd, buffer, size);
-    if (descriptors().count(fd) == 0)
+    if (!descriptors().contains(fd))
         misuse("read from a closed descriptor");
     note("read fd=%d size=%zu", fd, size);
     if (fakes::fails("read", nameOf(fd)))
@@ -179,7 +175,7 @@ ssize_t __wrap_write(int fd, const void *bytes, size_t size)
         misuse("write of a descriptor that was never opened");
     if (fd < firstDescriptor)
         return __real_write(fd, bytes, size);
-    if (descriptors().count(fd) == 0)
+    if (!descriptors().contains(fd))
         misuse("write to a closed descriptor");
     if (fakes::fails("write", nameOf(fd)))
         return -1;

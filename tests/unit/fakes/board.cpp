@@ -1,16 +1,15 @@
-#include "platform.h"
+#include "board.h"
 
 #include "journal.h"
-
-#include <platform.h> // the daemon's header of the same name, which quotes would not find
+#include "platform.h"
 
 #include <cstdio>
 #include <netinet/in.h>
 #include <utility>
 
 using fakes::addressDigits;
+using fakes::board;
 using fakes::note;
-using fakes::platform;
 
 namespace {
 
@@ -27,9 +26,9 @@ std::vector<LedWrite> &ledWrites()
 
 } // namespace
 
-fakes::Platform &fakes::platform()
+fakes::Board &fakes::board()
 {
-    static auto &instance = *new Platform; // outlives every other static object
+    static auto &instance = *new Board; // outlives every other static object
     return instance;
 }
 
@@ -80,21 +79,21 @@ int platform_ledInit(uint8_t gpio)
 int platform_getResetButton()
 {
     note("platform_getResetButton");
-    return platform().resetButton;
+    return board().resetButton;
 }
 
 uint8_t platform_isGponUp()
 {
     note("platform_isGponUp");
-    return platform().gponUp;
+    return board().gponUp;
 }
 
 int platform_getLaserRxPowerLevel(float rxPower)
 {
     note("platform_getLaserRxPowerLevel");
     if (fakes::journal().recording)
-        platform().classified.push_back(rxPower);
-    return platform().level;
+        board().classified.push_back(rxPower);
+    return board().level;
 }
 
 void platform_ipinfo_ip(uint8_t add, const char *ifname, uint8_t family, const void *addr,

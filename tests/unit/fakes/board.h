@@ -9,14 +9,14 @@
 
 namespace fakes {
 
-struct Platform {
+struct Board {
     int resetButton = 0;
     uint8_t gponUp = 1;
     int level = 4;
     std::vector<float> classified; ///< the powers whose level was asked for
 };
 
-Platform &platform();
+Board &board();
 
 /// What the front panel was made to show since the last call: one text of six flags, GPIO 6, 7, 8,
 /// 2, 3 and 4 from left to right, for each time that all six were written in this order, and
