@@ -11,6 +11,13 @@ namespace {
 // Notes which faults a board has.
 constexpr char folder[] = "/board/faults/";
 
+// The file is replaced in one step, so that the daemon finds the one or the other.
+#define REPLACE_LED_FILE                                                                           \
+    "cd proc/tc3162; [ -e .gpio_output ] || ln gpio_output .gpio_output\n"                         \
+    "replace() { ln -s \"$1\" .new; mv -T .new gpio_output; }\n"
+#define RESTORE_LED_FILE                                                                           \
+    "(cd proc/tc3162; ln .gpio_output .new; mv -T .new gpio_output; rm -f .new)\n"
+
 void runScript(const Access &board, const char *script, const std::string &argument = "")
 {
     const Result result = board.exec(
@@ -25,14 +32,12 @@ void runScript(const Access &board, const char *script, const std::string &argum
 const std::vector<Fault> &faults()
 {
     static const std::vector<Fault> all = {
+        // In place of the file comes a link that leads nowhere, or the daemon would create it.
         {"led-missing", "the LED file is not there", false,
-         "mv proc/tc3162/gpio_output proc/tc3162/.gpio_output",
-         "mv proc/tc3162/.gpio_output proc/tc3162/gpio_output"},
+         REPLACE_LED_FILE "replace /gone/gpio_output", RESTORE_LED_FILE},
         {"led-failing", "writes to the LED file fail", true,
-         "touch dev/full; mount --bind /dev/full dev/full\n"
-         "mv proc/tc3162/gpio_output proc/tc3162/.gpio_failing\n"
-         "ln -s /dev/full proc/tc3162/gpio_output",
-         "mv proc/tc3162/.gpio_failing proc/tc3162/gpio_output; umount dev/full"},
+         "touch dev/full; mount --bind /dev/full dev/full\n" REPLACE_LED_FILE "replace /dev/full",
+         RESTORE_LED_FILE "umount -l dev/full"},
         {"button-missing", "the button file is not there", false,
          "mv proc/tc3162/reset_button proc/tc3162/.reset_button",
          "mv proc/tc3162/.reset_button proc/tc3162/reset_button"},
