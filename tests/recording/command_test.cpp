@@ -1,0 +1,144 @@
+// kelo-board record and plot, on a running board and on what they refuse.
+
+#include "process.h"
+#include "recording.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
+namespace {
+
+class RecordCommand : public testing::Test {
+protected:
+    RecordCommand()
+    {
+        char name[] = "/tmp/kelo-record-XXXXXX";
+        folder = mkdtemp(name);
+        board = std::filesystem::path(folder).filename();
+    }
+    ~RecordCommand() override
+    {
+        if (up_)
+            kb({"down"});
+        std::filesystem::remove_all(folder);
+    }
+
+    kelo::Result kb(std::vector<std::string> arguments) const
+    {
+        arguments.insert(arguments.begin(), {KELO_BOARD_PROGRAM, "-b", board});
+        return kelo::run(arguments);
+    }
+    void done(const std::vector<std::string> &arguments) const
+    {
+        const kelo::Result result = kb(arguments);
+        EXPECT_EQ(0, result.status) << result.output;
+    }
+    void up()
+    {
+        const kelo::Result result = kb({"up", "-d", board});
+        ASSERT_EQ(0, result.status) << result.output;
+        up_ = true;
+    }
+    std::string file(const std::string &name) const { return folder + "/" + name; }
+    kelo::Recording readBack(const std::string &name) const
+    {
+        std::ifstream in(file(name));
+        return kelo::readVcd(in);
+    }
+
+    std::string folder;
+    std::string board;
+
+private:
+    bool up_ = false;
+};
+
+bool holds(const kelo::Recording &recording, const std::string &signal, const std::string &value)
+{
+    const kelo::Signal *const found = recording.find(signal);
+    return found && std::any_of(found->changes.begin(), found->changes.end(),
+                                [&](const auto &change) { return change.value == value; });
+}
+
+TEST_F(RecordCommand, SavesAndDrawsWhatHappened)
+{
+    up();
+    done({"set", "laser", "-26.5"});
+    done({"mode", "errora12"});
+    done({"expect", "leds", "010000"});
+    done({"record", file("a.vcd")});
+    const kelo::Recording recording = readBack("a.vcd");
+    EXPECT_TRUE(holds(recording, "mode", "1"));
+    EXPECT_TRUE(holds(recording, "mode", "4"));
+    EXPECT_TRUE(holds(recording, "rx_power_dbm", "-26.5"));
+
+    done({"plot", file("a.vcd"), "-o", file("a.svg")});
+    EXPECT_NE(std::string::npos, kelo::readFile(file("a.svg")).find("-26.5 dBm"));
+    done({"plot", "-o", file("now.svg")}); // the running board
+    EXPECT_NE(std::string::npos, kelo::readFile(file("now.svg")).find("-26.5 dBm"));
+}
+
+TEST_F(RecordCommand, RecordsFromNowOnForATime)
+{
+    up();
+    done({"mode", "reboot"});
+    done({"expect", "mode", "reboot"});
+    done({"record", "--for", "1s", file("a.vcd")});
+    const kelo::Recording recording = readBack("a.vcd");
+    EXPECT_FALSE(holds(recording, "mode", "1")) << "that was before";
+    EXPECT_TRUE(holds(recording, "mode", "2")) << "this holds since before";
+    EXPECT_TRUE(holds(recording, "gpio2", "1"));
+    EXPECT_GE(recording.length, 100000);
+}
+
+TEST_F(RecordCommand, RefusesInOneLine)
+{
+    std::ofstream(file("other")) << "export TEXT=1\n";
+    std::ofstream(file("short.vcd")) << "$var wire 1 a gpio6 $end #0 0a #100000 1a\n";
+    const struct {
+        int status;
+        std::vector<std::string> arguments;
+    } cases[] = {
+        {1, {"record", file("a.vcd")}}, // no such board
+        {1, {"plot", "-o", file("a.svg")}},
+        {1, {"plot", file("nowhere"), "-o", file("a.svg")}},
+        {1, {"plot", file("other"), "-o", file("a.svg")}},
+        {1, {"plot", folder, "-o", file("a.svg")}},
+        {1, {"plot", file("short.vcd"), "-o", "/nowhere/a.svg"}},
+        {1, {"plot", file("short.vcd"), "-o", "/nowhere/a.png"}},
+        {1, {"plot", file("short.vcd"), "-o", file("a.svg"), "--from", "99"}},
+        {2, {"plot", file("short.vcd"), "-o", file("a.gif")}},
+        {2, {"plot", file("short.vcd"), "-o", file("a.svg"), "--from", "-1"}},
+        {2, {"plot", file("short.vcd"), "-o", file("a.svg"), "--from", "2", "--to", "1"}},
+        {2, {"plot", file("short.vcd"), "-o", file("a.svg"), "--to", "soon"}},
+        {2, {"plot", file("short.vcd")}},
+        {2, {"record"}},
+    };
+    for (const auto &one : cases) {
+        const kelo::Result result = kb(one.arguments);
+        std::string words;
+        for (const std::string &word : one.arguments)
+            words += " " + word;
+        EXPECT_EQ(one.status, result.status) << words << "\n" << result.output;
+        EXPECT_EQ(1, std::count(result.output.begin(), result.output.end(), '\n')) << words << "\n"
+                                                                                   << result.output;
+        EXPECT_FALSE(std::filesystem::exists(file("a.vcd"))) << words;
+        EXPECT_FALSE(std::filesystem::exists(file("a.svg"))) << words;
+    }
+}
+
+TEST_F(RecordCommand, FileThatCannotBeWrittenIsSaidBeforeTheWait)
+{
+    up();
+    const kelo::Result result = kb({"record", "--for", "1000s", "/nowhere/a.vcd"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ("kelo-board: cannot write /nowhere/a.vcd: No such file or directory\n",
+              result.output);
+}
+
+} // namespace
