@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -311,13 +312,28 @@ class OnBoard : public testing::Test {
 protected:
     const std::string name = uniqueName();
 
-    void SetUp() override
+    void SetUp() override { up({}); }
+    void TearDown() override
     {
-        const Outcome outcome = kb({"up", "--detach", name});
-        ASSERT_EQ(0, outcome.status) << outcome.err;
-        ASSERT_EQ("", outcome.out + outcome.err);
+        kb({"down", name});
+        if (program > 0)
+            kelo::waitFor(program);
     }
-    void TearDown() override { kb({"down", name}); }
+
+    /// Runs a board that ends with this test, however that ends.
+    void up(const Words &prefix)
+    {
+        Words command{"setpriv", "--pdeathsig", "KILL"};
+        command.insert(command.end(), prefix.begin(), prefix.end());
+        command.insert(command.end(), {KELO_BOARD_PROGRAM, "up", name});
+        const kelo::Descriptor nothing(open("/dev/null", O_WRONLY | O_CLOEXEC));
+        program = kelo::spawn(command, {-1, nothing.get(), -1});
+        ASSERT_TRUE(within(30s, [&] { return on({"mode"}).out == "signal\n"; }));
+        const Outcome drawn = on({"expect", "--within", "30s", "leds", "110000"});
+        ASSERT_EQ(0, drawn.status) << drawn.err;
+    }
+
+    pid_t program = -1;
 
     Outcome on(Words arguments) const
     {
@@ -388,17 +404,21 @@ TEST_F(OnBoard, DownLeavesNothing)
 
 TEST_F(OnBoard, ADetachedBoardThatIsKilledLeavesNothing)
 {
-    const std::string link = on({"exec", "readlink", "/proc/self/ns/net"}).out;
+    const std::string detached = name + "-detached";
+    const Outcome outcome = kb({"up", "--detach", detached});
+    EXPECT_EQ(0, outcome.status);
+    EXPECT_EQ("", outcome.out + outcome.err);
+    const std::string link = kb({"-b", detached, "exec", "readlink", "/proc/self/ns/net"}).out;
     const nlohmann::json boards = nlohmann::json::parse(kb({"list", "--json"}).out);
     pid_t pid = 0;
     for (const auto &board : boards) {
-        if (board["name"] == name)
+        if (board["name"] == detached)
             pid = board["pid"];
     }
     ASSERT_GT(pid, 0);
     kill(pid, SIGKILL);
     EXPECT_TRUE(within(20s, [&] { return !namespaceLives(link.substr(0, link.size() - 1)); }));
-    EXPECT_EQ(1, on({"leds"}).status);
+    EXPECT_EQ(1, kb({"-b", detached, "leds"}).status);
 }
 
 TEST_F(OnBoard, PrintsJsonForScripts)
@@ -570,11 +590,7 @@ protected:
     {
         if (geteuid() != 0)
             GTEST_SKIP() << "needs root";
-        const Outcome outcome =
-            runCommand({"setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin",
-                        KELO_BOARD_PROGRAM, "up", "--detach", name});
-        ASSERT_EQ(0, outcome.status) << outcome.err;
-        ASSERT_TRUE(has(outcome.err, "going on without"));
+        up({"setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin"});
     }
 };
 
