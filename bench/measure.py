@@ -223,7 +223,8 @@ def measure_start():
     os.close(leds)
     GPIO.unlink()
     GPIO.symlink_to("/dev/null")
-    return {"daemon": median(samples["daemon"]), **paired(samples, "empty", "floor")}
+    return {**{name: median(times) for name, times in samples.items()},
+            **paired(samples, "empty", "floor")}
 
 
 def paired(samples, *others):
