@@ -146,16 +146,14 @@ class Netlink:
         self.socket.sendto(message, (to, 0))
 
 
-def netlink_sockets(program):
-    """Of each route netlink socket: whose it is, its groups, and the bytes that wait in it."""
-    for line in program.file("net/netlink").splitlines()[1:]:
-        _, protocol, pid, groups, waiting = line.split()[:5]
-        if protocol == "0":
-            yield int(pid), int(groups, 16), int(waiting)
-
-
 def netlink_backlog(program):
-    return sum(waiting for pid, _, waiting in netlink_sockets(program) if pid == program.pid)
+    """Bytes that wait in a program's route netlink sockets."""
+    backlog = 0
+    for line in program.file("net/netlink").splitlines()[1:]:
+        _, protocol, pid, _, waiting = line.split()[:5]
+        if protocol == "0" and int(pid) == program.pid:
+            backlog += int(waiting)
+    return backlog
 
 
 # System calls.

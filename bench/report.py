@@ -73,7 +73,7 @@ def goals(results):
          results["message cpu"]["to floor"], "The same."),
         ("exec to first LED, milliseconds", "", 1.5, results["start"]["daemon"],
          "The dynamic linker and eight libraries: the empty program takes "
-         f"{results['start']['empty']:.2f} on the same machine, busy as it is."),
+         f"{results['start']['empty']:.2f} there."),
         ("exec to first LED", "an empty libevent program, same libraries", 1.2,
          results["start"]["to empty"],
          "More symbols to bind, and the netlink socket, which comes first."),
