@@ -91,7 +91,8 @@ def write(results, folder):
 
 `scripts/bench` measures this and writes this page. All figures are of one run on one machine, with
 the host's build and its C library; system calls, instructions and heap calls are counted, times
-are medians of runs in turns, and only their ratios mean something elsewhere. The platform libraries
+are medians of runs in turns, with real-time priority where root ran it, and only their ratios mean
+something elsewhere. The platform libraries
 are ones that make no system call, so that only the daemon's own cost shows. The display is in the
 signal mode, with a signal and the link up.
 
@@ -132,8 +133,8 @@ jobs is `event_floor.cpp`, that of the messages `floor.cpp`.
                       ratio(instructions["daemon"][job], floor[job])))
     parts += [table(("job", "daemon", "floor", "ratio"), lines), """
 The daemon clears what the last message left in its receive buffer. A record of its log takes three
-formatting calls, one is enough for the floor's. The button's value is read by `fscanf`, a stream and a number parser for one digit; the floor reads
-into a buffer. Heap calls of a new address: """ + (
+formatting calls, one is enough for the floor's. The button's value is read by `fscanf`, a stream and
+a number parser for one digit; the floor reads into a buffer. Heap calls of a new address: """ + (
         ", ".join(f"{count:.0f} `{function}`" for (_, function), count in
                   instructions["daemon"]["new address, ignored interface", "heap"].items())
         or "none") + """, its record.
