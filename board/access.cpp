@@ -2,9 +2,13 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <system_error>
@@ -13,6 +17,9 @@
 namespace kelo {
 
 namespace {
+
+/// A board that is a machine of its own brings a program that runs commands there.
+constexpr char insidePath[] = "/.inside";
 
 [[noreturn]] void fail(const std::string &what)
 {
@@ -100,11 +107,25 @@ void Access::setButton(int value) const
 {
     if (!std::filesystem::exists(path("/proc/tc3162/reset_button")))
         throw std::runtime_error("the board's button file is gone");
+    if (isMachine())
+        exec({"sh", "-c", "echo " + std::to_string(value) + " > /proc/tc3162/reset_button"});
     put("/proc/tc3162/reset_button", std::to_string(value) + "\n");
 }
 
 void Access::writeKeyword(const std::string &text) const
 {
+    if (isMachine()) {
+        std::string bytes;
+        for (const char character : text) {
+            char octal[8];
+            snprintf(octal, sizeof octal, "\\%03o", static_cast<unsigned char>(character));
+            bytes += octal;
+        }
+        const std::string write = "printf '" + bytes + "' > /var/run/kelo-monitord.display";
+        if (exec({"timeout", "5", "sh", "-c", write}).status != 0)
+            throw std::runtime_error("cannot write into the display pipe");
+        return;
+    }
     const std::string pipePath = path("/var/run/kelo-monitord.display");
     const auto open = [&] { return ::open(pipePath.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC); };
     // Between one writer's end and the next, the daemon has the pipe closed for a moment.
@@ -137,7 +158,9 @@ std::optional<std::string> Access::stored(const std::string &node,
 std::vector<std::string> Access::inside(const std::vector<std::string> &command) const
 {
     std::vector<std::string> result;
-    if (place_.isolated) {
+    if (isMachine()) {
+        result = {path(insidePath)};
+    } else if (place_.isolated) {
         result = {"nsenter", "--target", std::to_string(place_.holder), "--mount", "--root",
                   "--net",   "--pid"};
         if (userNamespace(std::to_string(place_.holder)) != userNamespace("self"))
@@ -148,8 +171,15 @@ std::vector<std::string> Access::inside(const std::vector<std::string> &command)
     return result;
 }
 
+bool Access::isMachine() const
+{
+    return access(path(insidePath).c_str(), X_OK) == 0;
+}
+
 std::vector<std::string> Access::insideRoot(const std::vector<std::string> &command) const
 {
+    if (isMachine())
+        return inside(command);
     std::vector<std::string> result{"chroot", place_.root};
     result.insert(result.end(), command.begin(), command.end());
     return inside(result);
@@ -162,6 +192,12 @@ Result Access::exec(const std::vector<std::string> &command) const
 
 std::optional<pid_t> Access::daemon() const
 {
+    if (isMachine()) {
+        // A child that the daemon forked has its name too, and a higher number.
+        std::istringstream numbers(exec({"pidof", "kelo-monitord"}).output);
+        const std::set<pid_t> sorted{std::istream_iterator<pid_t>(numbers), {}};
+        return sorted.empty() ? std::nullopt : std::optional(*sorted.begin());
+    }
     struct stat root;
     if (stat(path("/").c_str(), &root) < 0)
         return std::nullopt;
@@ -179,9 +215,22 @@ std::optional<pid_t> Access::daemon() const
     return found;
 }
 
+std::string Access::daemonFile(const std::string &name) const
+{
+    const std::optional<pid_t> pid = daemon();
+    if (!pid)
+        return {};
+    const std::string file = "/proc/" + std::to_string(*pid) + "/" + name;
+    return isMachine() ? exec({"cat", file}).output : readFile(file);
+}
+
 bool Access::signalDaemon(int signal) const
 {
     const std::optional<pid_t> pid = daemon();
+    if (pid && isMachine())
+        // By name: its kernel may number them differently.
+        return exec({"kill", std::string("-") + sigabbrev_np(signal), std::to_string(*pid)})
+                   .status == 0;
     if (!pid || kill(*pid, signal) != 0)
         return false;
     // nsenter(1) stops with its child and does not see it go on.

@@ -53,10 +53,15 @@ public:
     /// Runs such a command to its end.
     Result exec(const std::vector<std::string> &command) const;
 
-    /// The daemon's process as this machine numbers it; nothing while none runs.
+    /// The daemon's process as its machine numbers it; nothing while none runs.
     std::optional<pid_t> daemon() const;
+    /// A file of the daemon's folder in /proc, such as "status".
+    std::string daemonFile(const std::string &name) const;
     /// Sends the daemon a signal; false when none runs.
     bool signalDaemon(int signal) const;
+
+    /// Whether the board is a machine of its own, of which this one sees some folders only.
+    bool isMachine() const;
 
 protected:
     /// A command line that runs in the board's network and on its files.

@@ -33,14 +33,21 @@ struct Holder {
 Holder startHolder(const std::string &rootfs, bool isolated, bool asUser)
 {
     std::vector<std::string> command;
+    // A root file system for a machine of its own brings the program that has this machine.
+    const std::string own = rootfs + "/.hold";
+    const bool isMachine = access(own.c_str(), X_OK) == 0;
+    isolated = isolated && !isMachine;
     if (isolated) {
         command = {"unshare", "--mount",      "--net",         "--pid",
                    "--fork",  "--kill-child", "--propagation", "unchanged"};
         if (asUser)
             command.insert(command.end(), {"--user", "--map-root-user"});
     }
-    command.insert(command.end(),
-                   {"sh", KELO_BOARD_DIR "/board-init", isolated ? "isolated" : "plain", rootfs});
+    if (isMachine)
+        command = {own};
+    else
+        command.insert(command.end(), {"sh", KELO_BOARD_DIR "/board-init",
+                                       isolated ? "isolated" : "plain", rootfs});
     Pipe in = makePipe();
     Pipe out = makePipe();
     Pipe err = makePipe();

@@ -11,6 +11,11 @@
 #include <cstdlib>
 #include <filesystem>
 
+/// Leaves a test out, with the reason, on a board that is a machine of its own.
+#define SKIP_ON_MACHINE(reason)                                                                    \
+    if (board.isMachine())                                                                         \
+    GTEST_SKIP() << "not on a machine of its own: " << (reason)
+
 using namespace std::chrono_literals;
 using kelo::Event;
 using kelo::EventKind;
@@ -121,9 +126,8 @@ protected:
         board.writeKeyword(command);
         ASSERT_TRUE(logs("received \"" + command.substr(0, 127)));
         ASSERT_TRUE(logs("received len: 0\n"));
-        const std::string stat = "/proc/" + std::to_string(board.daemon().value()) + "/stat";
         const auto end = kelo::Clock::now() + deadline;
-        while (kelo::readFile(stat).find(") S ") == std::string::npos)
+        while (board.daemonFile("stat").find(") S ") == std::string::npos)
             ASSERT_LT(kelo::Clock::now(), end);
     }
 
@@ -204,6 +208,13 @@ protected:
     {
         const kelo::Result result = board.exec({"sh", "-c", "ip " + arguments});
         ASSERT_EQ(0, result.status) << "ip " << arguments << ": " << result.output;
+    }
+
+    bool isFifo(const std::string &boardPath)
+    {
+        if (board.isMachine())
+            return board.exec({"test", "-p", boardPath}).status == 0;
+        return std::filesystem::is_fifo(board.path(boardPath));
     }
 
     /// What the store holds; "(unset)" before it was set.

@@ -168,10 +168,11 @@ TEST_F(Display, PipeServesOneWriterAfterTheOther)
 TEST_F(Display, ShellCanWriteIntoThePipe)
 {
     start();
-    ASSERT_EQ(0, board
-                     .exec({"chroot", board.place().root, "/bin/sh", "-c",
-                            "echo errora12 > /var/run/kelo-monitord.display"})
-                     .status);
+    std::vector<std::string> shell{"/bin/sh", "-c",
+                                   "echo errora12 > /var/run/kelo-monitord.display"};
+    if (!board.isMachine())
+        shell.insert(shell.begin(), {"chroot", board.place().root});
+    ASSERT_EQ(0, board.exec(shell).status);
     EXPECT_TRUE(sees(EventKind::Mode, "4"));
 }
 
@@ -187,7 +188,7 @@ TEST_F(Display, OldFileAtThePipesPathIsReplaced)
 {
     std::ofstream(board.path("/var/run/kelo-monitord.display")) << "old";
     start();
-    EXPECT_TRUE(std::filesystem::is_fifo(board.path("/var/run/kelo-monitord.display")));
+    EXPECT_TRUE(isFifo("/var/run/kelo-monitord.display"));
     send("reboot");
     EXPECT_TRUE(sees(EventKind::Mode, "2"));
 }
@@ -203,6 +204,7 @@ TEST_F(Display, WithoutAPipeTheDisplayGoesOn)
 
 TEST_F(Display, PipeThatCannotBeOpenedAgainStaysClosed)
 {
+    SKIP_ON_MACHINE("the pipe is reached through the daemon's descriptors");
     start();
     std::filesystem::remove(board.path("/var/run/kelo-monitord.display"));
     fromNow();
@@ -223,6 +225,7 @@ TEST_F(Display, PipeThatCannotBeOpenedAgainStaysClosed)
 
 TEST_F(Display, MissingLedFileIsNoReasonToStop)
 {
+    SKIP_ON_MACHINE("a driver's file cannot be removed");
     // The daemon makes a file of that name where none is, as fopen(3) would.
     std::filesystem::remove(board.path("/proc/tc3162/gpio_output"));
     fromNow();

@@ -16,20 +16,21 @@ protected:
         board.setButton(value);
     }
 
-    std::string state(const std::filesystem::path &proc)
-    {
-        const std::string stat = kelo::readFile(proc / "stat");
-        const size_t end = stat.rfind(") ");
-        return end == std::string::npos ? "" : stat.substr(end + 2);
-    }
-
     /// The daemon's children that ended and were not waited for.
     size_t zombies()
     {
-        const std::string parent = " " + std::to_string(board.daemon().value()) + " ";
+        const std::string zombie = ") Z " + std::to_string(board.daemon().value()) + " ";
         size_t result = 0;
-        for (const auto &entry : std::filesystem::directory_iterator("/proc"))
-            result += state(entry.path()).starts_with("Z" + parent);
+        const auto look = [&](const std::string &stats) {
+            for (size_t at = 0; (at = stats.find(zombie, at)) != std::string::npos; at++)
+                result++;
+        };
+        if (board.isMachine()) {
+            look(board.exec({"sh", "-c", "cat /proc/[0-9]*/stat"}).output);
+        } else {
+            for (const auto &entry : std::filesystem::directory_iterator("/proc"))
+                look(kelo::readFile(entry.path() / "stat"));
+        }
         return result;
     }
 };
@@ -81,6 +82,7 @@ TEST_F(ResetButton, NegativeSampleIsAPressButNoLongHold)
 
 TEST_F(ResetButton, UnreadableButtonDuringAHoldCountsAsRelease)
 {
+    SKIP_ON_MACHINE("a driver's file cannot be removed");
     press(2);
     ASSERT_TRUE(sees(EventKind::Mode, "2"));
     std::filesystem::remove(board.path("/proc/tc3162/reset_button"));

@@ -209,8 +209,9 @@ TEST_F(IpInfo, WhatWasThereBeforeTheStartIsUnknown)
 TEST_F(IpInfo, BurstBeyondTheSocketsBufferIsReportedAndTheDaemonGoesOn)
 {
     ASSERT_TRUE(board.signalDaemon(SIGSTOP));
-    std::string batch = "for i in $(seq 1 400); do echo addr add 203.0.113.$((i % 250))/$((i % 8 + "
-                        "24)) dev lan1_end; done | ip -force -batch -";
+    const std::string batch = "i=0; while [ $i -lt 400 ]; do i=$((i + 1)); "
+                              "echo addr add 203.0.113.$((i % 250))/$((i % 8 + 24)) dev lan1_end; "
+                              "done | ip -force -batch -";
     board.exec({"sh", "-c", batch});
     ASSERT_TRUE(board.signalDaemon(SIGCONT));
     EXPECT_TRUE(logs("Failed to receive netlink msg (-1)"));
