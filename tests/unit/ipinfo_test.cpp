@@ -6,6 +6,7 @@
 #include "datagram.h"
 #include "fakes/board.h"
 #include "fakes/event_loop.h"
+#include "fakes/faults.h"
 #include "fakes/journal.h"
 #include "fakes/memory.h"
 #include "fakes/netlink.h"
@@ -223,6 +224,20 @@ TEST_F(Registration, EmptiesTheTables)
     ipinfo_register();
     EXPECT_EQ(ipList.lh_first, nullptr);
     EXPECT_EQ(routeList.lh_first, nullptr);
+}
+
+TEST_F(Registration, OpensTheSocketBeforeItEmptiesTheTables)
+{
+    ipaddr_entry address = {};
+    ipList.lh_first = &address;
+    bool emptyBefore = true;
+    fakes::chooseFailure() = [&](const std::string &call, const std::string &) {
+        if (call == "event_add")
+            emptyBefore = LIST_EMPTY(&ipList);
+        return false;
+    };
+    ipinfo_register();
+    EXPECT_FALSE(emptyBefore);
 }
 
 TEST_F(Registration, EmptiesTheTablesAlsoWithoutASocket)
@@ -758,6 +773,22 @@ TEST_F(Tracker, KnowsAnAddressOfAnInterfaceCreatedAnewUnderItsName)
     EXPECT_EQ(receive(deletedAddress(hostA, {.ifindex = 7})),
               (Lines{publishedAddress(0, "ppp0", AF_INET6, hostA, 64),
                      loggedAddress("Removed", AF_INET6, hostA, 64, "ppp0", 5)}));
+}
+
+TEST_F(Tracker, KnowsAnInterfaceCreatedAnewByANameOfOneLetter)
+{
+    netlink().names = {{5, "a"}};
+    receive(newAddress(hostA, {.ifindex = 5}));
+    netlink().names = {{7, "a"}};
+    EXPECT_EQ(receive(newAddress(hostA, {.ifindex = 7})), Lines{});
+}
+
+TEST_F(Tracker, AllocatesNoMoreThanARecord)
+{
+    receive(newAddress(hostA));
+    EXPECT_EQ(memory().lastSize, sizeof(ipaddr_entry));
+    receive(newRoute(routeAttributes()));
+    EXPECT_EQ(memory().lastSize, sizeof(route_entry));
 }
 
 TEST_F(Tracker, KnowsAnAddressOfAnInterfaceThatWasRenamed)

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <climits>
 #include <csignal>
+#include <fcntl.h>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -288,6 +289,21 @@ TEST_F(Main, FailedSetsidEndsItWithStatus1)
     process().setsidResult = -1;
     EXPECT_EQ(runMain({"-d"}), 1);
     EXPECT_EQ(takeSteps(), launching + Lines({"fork", "umask 000", "setsid", "exit 1"}));
+}
+
+TEST_F(Main, OnlyANegativeResultOfSetsidIsAFailure)
+{
+    asChild();
+    process().setsidResult = 0;
+    EXPECT_EQ(runMain({"-d"}), 0);
+}
+
+TEST_F(Main, DaemonKeepsWhatItInheritedBeyondTheStandardStreams)
+{
+    asChild();
+    ASSERT_EQ(dup2(2, 3), 3);
+    EXPECT_EQ(runMain({"-d"}), 0);
+    EXPECT_NE(fcntl(3, F_GETFD), -1);
 }
 
 TEST_F(Main, FailedChdirEndsItWithStatus1)

@@ -48,6 +48,20 @@ TEST_F(Led, IsDarkenedByDrivingItsLineTo1)
     EXPECT_EQ(takeCommands(), command("active 6 1\n"));
 }
 
+TEST_F(Led, IsWrittenThroughDescriptor0Too)
+{
+    files().lowestDescriptor = 0; // as in a daemon, whose standard streams are closed
+    platform_ledSet(6, 1);
+    EXPECT_EQ(takeCommands(), command("active 6 0\n"));
+    EXPECT_EQ(files().openCount, 0U);
+}
+
+TEST_F(Led, FileIsCreatedAsStdioWould)
+{
+    platform_ledSet(6, 1);
+    EXPECT_EQ(files().createMode, 0666U);
+}
+
 TEST_F(Led, IsLitByAnyNonzeroValue)
 {
     platform_ledSet(2, 255);

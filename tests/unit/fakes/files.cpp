@@ -31,6 +31,11 @@ std::string nameOf(int fd)
     return found == descriptors().end() ? std::to_string(fd) : found->second;
 }
 
+bool isForeign(int fd)
+{
+    return fd < firstDescriptor && !descriptors().contains(fd);
+}
+
 bool isOurs(const char *path)
 {
     const std::string_view name = path;
@@ -139,7 +144,9 @@ int __wrap_open(const char *path, int flags, ...)
     note("open %s 0x%x", path, static_cast<unsigned>(flags));
     if (fakes::fails("open", path) || result(openError(path, flags)) != 0)
         return -1;
-    int fd = firstDescriptor;
+    if (flags & O_CREAT)
+        files().createMode = mode;
+    int fd = files().lowestDescriptor;
     while (descriptors().contains(fd))
         fd++;
     descriptors()[fd] = path;
@@ -150,7 +157,7 @@ ssize_t __wrap_read(int fd, void *buffer, size_t size)
 {
     if (fd < 0)
         misuse("read of a descriptor that was never opened");
-    if (fd < firstDescriptor)
+    if (isForeign(fd))
         return __real_read(fd, buffer, size);
     if (!descriptors().contains(fd))
         misuse("read from a closed descriptor");
@@ -173,7 +180,7 @@ ssize_t __wrap_write(int fd, const void *bytes, size_t size)
 {
     if (fd < 0)
         misuse("write of a descriptor that was never opened");
-    if (fd < firstDescriptor)
+    if (isForeign(fd))
         return __real_write(fd, bytes, size);
     if (!descriptors().contains(fd))
         misuse("write to a closed descriptor");
@@ -187,16 +194,15 @@ int __wrap_close(int fd)
 {
     if (fd < 0)
         misuse("close of a descriptor that was never opened");
-    if (fd > 2 && fd < firstDescriptor)
+    if (fd > 2 && isForeign(fd))
         return __real_close(fd);
     note("close %d", fd);
     // A descriptor is gone even where its close fails.
     const bool failure = fakes::fails("close", nameOf(fd));
-    if (fd > 2) {
-        if (descriptors().erase(fd) == 0)
-            misuse("close of a closed descriptor");
+    if (descriptors().erase(fd) != 0)
         files().openCount--;
-    }
+    else if (fd > 2)
+        misuse("close of a closed descriptor");
     return failure || files().closeFails ? result(EIO) : 0;
 }
 

@@ -11,6 +11,9 @@
 
 namespace fakes {
 
+/// The descriptors from here on are the fake's.
+constexpr int firstDescriptor = 1000;
+
 struct Files {
     /// The content of every file that exists, by path.
     std::map<std::string, std::string> content;
@@ -25,12 +28,13 @@ struct Files {
     bool writesFail = false;
     bool closeFails = false;
 
+    /// What open(2) gives first; 0 as in a process whose standard streams are closed.
+    int lowestDescriptor = firstDescriptor;
+    unsigned createMode = 0; ///< the mode of the last open that may create a file
+
     size_t openCount = 0; ///< descriptors and streams
 };
 
 Files &files();
-
-/// The lowest descriptor that open(2) gives.
-constexpr int firstDescriptor = 1000;
 
 } // namespace fakes

@@ -33,6 +33,7 @@ void *__wrap_calloc(size_t count, size_t size)
         errno = ENOMEM;
         return nullptr;
     }
+    fakes::memory().lastSize = count * size;
     void *const block = __real_calloc(count, size);
     if (block && blocks().insert(block).second)
         fakes::memory().live++;

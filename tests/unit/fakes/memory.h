@@ -9,6 +9,7 @@ namespace fakes {
 struct Memory {
     bool exhausted = false; ///< calloc fails
     size_t live = 0;
+    size_t lastSize = 0; ///< of the last allocation
 };
 
 Memory &memory();
