@@ -314,6 +314,8 @@ def explanations():
                 sys.exit(f"{EXPLAINED}: no reason for {line}")
             found[line.strip()] = " ".join(reason)
             fresh = False
+        else:
+            fresh = False
     return found
 
 
