@@ -161,9 +161,11 @@ std::vector<std::string> Access::inside(const std::vector<std::string> &command)
     if (isMachine()) {
         result = {path(insidePath)};
     } else if (place_.isolated) {
-        result = {"nsenter", "--target", std::to_string(place_.holder), "--mount", "--root",
-                  "--net",   "--pid"};
-        if (userNamespace(std::to_string(place_.holder)) != userNamespace("self"))
+        // The root again, because the board may be inside a chroot, and a folder that is in it.
+        const std::string holder = std::to_string(place_.holder);
+        result = {"nsenter", "--target", holder,  "--mount",
+                  "--root",  "--net",    "--pid", "--wd=/proc/" + holder + "/root"};
+        if (userNamespace(holder) != userNamespace("self"))
             result.insert(result.end(), {"--user", "--preserve-credentials"});
         result.push_back("--");
     }

@@ -175,9 +175,9 @@ protected:
             }
             board.setLaser(std::to_string(-5 - step % 30));
             board.setGpon(step % 4 ? 5 : 1);
+            fromNow();
             ip(std::string("-6 addr ") + (step % 2 ? "del" : "add") +
                " 2001:db8::1/64 dev nas0_0 nodad");
-            fromNow();
             board.writeKeyword(mode.keyword);
             frames = 0;
             snapshots = 0;
