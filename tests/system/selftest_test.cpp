@@ -118,17 +118,20 @@ std::vector<std::string> asNobody()
     reach.insert(reach.end(), {"test", "-x", KELO_BOARD_PROGRAM});
     if (kelo::run(reach).status == 0)
         return nobody;
-    std::vector<std::string> result{"unshare",
-                                    "--mount",
-                                    "sh",
-                                    "-c",
-                                    "exec 3< " KELO_SOURCE "\n"
-                                    "top=$(echo " KELO_SOURCE " | cut -d/ -f1,2)\n"
-                                    "mount -t tmpfs -o mode=755 open \"$top\" &&\n"
-                                    "mkdir -p " KELO_SOURCE " &&\n"
-                                    "mount --no-canonicalize --bind /proc/self/fd/3 " KELO_SOURCE
-                                    " && exec \"$@\" 3<&-",
-                                    "sh"};
+    std::vector<std::string> result{
+        "unshare",
+        "--mount",
+        "sh",
+        "-c",
+        "exec 3< " KELO_SOURCE "\n"
+        "top=$(echo " KELO_SOURCE " | cut -d/ -f1,2)\n"
+        "mount -t tmpfs -o mode=755 open \"$top\" &&\n"
+        "for name in board build; do\n"
+        "mkdir -p " KELO_SOURCE "/$name &&\n"
+        "mount --no-canonicalize --bind /proc/self/fd/3/$name " KELO_SOURCE "/$name || exit\n"
+        "done\n"
+        "exec \"$@\" 3<&-",
+        "sh"};
     result.insert(result.end(), nobody.begin(), nobody.end());
     return result;
 }
