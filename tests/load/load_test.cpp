@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <set>
+#include <sys/ioctl.h>
 #include <thread>
 #include <unistd.h>
 
@@ -66,6 +67,22 @@ protected:
         }
     }
 
+    /// Waits until the pipe is empty and the daemon has seen the end of its last writer.
+    void drain()
+    {
+        const kelo::Descriptor pipe(open(board.path("/var/run/kelo-monitord.display").c_str(),
+                                         O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        const auto drained = [&](const std::vector<Event> &events) {
+            const auto last = std::find_if(events.rbegin(), events.rend(), [](const Event &event) {
+                return event.kind == EventKind::Log;
+            });
+            int waiting = 0;
+            return ioctl(pipe.get(), FIONREAD, &waiting) == 0 && waiting == 0 &&
+                   last->text.find("received len: 0\n") != std::string::npos;
+        };
+        ASSERT_TRUE(board.waitUntil(drained, deadline));
+    }
+
     /// The daemon still does each of its jobs.
     void expectAnswers()
     {
@@ -116,6 +133,7 @@ TEST_F(Load, TenThousandCommandsOfFiftyWritersAreTakenOneByOne)
     }
     for (std::thread &writer : writers)
         writer.join();
+    drain();
     const size_t start = from;
     expectAnswers();
     EXPECT_LE(residentKiB(), before + slackKiB);
