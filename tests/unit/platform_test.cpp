@@ -116,11 +116,20 @@ struct ButtonFile {
     int value;
 };
 
+/// Leaves a number on the stack where the next call finds it in a variable that it did not set.
+[[gnu::noinline]] void leaveNumbersOnTheStack()
+{
+    volatile int numbers[1024];
+    for (volatile int &number : numbers)
+        number = 77;
+}
+
 class ResetButton : public testing::TestWithParam<ButtonFile> {};
 
 TEST_P(ResetButton, IsTheNumberAtTheStartOfTheFile)
 {
     files().content[buttonPath] = GetParam().content;
+    leaveNumbersOnTheStack();
     EXPECT_EQ(platform_getResetButton(), GetParam().value);
     EXPECT_EQ(files().openCount, 0U);
 }
