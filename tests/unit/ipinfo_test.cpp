@@ -227,9 +227,19 @@ TEST_F(Tracker, LogsAnErrorAndEndsTheWalk)
 
 TEST_F(Tracker, SkipsOtherTypes)
 {
+    receive(newAddress(hostB) + newRoute(routeAttributes()));
+    const Bytes payloads[] = {
+        AddressHeader{} + attribute(IFA_ADDRESS, hostB), // known: would be removed
+        AddressHeader{} + attribute(IFA_ADDRESS, hostC), // unknown: would be added
+        RouteHeader{} + routeAttributes(),
+        RouteHeader{} + routeAttributes(network),
+        linkHeader(3),
+    };
     for (const unsigned type :
          {0U, 1U, 4U, 15U, 16U, 18U, 19U, 22U, 23U, 26U, 28U, 29U, 32U, 68U, 0x8014U, 0xffffU}) {
-        const Bytes skipped = message(type, AddressHeader{} + attribute(IFA_ADDRESS, hostB));
+        Bytes skipped;
+        for (const Bytes &payload : payloads)
+            skipped = skipped + message(type, payload);
         EXPECT_EQ(receive(skipped + newAddress(hostA)), added(hostA)) << type;
         receive(deletedAddress(hostA));
     }
@@ -246,8 +256,7 @@ TEST_F(Tracker, IgnoresFlagsSequenceAndSenderOfAMessage)
 TEST_F(Tracker, EndsTheWalkAtAMessageThatIsTooShort)
 {
     for (const size_t length : {0U, 1U, 12U, 15U}) {
-        const Bytes shortOne =
-            message(RTM_NEWADDR, AddressHeader{} + attribute(IFA_ADDRESS, hostB), length);
+        const Bytes shortOne = message(RTM_DELLINK, linkHeader(3), length);
         EXPECT_EQ(receive(newAddress(hostA) + shortOne + newAddress(hostC)), added(hostA));
         receive(deletedAddress(hostA));
     }

@@ -154,15 +154,18 @@ TEST_F(Snapshot, IsWrittenUnderATemporaryNameAndMovedOverTheFinalOne)
     EXPECT_EQ(files().openCount, 0U);
 }
 
-TEST_F(Snapshot, TakesSevenLongestLinesWhole)
+TEST_F(Snapshot, ReachesTheFileWholeAndAtOnceWhenItIsClosed)
 {
     everyPortHas(maximum, maximum);
     nextSnapshot();
+    journal().take();
     everyPortHas(maximum - 1, maximum - 1);
     std::string expected;
     for (const char *const name : portNames)
         expected += lineOf(name, maximum, maximum, maximum - 1, maximum - 1);
-    EXPECT_EQ(nextSnapshot(), expected);
+    EXPECT_EQ(nextSnapshot(), expected); // seven lines of the greatest length
+    EXPECT_EQ(journal().take({"write", "close"}),
+              (Lines{"write " + temporary + ": " + expected, "close " + temporary}));
 }
 
 TEST_F(Snapshot, LeavesOutAPortThatCannotBeRead)
