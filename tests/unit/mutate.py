@@ -19,8 +19,9 @@ from collections import Counter, namedtuple
 TESTS = {
     "kelo-monitord": ["kelo-monitord_test"],
     "platform": ["platform_test", "signal_test"],
-    "ipinfo": ["ipinfo_test"],
-    "display": ["display_test", "signal_test", "display_count_test"],
+    "ipinfo": ["ipinfo_test", "ipinfo_tables_test", "ipinfo_model_test"],
+    "display": ["display_test", "display_pipe_test", "display_signal_test", "signal_test",
+                "display_count_test"],
     "netinfo": ["netinfo_test"],
     "input": ["input_test"],
 }
