@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -148,6 +149,13 @@ void addDown(Cli &cli)
     CLI::App *const command =
         cli.add(runningGroup, "down", "End a board; returns once nothing of it is left", [&cli] {
             request(cli.board, "down");
+            // Its name is free a moment after the rest is gone.
+            const auto end = Clock::now() + std::chrono::seconds(5);
+            const auto named = [&](const auto &names) {
+                return std::find(names.begin(), names.end(), cli.board) != names.end();
+            };
+            while (named(runningBoards()) && Clock::now() < end)
+                usleep(2000);
             return 0;
         });
     command->add_option("NAME", cli.board, "Name of the board")->capture_default_str();
