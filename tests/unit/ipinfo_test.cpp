@@ -114,6 +114,15 @@ TEST_F(Registration, TakesOnlyMinus1AsFailureOfTheOtherSteps)
     EXPECT_EQ(journal().take(), socketOpened + socketSized + socketBound + eventAdded);
 }
 
+TEST_F(Registration, TakesOnlyMinus1AsFailureOfTheSocket)
+{
+    netlink().socketResult = -2;
+    netlink().bindResult = -1; // no event can watch that descriptor
+    ipinfo_register();
+    EXPECT_EQ(journal().take({"log"}),
+              Lines{logged("ipinfo_register_netlink", "Failed to bind netlink socket")});
+}
+
 TEST_F(Registration, WorksWithAFailedEventAdd)
 {
     eventLoop().addResult = -1;
@@ -296,6 +305,16 @@ TEST_F(Tracker, FindsTheNextMessageAtAMultipleOf4)
     }
 }
 
+TEST_F(Tracker, CountsThePaddingOfAMessage)
+{
+    const Bytes odd = message(RTM_NEWLINK, Bytes(1));
+    for (const size_t beyond : {1U, 2U, 3U}) {
+        const Bytes payload = AddressHeader{} + attribute(IFA_ADDRESS, hostA);
+        const size_t length = sizeof(nlmsghdr) + payload.size() + beyond;
+        EXPECT_EQ(receive(odd + message(RTM_NEWADDR, payload, length)), Lines{}) << beyond;
+    }
+}
+
 TEST_F(Tracker, TakesALastMessageWithoutItsPadding)
 {
     for (size_t odd = 1; odd <= 3; odd++) {
@@ -412,6 +431,13 @@ TEST_F(Tracker, EndsAtAnAttributeThatIsLongerThanTheRest)
         receive(deletedAddress(hostA));
     }
     EXPECT_EQ(receive(addressMessage(attribute(IFA_ADDRESS, hostB, 20))), added(hostB));
+}
+
+TEST_F(Tracker, CountsThePaddingOfAnAttribute)
+{
+    const Bytes odd = attribute(IFA_LABEL, Bytes(1));
+    for (const unsigned length : {21U, 22U, 23U})
+        EXPECT_EQ(receive(addressMessage(odd + attribute(IFA_ADDRESS, hostA, length))), Lines{});
 }
 
 TEST_F(Tracker, TakesALastAttributeWithoutItsPadding)
