@@ -127,26 +127,26 @@ void factTestTick(int, short, void *error)
 }
 
 struct Mode {
-    int32_t mode;
     const char *keyword;
     event_callback_fn tick; // null for a static mode
     timeval interval;
-    uintptr_t error;       // callback argument of the factory tests
+    uint8_t mode;          // a DisplayMode
+    uint8_t error;         // callback argument of the factory tests
     Pattern staticPattern; // drawn once by a static mode
 };
 
 // In the order in which the pipe tries the keywords: "facttesterr" has to come before its own
 // prefix "facttest".
 constexpr Mode modes[] = {
-    {None, "none", nullptr, {}, 0, darkPattern},
-    {Signal, "signal", signalTick, {0, 500000}, 0, 0},
-    {Reboot, "reboot", rebootTick, {0, 250000}, 0, 0},
-    {Restore, "restore", restoreTick, {0, 100000}, 0, 0},
-    {ErrorA12, "errora12", nullptr, {}, 0, errorA12Pattern},
-    {LocateMe, "locateme", locateTick, {0, 250000}, 0, 0},
-    {LedTest, "ledtest", ledTestTick, {3, 0}, 0, 0},
-    {FactTestErr, "facttesterr", factTestTick, {0, 500000}, 1, 0},
-    {FactTest, "facttest", factTestTick, {0, 500000}, 0, 0},
+    {"none", nullptr, {}, None, 0, darkPattern},
+    {"signal", signalTick, {0, 500000}, Signal, 0, 0},
+    {"reboot", rebootTick, {0, 250000}, Reboot, 0, 0},
+    {"restore", restoreTick, {0, 100000}, Restore, 0, 0},
+    {"errora12", nullptr, {}, ErrorA12, 0, errorA12Pattern},
+    {"locateme", locateTick, {0, 250000}, LocateMe, 0, 0},
+    {"ledtest", ledTestTick, {3, 0}, LedTest, 0, 0},
+    {"facttesterr", factTestTick, {0, 500000}, FactTestErr, 1, 0},
+    {"facttest", factTestTick, {0, 500000}, FactTest, 0, 0},
 };
 
 void enterMode(const Mode &mode)
@@ -157,7 +157,7 @@ void enterMode(const Mode &mode)
     }
     const bool takesError = mode.tick == factTestTick;
     event_set(&displayTimer, -1, EV_PERSIST, mode.tick,
-              takesError ? reinterpret_cast<void *>(mode.error) : &displayTimer);
+              takesError ? reinterpret_cast<void *>(uintptr_t{mode.error}) : &displayTimer);
     event_add(&displayTimer, &mode.interval);
     event_active(&displayTimer, 0, 0); // the first tick at once instead of one interval later
 }

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,6 +23,7 @@ namespace {
 // to 128 characters before the line: log readers depend on the shape that results. The slack keeps
 // such a suffix inside the log's own storage.
 using LogCount = int8_t;
+constexpr char prefix[] = "kelo-monitord: ";
 constexpr int LOG_SLACK = -INT8_MIN;
 
 size_t room(LogCount count)
@@ -59,7 +61,8 @@ int kelo_log(const char *file, int line, const char *function, const char *forma
     char storage[LOG_SLACK + LOG_LINE_MAX];
     char *const buffer = storage + LOG_SLACK;
 
-    auto count = static_cast<LogCount>(snprintf(buffer, room(0), "kelo-monitord: "));
+    memcpy(buffer, prefix, sizeof prefix);
+    auto count = static_cast<LogCount>(strlen(prefix));
     va_list arguments;
     va_start(arguments, format);
     const auto length =

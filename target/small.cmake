@@ -19,9 +19,20 @@ function(small target)
     list(APPEND crt ${file})
   endforeach()
   target_link_options(${target} PRIVATE
-    -flto -no-pie -nostartfiles ${crt} -s
+    -flto -no-pie -nostartfiles ${crt}
     LINKER:--gc-sections,--build-id=none,--no-eh-frame-hdr,--sort-section=alignment
     LINKER:-z,noexecstack,-z,max-page-size=4096)
+  # The loader reads no section headers, which are about 1 KB; binutils cannot leave them out.
+  find_program(LLVM_STRIP NAMES llvm-strip llvm-strip-14)
+  if(LLVM_STRIP)
+    set(strip ${LLVM_STRIP} --strip-sections)
+  else()
+    message(STATUS "No llvm-strip: the program keeps its section headers")
+    set(strip ${CMAKE_STRIP} -R .comment -R .gnu.attributes -R .mdebug.abi32)
+  endif()
+  # TARGET.elf keeps them, and the symbols that a core dump or a trace needs.
   add_custom_command(TARGET ${target} POST_BUILD
-    COMMAND ${CMAKE_STRIP} -R .comment -R .gnu.attributes -R .mdebug.abi32 $<TARGET_FILE:${target}>)
+    COMMAND ${CMAKE_COMMAND} -E copy $<TARGET_FILE:${target}> $<TARGET_FILE:${target}>.elf
+    COMMAND ${strip} $<TARGET_FILE:${target}>
+    BYPRODUCTS ${target}.elf)
 endfunction()

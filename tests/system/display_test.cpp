@@ -122,7 +122,7 @@ TEST_F(Display, StaticModesDrawOnceAndNoMore)
     EXPECT_EQ(drawn, frames().size());
 }
 
-TEST_F(Display, LocateMeReturnsToSignalAfter120Ticks)
+TEST_F(Display, LocateMeReturnsToSignalAfterHalfAMinute)
 {
     start();
     send("locateme");
