@@ -4,6 +4,9 @@
 
 #include "hardware.h"
 
+#include <sys/reboot.h>
+#include <unistd.h>
+
 namespace {
 
 /// Reads the values of a hardware file; returns how many were there, 0 without the file.
@@ -50,6 +53,9 @@ int syscfg_getPortBytes(int port, unsigned long long *in, unsigned long long *ou
 int syscfg_reboot()
 {
     noteCall("syscfg_reboot\n");
+    // A board that is a whole machine asks for it.
+    if (access("/board/reboots", F_OK) == 0)
+        reboot(RB_AUTOBOOT);
     return 0;
 }
 
