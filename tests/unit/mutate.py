@@ -28,7 +28,7 @@ TESTS = {
 EXPLAINED = pathlib.Path("tests/unit/mutants")
 FOLDER = pathlib.Path("build/mutate")
 SANITIZERS = "-O1 -fno-omit-frame-pointer -fsanitize=address,undefined -fno-sanitize-recover=all"
-CPU_SECONDS = 5
+CPU_SECONDS = 5  # four times that with the sanitizers
 WALL_SECONDS = 120
 
 Mutant = namedtuple("Mutant", "module start end text line key")
@@ -183,7 +183,8 @@ class Workshop:
     """A copy of the tree with a build of its own, in which one mutant after the other is made."""
 
     def __init__(self, number, sanitize):
-        self.limits = [(resource.RLIMIT_CPU, CPU_SECONDS), (resource.RLIMIT_FSIZE, 1 << 26), (resource.RLIMIT_CORE, 0)]
+        self.limits = [(resource.RLIMIT_CPU, CPU_SECONDS * (4 if sanitize else 1)),
+                       (resource.RLIMIT_FSIZE, 1 << 26), (resource.RLIMIT_CORE, 0)]
         if not sanitize:  # whose runtime reserves more
             self.limits.append((resource.RLIMIT_AS, 1 << 31))
         self.tree = FOLDER / ("sanitized" if sanitize else "plain") / str(number)
