@@ -176,6 +176,26 @@ TEST_F(Program, WithoutTheRightToNamespacesRootGetsAPlainBoard)
     EXPECT_TRUE(within([&] { return processesWith("board-init plain").empty(); }));
 }
 
+TEST(Board, LivesOnWhenABuildReplacesItsRootFileSystem)
+{
+    const std::filesystem::path built = std::filesystem::path(KELO_DAEMON).parent_path() / "rootfs";
+    const std::filesystem::path copy =
+        std::filesystem::temp_directory_path() / ("kelo-rootfs-" + std::to_string(getpid()));
+    std::filesystem::copy(built, copy,
+                          std::filesystem::copy_options::recursive |
+                              std::filesystem::copy_options::copy_symlinks);
+    kelo::Board board(kelo::Board::Options{copy});
+    std::filesystem::remove_all(copy);
+    board.startDaemon();
+    EXPECT_TRUE(board.waitUntil(
+        [](const std::vector<kelo::Event> &events) {
+            return std::any_of(events.begin(), events.end(), [](const kelo::Event &event) {
+                return event.kind == kelo::EventKind::Snapshot;
+            });
+        },
+        20s));
+}
+
 TEST(Link, DaemonNeedsTheSixPlatformLibrariesLibeventAndLibcOnly)
 {
     const std::vector<std::string> expected{
