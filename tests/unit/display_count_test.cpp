@@ -83,6 +83,13 @@ TEST(DisplayCount, LocateMeEndsAt120AndNotBelow)
     EXPECT_EQ(journal().take({"log"}).size(), 1U); // entered, and not left
 }
 
+TEST(DisplayCount, LocateMeEndsAbove120Too)
+{
+    EXPECT_EQ(drawnFrom(locateCount, 130, LocateMe, 1), Patterns{"000111"});
+    EXPECT_EQ(locateCount, 0);
+    EXPECT_EQ(journal().take({"log"}).size(), 2U); // entered and left
+}
+
 TEST(DisplayCount, SignalReadsAndBlinksByTheSignedRemainderPast2To31)
 {
     fakes::board().gponUp = 0;

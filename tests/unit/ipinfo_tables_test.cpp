@@ -21,6 +21,12 @@ static_assert(offsetof(route_entry, family) < offsetof(route_entry, dst));
 static_assert(offsetof(route_entry, dst) < offsetof(route_entry, dst_len));
 static_assert(offsetof(route_entry, dst_len) < offsetof(route_entry, gw));
 static_assert(offsetof(route_entry, gw) < offsetof(route_entry, entries));
+static_assert(sizeof(ipaddr_entry::ifindex) == 4 && sizeof(ipaddr_entry::ifname) == 16);
+static_assert(sizeof(ipaddr_entry::family) == 1 && sizeof(ipaddr_entry::addr) == 16);
+static_assert(sizeof(ipaddr_entry::prefixlen) == 1);
+static_assert(sizeof(route_entry::ifindex) == 4 && sizeof(route_entry::ifname) == 16);
+static_assert(sizeof(route_entry::family) == 1 && sizeof(route_entry::dst) == 16);
+static_assert(sizeof(route_entry::dst_len) == 1 && sizeof(route_entry::gw) == 16);
 static_assert(sizeof ipList == sizeof(void *) && sizeof routeList == sizeof(void *));
 
 // Address messages.
@@ -78,6 +84,13 @@ TEST_F(Tracker, TracksIpv4AddressesOverTheirFirst4Bytes)
 TEST_F(Tracker, ComparesIpv6AddressesOverAll16Bytes)
 {
     receive(newAddress(hostA) + newAddress(hostB)); // which differ in the last
+    EXPECT_EQ(addressCount(), 2U);
+}
+
+TEST_F(Tracker, ComparesIpv4AddressesOverAll4Bytes)
+{
+    const AddressHeader ipv4 = {.family = AF_INET};
+    receive(newAddress(address("192.0.2.1"), ipv4) + newAddress(address("192.0.2.2"), ipv4));
     EXPECT_EQ(addressCount(), 2U);
 }
 
@@ -148,6 +161,21 @@ TEST_F(Tracker, KnowsAnInterfaceCreatedAnewByANameOfOneLetter)
     EXPECT_EQ(receive(newAddress(hostA, {.ifindex = 7})), Lines{});
 }
 
+TEST_F(Tracker, ComparesInterfaceNamesAsAWhole)
+{
+    const char *const pairs[][2] = {{"ppp0", "ppp01"},
+                                    {"ppp01", "ppp0"},
+                                    {"ppp0", "PPP0"},
+                                    {"abcdefghijklmno", "abcdefghijklmnp"}};
+    for (const auto &[before, now] : pairs) {
+        netlink().names = {{5, before}};
+        receive(newAddress(hostA, {.ifindex = 5}));
+        netlink().names = {{7, now}};
+        EXPECT_EQ(receive(newAddress(hostA, {.ifindex = 7})).size(), 2U) << now;
+        receive(deletedLink(5) + deletedLink(7));
+    }
+}
+
 TEST_F(Tracker, AllocatesNoMoreThanARecord)
 {
     receive(newAddress(hostA));
@@ -189,6 +217,13 @@ TEST_F(Tracker, LogsALargeInterfaceIndexAsSigned)
 {
     EXPECT_EQ(receive(newAddress(hostA, {.ifindex = 0xffffffff}))[0],
               logged("ipaddr_log", "New IPv6 address 2001:db8::1/64 on (-1)"));
+}
+
+TEST_F(Tracker, TakesPrefixLengthsUpTo255)
+{
+    const AddressHeader header = {.prefixlen = 255};
+    EXPECT_EQ(receive(newAddress(hostA, header)), added(hostA, 255));
+    EXPECT_EQ(receive(deletedAddress(hostA, header)), removed(hostA, 255));
 }
 
 TEST_F(Tracker, TakesOtherFamiliesOver16BytesWithoutText)
@@ -304,6 +339,43 @@ TEST_F(Tracker, TracksIpv4RoutesOverTheirFirst4Bytes)
     EXPECT_EQ(receive(newRoute(routeAttributes(dst, gw), ipv4)), Lines{});
     EXPECT_EQ(Bytes(routeList.lh_first->dst, routeList.lh_first->dst + 16), dst + Bytes(12));
     EXPECT_EQ(Bytes(routeList.lh_first->gw, routeList.lh_first->gw + 16), gw + Bytes(12));
+}
+
+TEST_F(Tracker, ComparesDestinationAndGatewayToTheirLastByte)
+{
+    const Bytes v4a = address("192.0.2.1");
+    const Bytes v4b = address("192.0.2.2");
+    const RouteHeader ipv4 = {.family = AF_INET};
+    receive(newRoute(routeAttributes(v4a, v4a), ipv4) + newRoute(routeAttributes(v4b, v4a), ipv4) +
+            newRoute(routeAttributes(v4a, v4b), ipv4));
+    receive(newRoute(routeAttributes(hostA, hostA)) + newRoute(routeAttributes(hostB, hostA)) +
+            newRoute(routeAttributes(hostA, hostB)));
+    EXPECT_EQ(routeCount(), 6U);
+}
+
+TEST_F(Tracker, TakesDestinationLengthsUpTo255)
+{
+    const Bytes attributes = routeAttributes(network);
+    const RouteHeader header = {.dst_len = 255};
+    EXPECT_EQ(receive(newRoute(attributes, header)),
+              (Lines{loggedRoute("New", AF_INET6, network, 255, gateway, "nas0", 5),
+                     publishedRoute(1, "nas0", AF_INET6, network, "2001:db8:1::", 255, gateway)}));
+    EXPECT_EQ(receive(deletedRoute(attributes, header)),
+              (Lines{publishedRoute(0, "nas0", AF_INET6, network, "2001:db8:1::", 255, gateway),
+                     loggedRoute("Removed", AF_INET6, network, 255, gateway, "nas0", 5)}));
+}
+
+TEST_F(Tracker, TakesALargeInterfaceIndexOfARouteAndLogsItAsSigned)
+{
+    const uint32_t large = 0x80010005; // nas0's index in its low half
+    EXPECT_EQ(receive(newRoute(routeAttributes({}, gateway, large)))[0],
+              loggedRoute("New", AF_INET6, {}, 0, gateway, "", large));
+    EXPECT_EQ(receive(newRoute(routeAttributes(network, gateway, large), {.dst_len = 48}))[0],
+              loggedRoute("New", AF_INET6, network, 48, gateway, "", large));
+    EXPECT_EQ(routeList.lh_first->ifindex, large);
+    const Lines lines = receive(deletedLink(static_cast<int>(large)));
+    ASSERT_EQ(lines.size(), 5U);
+    EXPECT_EQ(lines[0], logged("ipinfo_netlink_dellink", "Removed interface (-2147418107)"));
 }
 
 TEST_F(Tracker, RecordsARoute)

@@ -232,6 +232,9 @@ TEST_F(Tracker, LogsAnErrorAndEndsTheWalk)
     const Lines line = {logged("ipinfo_netlink_recv", "Netlink error")};
     EXPECT_EQ(receive(error + error + newAddress(hostA)), line);
     EXPECT_EQ(receive(newAddress(hostA) + error + newAddress(hostB)), added(hostA) + line);
+    const Bytes acknowledgement = message(NLMSG_ERROR, bytesOf(nlmsgerr{0, {}}));
+    for (const Bytes &other : {acknowledgement, message(NLMSG_ERROR, {})})
+        EXPECT_EQ(receive(other + newAddress(hostB)), line);
 }
 
 TEST_F(Tracker, SkipsOtherTypes)
@@ -260,6 +263,22 @@ TEST_F(Tracker, IgnoresFlagsSequenceAndSenderOfAMessage)
     std::fill(bytes.begin() + offsetof(nlmsghdr, nlmsg_flags), bytes.begin() + sizeof(nlmsghdr),
               static_cast<unsigned char>(0xff));
     EXPECT_EQ(receive(bytes), added(hostA));
+}
+
+TEST_F(Tracker, LooksAtNoOtherFieldOfAFamilyHeader)
+{
+    const Bytes host = bytesOf(ifaddrmsg{AF_INET6, 64, 0xff, RT_SCOPE_UNIVERSE, 3}) +
+                       attribute(IFA_ADDRESS, hostA);
+    const Bytes route = bytesOf(rtmsg{AF_INET6, 0, 0xff, 0xff, RT_TABLE_MAIN, 0xff, 0xff,
+                                      RTN_UNICAST, 0xffffffff}) +
+                        routeAttributes();
+    EXPECT_EQ(receive(message(RTM_NEWADDR, host)), added(hostA));
+    EXPECT_EQ(receive(message(RTM_NEWROUTE, route)).size(), 2U);
+    EXPECT_EQ(receive(message(RTM_DELADDR, host)), removed(hostA));
+    EXPECT_EQ(receive(message(RTM_DELROUTE, route)).size(), 2U);
+    receive(newAddress(hostA));
+    const Bytes link = bytesOf(ifinfomsg{0xff, 0xff, 0xffff, 3, ~0U, ~0U});
+    EXPECT_EQ(receive(message(RTM_DELLINK, link)).size(), 3U);
 }
 
 TEST_F(Tracker, EndsTheWalkAtAMessageThatIsTooShort)

@@ -139,6 +139,7 @@ INSTANTIATE_TEST_SUITE_P(File, ResetButton,
                                          ButtonFile{"3\n", 3}, ButtonFile{"-1\n", -1},
                                          ButtonFile{"5", 5}, ButtonFile{"2147483647\n", 2147483647},
                                          ButtonFile{"  \n\t 12 34", 12}, ButtonFile{"+4", 4},
+                                         ButtonFile{"010\n", 10}, ButtonFile{"0x5\n", 0},
                                          ButtonFile{"", 0}, ButtonFile{"\n", 0},
                                          ButtonFile{"pressed", 0}, ButtonFile{"-", 0},
                                          ButtonFile{"x3", 0}, ButtonFile{"7up", 7}));
@@ -168,7 +169,8 @@ TEST(ResetButtonFile, IsReadAnewEachTime)
 
 TEST(GponLink, IsUpInState5Only)
 {
-    for (const int state : {-2147483647, -251, -5, -1, 0, 1, 2, 3, 4, 6, 7, 261, 2147483647}) {
+    for (const int state :
+         {-2147483647, -251, -5, -1, 0, 1, 2, 3, 4, 6, 7, 261, 65541, -2147483643, 2147483647}) {
         vendor().gponState = state;
         EXPECT_EQ(platform_isGponUp(), 0) << state;
     }

@@ -104,6 +104,9 @@ ssize_t __wrap_recvmsg(int fd, msghdr *message, int flags)
     const size_t length = std::min(reception.bytes.size(), fakes::datagramRoom);
     if (length > 0)
         memcpy(message->msg_iov->iov_base, reception.bytes.data(), length);
+    const sockaddr_nl sender = {AF_NETLINK, 0, 4711, 0}; // not the kernel, whose id is 0
+    memcpy(message->msg_name, &sender, sizeof sender);
+    message->msg_namelen = sizeof sender;
     return static_cast<ssize_t>(length);
 }
 
