@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <sys/inotify.h>
@@ -22,6 +23,9 @@ namespace {
 // The order in which the daemon writes them, and in which an LED event shows them.
 constexpr char ledGpios[] = {6, 7, 8, 2, 3, 4};
 constexpr int lastGpio = 4;
+
+constexpr size_t eventsAtOnce = 4096;
+constexpr off_t longestCalls = 1 << 20; ///< bytes that the file of calls may have
 
 struct Holder {
     pid_t unshare;
@@ -107,6 +111,29 @@ std::string firstWord(const std::string &text)
     return text.substr(0, text.find(' '));
 }
 
+/// What an event takes in memory, as good as exactly.
+size_t sizeOf(const Event &event)
+{
+    const bool isApart = event.text.capacity() > std::string().capacity();
+    return sizeof event + (isApart ? event.text.capacity() + 2 * sizeof(void *) : 0);
+}
+
+using EventRange = std::vector<Event>::const_iterator;
+
+/// The last event of every subject.
+std::vector<Event> lastOfEach(EventRange begin, EventRange end)
+{
+    std::set<std::string> subjects;
+    std::vector<Event> result;
+    while (end != begin) {
+        const std::string of = subject(*--end);
+        if (!of.empty() && subjects.insert(of).second)
+            result.push_back(*end);
+    }
+    std::reverse(result.begin(), result.end());
+    return result;
+}
+
 } // namespace
 
 const char *kindName(EventKind kind)
@@ -116,7 +143,25 @@ const char *kindName(EventKind kind)
     return names[static_cast<size_t>(kind)];
 }
 
-Board::Board(const Options &options) : Access(Place{}), environment_(options.environment)
+std::string subject(const Event &event)
+{
+    switch (event.kind) {
+    case EventKind::Leds:
+    case EventKind::Mode:
+    case EventKind::Laser:
+    case EventKind::Gpon:
+    case EventKind::Button:
+    case EventKind::Exit:
+        return kindName(event.kind);
+    case EventKind::Store:
+        return event.text.substr(0, event.text.find(' ', event.text.find(' ') + 1));
+    default:
+        return {};
+    }
+}
+
+Board::Board(const Options &options)
+    : Access(Place{}), environment_(options.environment), keep_(options.keep)
 {
     environment_.insert(environment_.begin(), "PATH=/usr/sbin:/usr/bin:/sbin:/bin");
     const std::string rootfs = options.rootfs.empty() ? defaultRootfs() : options.rootfs;
@@ -225,14 +270,41 @@ void Board::stopDaemon()
 std::vector<Event> Board::events(size_t from) const
 {
     const std::lock_guard lock(mutex_);
-    const size_t start = std::min(from, events_.size());
+    const size_t start = std::clamp(from, firstPlace(), count_) - firstPlace();
     return {events_.begin() + static_cast<ptrdiff_t>(start), events_.end()};
 }
 
 size_t Board::mark() const
 {
     const std::lock_guard lock(mutex_);
-    return events_.size();
+    return count_;
+}
+
+std::vector<Event> Board::next(size_t &place, Clock::duration patience) const
+{
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, patience, [&] { return count_ > place; });
+    place = std::max(place, firstPlace());
+    const auto begin = events_.begin() + static_cast<ptrdiff_t>(place - firstPlace());
+    const size_t length = std::min(count_ - place, eventsAtOnce);
+    place += length;
+    return {begin, begin + static_cast<ptrdiff_t>(length)};
+}
+
+std::vector<Event> Board::heldAt(Clock::time_point time, size_t &place) const
+{
+    const std::lock_guard lock(mutex_);
+    const auto first =
+        std::lower_bound(events_.begin(), events_.end(), time,
+                         [](const Event &event, Clock::time_point t) { return event.time < t; });
+    place = firstPlace() + static_cast<size_t>(first - events_.begin());
+    return lastOfEach(events_.begin(), first);
+}
+
+Clock::time_point Board::keptSince() const
+{
+    const std::lock_guard lock(mutex_);
+    return keptSince_;
 }
 
 bool Board::waitUntil(const std::function<bool(const std::vector<Event> &)> &condition,
@@ -245,7 +317,27 @@ bool Board::waitUntil(const std::function<bool(const std::vector<Event> &)> &con
 void Board::record(EventKind kind, std::string text)
 {
     const std::lock_guard lock(mutex_);
+    append(kind, std::move(text));
+}
+
+/// Records an event under the record's lock. A record that is too long loses its oldest quarter,
+/// but for what still holds.
+void Board::append(EventKind kind, std::string text)
+{
     events_.push_back({Clock::now(), kind, std::move(text)});
+    count_++;
+    bytes_ += sizeOf(events_.back());
+    if (bytes_ > keep_) {
+        auto first = events_.begin();
+        for (size_t dropped = 0; dropped < keep_ / 4 && first + 1 != events_.end(); ++first)
+            dropped += sizeOf(*first);
+        keptSince_ = first->time;
+        std::vector<Event> held = lastOfEach(events_.begin(), first);
+        events_.erase(std::move(held.begin(), held.end(), events_.begin()), first);
+        bytes_ = 0;
+        for (const Event &event : events_)
+            bytes_ += sizeOf(event);
+    }
     changed_.notify_all();
 }
 
@@ -364,7 +456,16 @@ void Board::noteHardware(const std::string &name, EventKind kind, const std::str
 
 void Board::readCalls()
 {
+    // A writer that opened the file before it was replaced may have come since.
+    if (callsBefore_)
+        callText_ += readAll(callsBefore_.get());
     callText_ += readAll(calls_.get());
+    if (lseek(calls_.get(), 0, SEEK_CUR) > longestCalls) {
+        put("/board/calls", "");
+        callText_ += readAll(calls_.get());
+        callsBefore_ = std::move(calls_);
+        calls_ = Descriptor(open(path("/board/calls").c_str(), O_RDONLY | O_CLOEXEC));
+    }
     size_t end;
     while ((end = callText_.find('\n')) != std::string::npos) {
         const std::string line = callText_.substr(0, end);
@@ -388,8 +489,7 @@ void Board::reapDaemon()
     const int status = waitFor(child_);
     child_ = -1;
     childEnd_.reset();
-    events_.push_back({Clock::now(), EventKind::Exit, std::to_string(status)});
-    changed_.notify_all();
+    append(EventKind::Exit, std::to_string(status));
 }
 
 } // namespace kelo

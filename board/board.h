@@ -46,11 +46,16 @@ struct Event {
     std::string text;
 };
 
+/// What an event tells of, when that holds until the next one of it: "leds", "mode", ..., or an
+/// attribute of the store; empty for what just happens.
+std::string subject(const Event &event);
+
 class Board : public Access {
 public:
     struct Options {
         std::string rootfs;                     ///< the template; empty for the one of this build
         std::vector<std::string> environment{}; ///< of the daemon, beside PATH
+        size_t keep = SIZE_MAX;                 ///< bytes of the record; the oldest part goes then
     };
 
     /// Lays out the board and starts recording; the daemon does not run yet. Throws
@@ -68,17 +73,29 @@ public:
     /// Ends the daemon with a signal, if it runs, and waits until it is gone.
     void stopDaemon();
 
-    /// All that happened so far, or what happened since a number of events.
+    /// All that is kept of the record, or what happened since a place in it.
     std::vector<Event> events(size_t from = 0) const;
     /// How many events there have been: a place in the record to look on from.
     size_t mark() const;
-    /// Waits until `condition` holds for the record; false when the deadline comes first. It is
-    /// asked anew after every event, under the record's lock: it must not call the board.
+    /// The events at a place, some thousands at most, and moves the place behind them; waits for
+    /// the first of them, none when it does not come in time. A place that was dropped is moved to
+    /// where the record begins.
+    std::vector<Event> next(size_t &place, Clock::duration patience) const;
+    /// What held at a time: the last event of every subject before it. `place` becomes that of the
+    /// first event from then on.
+    std::vector<Event> heldAt(Clock::time_point time, size_t &place) const;
+    /// From when on the record is whole, if its beginning was dropped. What held then is kept.
+    Clock::time_point keptSince() const;
+    /// Waits until `condition` holds for what is kept of the record; false when the deadline comes
+    /// first. It is asked anew after every event, under the record's lock: it must not call the
+    /// board.
     bool waitUntil(const std::function<bool(const std::vector<Event> &)> &condition,
                    Clock::duration deadline) const;
 
 private:
     void record(EventKind kind, std::string text);
+    void append(EventKind kind, std::string text);
+    size_t firstPlace() const { return count_ - events_.size(); }
     void recordLoop();
     void readLeds();
     void readLog();
@@ -89,6 +106,7 @@ private:
     void wake() const;
 
     std::vector<std::string> environment_;
+    size_t keep_;
     pid_t unshare_ = -1; ///< the holder's parent
     Descriptor holderInput_;
 
@@ -97,6 +115,7 @@ private:
     Descriptor files_;
     Pipe wake_;
     Descriptor calls_;
+    Descriptor callsBefore_; ///< the file that was replaced last
     std::string ledText_;
     std::string callText_;
     std::string flags_ = "??????";
@@ -105,7 +124,10 @@ private:
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
-    std::vector<Event> events_;
+    std::vector<Event> events_; ///< those that are kept
+    size_t bytes_ = 0;          ///< what they take
+    size_t count_ = 0;          ///< how many there have been
+    Clock::time_point keptSince_{};
     pid_t child_ = -1; ///< the started program, until it ends
     Descriptor childEnd_;
     bool ending_ = false;

@@ -10,7 +10,6 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
-#include <utility>
 
 namespace kelo {
 
@@ -68,9 +67,9 @@ std::string lastLog(const std::vector<Event> &events)
 
 } // namespace
 
-Host::Host(const std::string &name, const Board::Options &options)
-    : socket_(listenAs(name)), board_(options), button_(board_), end_(makePipe()),
-      acceptor_(&Host::acceptLoop, this)
+Host::Host(const std::string &name, size_t keptMegabytes)
+    : socket_(listenAs(name)), board_({.rootfs = "", .keep = keptMegabytes << 20}), button_(board_),
+      end_(makePipe()), acceptor_(&Host::acceptLoop, this)
 {
 }
 
@@ -117,15 +116,17 @@ void Host::start(const std::vector<std::string> &arguments, int speed)
     button_.setSpeed(speed);
     const bool detaches = std::find(arguments.begin(), arguments.end(), "-d") != arguments.end();
     const size_t from = board_.mark();
-    mark_ = Clock::now();
+    const Clock::time_point mark = Clock::now();
+    mark_ = mark;
     board_.startBy(command);
     bool ended = false;
     const bool runs = board_.waitUntil(
         [&](const std::vector<Event> &events) {
-            for (size_t i = from; i < events.size(); i++) {
-                if (events[i].kind == EventKind::Call && events[i].text == firstTick)
+            for (auto event = events.rbegin(); event != events.rend() && event->time >= mark;
+                 ++event) {
+                if (event->kind == EventKind::Call && event->text == firstTick)
                     return true;
-                ended |= events[i].kind == EventKind::Exit && !(detaches && events[i].text == "0");
+                ended |= event->kind == EventKind::Exit && !(detaches && event->text == "0");
             }
             return ended;
         },
@@ -225,54 +226,43 @@ void Host::answer(Client &client, const std::string &request)
 
 void Host::watch(const Client &client, Clock::time_point since) const
 {
-    size_t seen = 0;
-    bool first = true;
-    while (!ending_ && !hungUp(client.socket.get())) {
+    size_t place;
+    std::vector<Event> events = board_.heldAt(since, place);
+    const size_t now = board_.mark();
+    bool isUpToDate = false;
+    // Who waits for more hears of the board's end by the end of the stream.
+    while (!ending_ && !down_ && !hungUp(client.socket.get())) {
         std::string text;
-        if (first) {
-            std::map<EventKind, Event> before;
-            for (const Event &event : board_.events()) {
-                if (event.time >= since)
-                    break;
-                seen++;
-                if (!isPolling(event))
-                    before.insert_or_assign(event.kind, event);
-            }
-            for (const auto &[kind, event] : before)
-                text += toLine(event) + "\n";
-        }
-        for (const Event &event : board_.events(seen)) {
-            seen++;
+        for (const Event &event : events) {
             if (!isPolling(event))
                 text += toLine(event) + "\n";
         }
-        if (std::exchange(first, false))
+        if (!isUpToDate && place >= now) {
             text += "now\n";
+            isUpToDate = true;
+        }
         if (!text.empty() && !sendText(client.socket.get(), text))
             return;
-        board_.waitUntil([&](const auto &events) { return events.size() > seen; },
-                         std::chrono::milliseconds(100));
+        const size_t before = place;
+        events = board_.next(place, std::chrono::milliseconds(100));
+        if (place - events.size() > before)
+            throw std::runtime_error("the record was dropped before it was read");
     }
 }
 
 std::string Host::state() const
 {
     std::map<EventKind, std::string> last;
-    board_.waitUntil(
-        [&](const std::vector<Event> &events) {
-            for (auto event = events.rbegin(); event != events.rend(); ++event) {
-                if (!isPolling(*event))
-                    last.try_emplace(event->kind, event->text);
-            }
-            return true;
-        },
-        Clock::duration::zero());
+    size_t end;
+    for (const Event &event : board_.heldAt(Clock::time_point::max(), end))
+        last[event.kind] = event.text;
     std::ostringstream text;
     for (const EventKind kind : {EventKind::Leds, EventKind::Mode, EventKind::Laser,
                                  EventKind::Gpon, EventKind::Button, EventKind::Exit})
         text << kindName(kind) << ' ' << last[kind] << '\n';
     text << "pid " << getpid() << "\ndaemon " << board_.daemon().value_or(0) << "\nstart "
-         << toText(startTime_) << "\nmark " << toText(mark_) << '\n';
+         << toText(startTime_) << "\nsince " << toText(board_.keptSince()) << "\nmark "
+         << toText(mark_) << '\n';
     return text.str();
 }
 

@@ -14,13 +14,15 @@ namespace kelo {
 
 class Host {
 public:
+    static constexpr size_t KEPT_MEGABYTES = 64; ///< of the record, unless told otherwise
+
     /// Throws std::runtime_error when a board of this name runs already, or as Board does.
-    explicit Host(const std::string &name, const Board::Options &options = {});
+    explicit Host(const std::string &name, size_t keptMegabytes = KEPT_MEGABYTES);
     ~Host();
     Host(const Host &) = delete;
     Host &operator=(const Host &) = delete;
 
-    Board &board() { return board_; }
+    const Board &board() const { return board_; }
     ResetButton &button() { return button_; }
     Clock::time_point startTime() const { return startTime_; }
 

@@ -178,6 +178,24 @@ std::map<std::string, std::string> stateOf(const std::string &board)
     return state;
 }
 
+std::vector<Event> eventsOf(const std::string &board, Clock::time_point &from)
+{
+    from = std::max(from, toTime(stateOf(board)["since"]));
+    std::vector<Event> events;
+    Connection connection(board, "watch " + toText(from));
+    for (std::string line; (line = connection.line().value()) != "now";) {
+        std::optional<Event> event = fromLine(line);
+        // An attribute that was stored before, or a daemon that ended, is no news.
+        const bool isNews = event && event->time >= from;
+        if (!event ||
+            (!isNews && (event->kind == EventKind::Store || event->kind == EventKind::Exit)))
+            continue;
+        event->time = std::max(event->time, from);
+        events.push_back(std::move(*event));
+    }
+    return events;
+}
+
 std::vector<std::string> runningBoards()
 {
     std::vector<std::string> names;

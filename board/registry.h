@@ -5,8 +5,8 @@
 /// A client sends one request line and reads lines until the end:
 ///   place           "HOLDER ISOLATED ROOT"
 ///   state           one "KEY VALUE" line for everything a board has one of
-///   watch SINCE     the record: for every kind the last event before that time, then the events
-///                   from there on, "TIME KIND TEXT" each, then "now", then events as they come
+///   watch SINCE     the record: the events that held at that time, then those from there on,
+///                   "TIME KIND TEXT" each, then "now", then events as they come
 ///   mark            events count from here on
 ///   start SPEED [OPTION...], stop, restart    of the daemon
 ///   hold, release   the reset button
@@ -69,8 +69,13 @@ void request(const std::string &board, const std::string &text);
 std::optional<Place> findBoard(const std::string &name);
 
 /// What a board has one of: "leds", "mode", "button", "laser", "gpon", "daemon" (its process, 0
-/// while none runs), "pid" (of the program that runs the board), "start" and "mark" (times).
+/// while none runs), "pid" (of the program that runs the board), "start", "mark" and "since", from
+/// when on the record is kept (times).
 std::map<std::string, std::string> stateOf(const std::string &board);
+
+/// What happened on a board from a time on until now, and first what held then, as if it had begun
+/// then. Where the record was dropped up to a later time, that becomes `from`.
+std::vector<Event> eventsOf(const std::string &board, Clock::time_point &from);
 
 /// Names of the running boards, sorted.
 std::vector<std::string> runningBoards();

@@ -106,6 +106,9 @@ unsigned long long toNumber(const std::string &text);
 /// A length of time: "3", "1.5s", "250ms", "2m". Throws UsageError.
 Clock::duration toDuration(const std::string &text);
 
+/// Says on standard error that a record is kept from a time after the board's start only.
+void sayRecordBegins(Clock::duration time);
+
 /// Lets time pass on a running board. Throws BoardGone when the board ends.
 void letPass(const std::string &board, Clock::duration time);
 

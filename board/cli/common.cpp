@@ -121,6 +121,12 @@ Clock::duration toDuration(const std::string &text)
         std::chrono::duration<double>(number * seconds));
 }
 
+void sayRecordBegins(Clock::duration time)
+{
+    fprintf(stderr, "kelo-board: what happened before second %.3f is no longer kept\n",
+            std::chrono::duration<double>(time).count());
+}
+
 void letPass(const std::string &board, Clock::duration time)
 {
     const Clock::time_point end = Clock::now() + time;

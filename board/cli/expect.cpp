@@ -27,6 +27,7 @@ struct View {
     Access board;
     std::vector<Event> events;
     Clock::time_point mark;
+    bool isWhole; ///< whether everything since the mark is there
 
     const Event *last(EventKind kind) const
     {
@@ -43,6 +44,9 @@ struct View {
     }
     std::vector<std::string> marked(EventKind kind) const
     {
+        if (!isWhole)
+            throw Failure("what happened after the mark is no longer all kept (put a new one: "
+                          "kelo-board mark)");
         std::vector<std::string> texts;
         for (const Event &event : events) {
             if (event.kind == kind && event.time >= mark)
@@ -298,7 +302,8 @@ int expect(const Cli &cli, const Options &options, const Condition &condition)
     auto state = stateOf(cli.board);
     const Clock::time_point begin = Clock::now();
     const Clock::time_point start = toTime(state["start"]);
-    View view{cli.running(), {}, toTime(state["mark"])};
+    const Clock::time_point mark = toTime(state["mark"]);
+    View view{cli.running(), {}, mark, toTime(state["since"]) <= mark};
 
     Connection connection(cli.board, "watch " + toText(std::min(view.mark, begin - shownBefore)));
     if (await(connection, condition, options.negate, begin + within + condition.takes, length,

@@ -28,7 +28,11 @@ bool readerIsGone()
 /// Prints the record of a board, of one kind or of all, and goes on as it grows if asked to.
 int printRecord(const Cli &cli, bool follow, std::optional<EventKind> kind)
 {
-    const Clock::time_point start = toTime(stateOf(cli.board)["start"]);
+    auto state = stateOf(cli.board);
+    const Clock::time_point start = toTime(state["start"]);
+    const Clock::time_point since = toTime(state["since"]);
+    if (since > start)
+        sayRecordBegins(since - start);
     EventPrinter printer(start, cli.json);
     Connection connection(cli.board, "watch " + toText(start));
     try {

@@ -24,26 +24,19 @@ struct PlotOptions {
     double to = -1;
 };
 
-/// What happened on a running board from one time on until now.
-Recording recordingOf(const std::string &board, Clock::time_point from)
-{
-    std::vector<Event> events;
-    Connection connection(board, "watch " + toText(from));
-    while (const std::optional<std::string> line = connection.line()) {
-        if (*line == "now")
-            break;
-        std::optional<Event> event = fromLine(*line);
-        if (event) {
-            event->time = std::max(event->time, from); // what holds at the start
-            events.push_back(std::move(*event));
-        }
-    }
-    return makeRecording(events, Clock::now());
-}
-
 Clock::time_point startOf(const std::string &board)
 {
     return toTime(stateOf(board)["start"]);
+}
+
+/// What happened on a running board from one time on until now.
+Recording recordingOf(const std::string &board, Clock::time_point from)
+{
+    Clock::time_point begin = from;
+    const std::vector<Event> events = eventsOf(board, begin);
+    if (begin > from)
+        sayRecordBegins(begin - startOf(board));
+    return makeRecording(events, Clock::now());
 }
 
 int record(const std::string &board, const RecordOptions &options)

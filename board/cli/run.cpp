@@ -80,8 +80,7 @@ void runScript(const std::string &file, const std::string &board, Host &host,
         poll(sources, std::size(sources), 20);
         running = !sources[0].revents;
         // What happened comes before what the script has to say of it.
-        for (const Event &event : host.board().events(seen)) {
-            seen++;
+        for (const Event &event : host.board().next(seen, Clock::duration::zero())) {
             if (options.show)
                 printer.print(event);
         }

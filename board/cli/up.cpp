@@ -17,6 +17,7 @@ namespace {
 
 struct UpOptions {
     bool detach = false;
+    size_t keep = Host::KEPT_MEGABYTES;
     std::vector<std::string> daemon;
 };
 
@@ -40,19 +41,15 @@ void runPrinting(Host &host)
     EventPrinter printer(host.startTime());
     size_t seen = 0;
     while (!interrupted && !host.wantsDown()) {
-        host.board().waitUntil([&](const auto &events) { return events.size() > seen; },
-                               std::chrono::milliseconds(50));
-        for (const Event &event : host.board().events(seen)) {
-            seen++;
+        for (const Event &event : host.board().next(seen, std::chrono::milliseconds(50)))
             printer.print(event);
-        }
     }
 }
 
 int upForeground(const std::string &name, const UpOptions &options)
 {
     catchSignals();
-    Host host(name);
+    Host host(name, options.keep);
     std::exception_ptr failure;
     std::thread starter([&] {
         try {
@@ -82,7 +79,7 @@ int upDetached(const std::string &name, const UpOptions &options)
 
     setsid();
     catchSignals();
-    Host host(name);
+    Host host(name, options.keep);
     host.startDaemon(options.daemon);
     const Descriptor nothing(open("/dev/null", O_RDWR | O_CLOEXEC));
     for (int fd = 0; fd <= 2; fd++)
@@ -138,6 +135,10 @@ void addUp(Cli &cli)
     command->add_option("NAME", cli.board, "Name of the new board")->capture_default_str();
     command->add_flag("-d,--detach", options->detach,
                       "Run in the background; returns once the daemon runs");
+    command->add_option("--keep", options->keep, "How much to keep of what happens, the latest")
+        ->type_name("MB")
+        ->check(CLI::Range(1, 1000000))
+        ->capture_default_str();
     command
         ->add_option("--daemon-option", options->daemon,
                      "Option for the daemon: --daemon-option=-d")

@@ -8,6 +8,7 @@ namespace kelo {
 namespace {
 
 constexpr int columns = 64;
+constexpr size_t longest = 50; ///< of the list below the waveform
 constexpr const char *ledNames[] = {"GPIO 6", "GPIO 7", "GPIO 8", "GPIO 2", "GPIO 3", "GPIO 4"};
 
 std::string seconds(Clock::duration time)
@@ -48,10 +49,17 @@ std::string waveform(const std::vector<Event> &events, Clock::time_point start,
             std::string(columns - std::min<size_t>(columns, left.size() + right.size()), ' ') +
             right + "\n";
 
+    std::vector<const Event *> others;
     for (const Event &event : events) {
-        if (event.time < from || event.time > to || event.kind == EventKind::Leds ||
-            event.kind == EventKind::Snapshot)
-            continue;
+        if (event.time >= from && event.time <= to && event.kind != EventKind::Leds &&
+            event.kind != EventKind::Snapshot)
+            others.push_back(&event);
+    }
+    const size_t first = others.size() - std::min(others.size(), longest);
+    if (first > 0)
+        text += "  ... (" + std::to_string(first) + " more before these)\n";
+    for (size_t i = first; i < others.size(); i++) {
+        const Event &event = *others[i];
         char line[64];
         snprintf(line, sizeof line, "  %9s  %-7s  ", seconds(event.time - start).c_str(),
                  kindName(event.kind));

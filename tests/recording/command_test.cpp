@@ -38,9 +38,9 @@ protected:
         const kelo::Result result = kb(arguments);
         EXPECT_EQ(0, result.status) << result.output;
     }
-    void up()
+    void up(const std::string &kept = "64")
     {
-        const kelo::Result result = kb({"up", "-d", board});
+        const kelo::Result result = kb({"up", "-d", "--keep", kept, board});
         ASSERT_EQ(0, result.status) << result.output;
         up_ = true;
     }
@@ -94,6 +94,55 @@ TEST_F(RecordCommand, RecordsFromNowOnForATime)
     EXPECT_TRUE(holds(recording, "mode", "2")) << "this holds since before";
     EXPECT_TRUE(holds(recording, "gpio2", "1"));
     EXPECT_GE(recording.length, 100000);
+}
+
+TEST_F(RecordCommand, WhatHappenedBeforeItIsNoEventOfTheRecording)
+{
+    up();
+    done({"press", "1500ms"});
+    done({"expect", "calls", "reboot"});
+    done({"ip", "-6", "addr", "add", "2001:db8::1/64", "dev", "nas0_0", "nodad"});
+    done({"expect", "store", "wanAddressLen", "64"});
+    done({"expect", "omci", "1"});
+    done({"stop"});
+    done({"record", "--for", "200ms", file("a.vcd")});
+    const kelo::Recording recording = readBack("a.vcd");
+    EXPECT_TRUE(holds(recording, "mode", "2"));
+    for (const char *const name : {"reboot", "store", "omci", "daemon_exit"}) {
+        const kelo::Signal *const signal = recording.find(name);
+        ASSERT_TRUE(signal) << name;
+        EXPECT_EQ(0U, signal->changes.size()) << name;
+    }
+}
+
+TEST_F(RecordCommand, ARecordWithoutItsBeginningBeginsWithWhatHeld)
+{
+    up("1");
+    done({"mode", "errora12"});
+    done({"expect", "leds", "010000"});
+    done({"set", "laser", "-26.5"});
+    std::string path = kb({"path", "/board/calls"}).output;
+    path.pop_back();
+    for (int i = 0; i < 12; i++)
+        std::ofstream(path, std::ios::app) << "omci " + std::string(100000, 'y') + "\n";
+    const std::string loss = "is no longer kept\n";
+    kelo::Result result{};
+    const auto end = kelo::Clock::now() + std::chrono::seconds(30);
+    while (result.output.find(loss) == std::string::npos && kelo::Clock::now() < end)
+        result = kb({"record", file("a.vcd")});
+    EXPECT_EQ(0, result.status);
+    EXPECT_NE(std::string::npos, result.output.find(loss)) << result.output;
+    const kelo::Recording recording = readBack("a.vcd");
+    for (const auto &[name, value] :
+         {std::pair{"mode", "4"}, {"gpio7", "1"}, {"rx_power_dbm", "-26.5"}, {"link", "1"}}) {
+        const kelo::Signal *const signal = recording.find(name);
+        ASSERT_TRUE(signal && !signal->changes.empty()) << name;
+        EXPECT_EQ(value, signal->changes.back().value) << name;
+        EXPECT_LE(signal->changes.back().time, 1) << name << " holds from the beginning on";
+    }
+    result = kb({"plot", "-o", file("a.svg")});
+    EXPECT_EQ(0, result.status);
+    EXPECT_NE(std::string::npos, result.output.find(loss)) << result.output;
 }
 
 TEST_F(RecordCommand, RefusesInOneLine)

@@ -162,6 +162,8 @@ const BadUse badUses[] = {
     {"SignalName", {"signal", "FOO"}, "no signal: \"FOO\""},
     {"SignalNumber", {"signal", "0"}, "no signal: \"0\""},
     {"SpeedRange", {"start", "--speed", "0"}, "--speed"},
+    {"KeepRange", {"up", "--keep", "0"}, "--keep"},
+    {"KeepWord", {"up", "--keep", "all"}, "--keep"},
     {"BurstRange", {"burst", "0"}, "COUNT"},
     {"FaultName", {"fault", "rust"}, "no fault: \"rust\""},
     {"FaultState", {"fault", "led-missing", "maybe"}, "on or off, not \"maybe\""},
@@ -321,11 +323,12 @@ protected:
     }
 
     /// Runs a board that ends with this test, however that ends.
-    void up(const Words &prefix)
+    void up(const Words &prefix, const Words &options = {})
     {
         Words command{"setpriv", "--pdeathsig", "KILL"};
         command.insert(command.end(), prefix.begin(), prefix.end());
         command.insert(command.end(), {KELO_BOARD_PROGRAM, "up", name});
+        command.insert(command.end(), options.begin(), options.end());
         const kelo::Descriptor nothing(open("/dev/null", O_WRONLY | O_CLOEXEC));
         program = kelo::spawn(command, {-1, nothing.get(), -1});
         ASSERT_TRUE(within(30s, [&] { return on({"mode"}).out == "signal\n"; }));
@@ -636,6 +639,111 @@ TEST_F(OnBoard, ExpectCountsFromTheMark)
     EXPECT_EQ(1, on({"expect", "--within", "100ms", "log", "received \"nonsense\""}).status);
     succeeds({"mode", "nonsense"});
     succeeds({"expect", "log", "received \"nonsense\""});
+}
+
+TEST_F(OnBoard, ExpectListsTheLatestOfMuch)
+{
+    for (int i = 0; i < 60; i++)
+        succeeds({"mode", "word" + std::to_string(i)});
+    const Outcome outcome = on({"expect", "--within", "1s", "mode", "none"});
+    EXPECT_EQ(1, outcome.status);
+    const Words lines = linesOf(outcome.err);
+    EXPECT_EQ(1U + 6 + 1 + 1 + 50, lines.size()) << outcome.err;
+    EXPECT_TRUE(has(outcome.err, " more before these)\n"));
+    EXPECT_TRUE(has(outcome.err, "received \"word59\""));
+}
+
+/// A board that keeps little of what happened.
+class Forgetful : public OnBoard {
+protected:
+    void SetUp() override { up({}, {"--keep", "1"}); }
+
+    /// Lets more happen than is kept.
+    void overflow() const
+    {
+        std::string path = on({"path", "/board/calls"}).out;
+        path.pop_back();
+        const std::string line = "omci " + std::string(100000, 'y') + "\n";
+        for (int i = 0; i < 12; i++) {
+            std::ofstream calls(path, std::ios::app);
+            calls << line << std::flush;
+        }
+        ASSERT_TRUE(within(30s, [&] { return on({"events"}).err != ""; }));
+    }
+};
+
+TEST_F(Forgetful, KeepsWhatHoldsAndTheLatestAndSaysSo)
+{
+    succeeds({"mode", "errora12"});
+    succeeds({"set", "laser", "-20"});
+    succeeds({"ip", "-6", "addr", "add", "2001:db8::1/64", "dev", "nas0_0", "nodad"});
+    succeeds({"expect", "store", "wanAddressLen", "64"});
+    succeeds({"expect", "leds", "010000"});
+    overflow();
+
+    const std::string loss = "is no longer kept\n";
+    const Outcome events = on({"events"});
+    EXPECT_EQ(1U, linesOf(events.err).size()) << events.err;
+    EXPECT_EQ(0U, events.err.find("kelo-board: what happened before second ")) << events.err;
+    EXPECT_TRUE(has(events.err, loss));
+    EXPECT_TRUE(has(events.out, "mode      errora12\n"));
+    EXPECT_TRUE(has(events.out, "laser     -20\n"));
+    EXPECT_TRUE(has(events.out, "store     Kelo_Ipv6Status wanAddress \"2001:db8::1\"\n"));
+    EXPECT_TRUE(has(events.out, "store     Kelo_Ipv6Status wanAddressLen 64\n"));
+    EXPECT_FALSE(has(events.out, "laser     -18.5\n"));
+    EXPECT_LT(events.out.size(), 1100000U);
+    EXPECT_TRUE(has(on({"log"}).err, loss));
+    EXPECT_EQ("errora12", json({"status", "--json"})["mode"]);
+    EXPECT_EQ("-20", json({"status", "--json"})["laser"]);
+
+    succeeds({"expect", "mode", "errora12"});
+    succeeds({"expect", "leds", "010000"});
+    const Outcome counted = on({"expect", "omci", "1"});
+    EXPECT_EQ(1, counted.status);
+    EXPECT_EQ("kelo-board: what happened after the mark is no longer all kept (put a new one: "
+              "kelo-board mark)\n",
+              counted.err);
+    succeeds({"mark"});
+    succeeds({"expect", "omci", "0"});
+    succeeds({"stop"});
+    overflow();
+    EXPECT_EQ("0", json({"status", "--json"})["exit"]);
+}
+
+TEST_F(OnBoard, TheFileOfCallsStaysShortAndNoCallIsLost)
+{
+    std::string path = on({"path", "/board/calls"}).out;
+    path.pop_back();
+    for (int i = 0; i < 5000; i++) {
+        std::ofstream calls(path, std::ios::app);
+        calls << "omci " + std::string(1000, 'y') + "\n" << std::flush;
+    }
+    succeeds({"expect", "--within", "30s", "omci", "5000"});
+    EXPECT_LT(std::filesystem::file_size(path), 2000000U);
+}
+
+TEST_F(Forgetful, TellsAReaderWhoIsTooSlow)
+{
+    const std::string folder = "/tmp/kelo-slow-" + name;
+    ASSERT_TRUE(std::filesystem::create_directory(folder));
+    const std::string follow = std::string(KELO_BOARD_PROGRAM) + " -b " + name + " events -f 2> " +
+                               folder + "/said | { read begun; : > " + folder +
+                               "/begun; until [ -e " + folder +
+                               "/go ]; do sleep 0.05; done; cat > /dev/null; }";
+    const pid_t follower = kelo::spawn({"sh", "-c", follow}, {-1, -1, -1});
+    ASSERT_TRUE(within(30s, [&] { return std::filesystem::exists(folder + "/begun"); }));
+    overflow();
+    overflow();
+    overflow();
+    std::ofstream(folder + "/go");
+    EXPECT_TRUE(within(30s, [&] {
+        return kelo::readFile(folder + "/said")
+                   .find("kelo-board: the record was dropped before it was read\n") !=
+               std::string::npos;
+    }));
+    kb({"down", name});
+    kelo::waitFor(follower);
+    std::filesystem::remove_all(folder);
 }
 
 TEST_F(OnBoard, ExpectFailsWhenTheBoardEnds)
