@@ -23,7 +23,6 @@ public:
     Host &operator=(const Host &) = delete;
 
     const Board &board() const { return board_; }
-    ResetButton &button() { return button_; }
     Clock::time_point startTime() const { return startTime_; }
 
     /// Starts the daemon, whose clock runs at a multiple of the real one, and waits until its event

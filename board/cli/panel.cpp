@@ -1,21 +1,40 @@
 #include "panel/panel.h"
 
 #include "cli.h"
+#include "host.h"
 
 namespace kelo {
+
+namespace {
+
+int panelOf(const std::string &board, const std::vector<std::string> &daemonArguments)
+{
+    if (!findBoard(board)) {
+        const Host host(board);
+        panel::run(board, daemonArguments);
+    } else if (daemonArguments.empty()) {
+        panel::run(board, std::nullopt);
+    } else {
+        throw Failure("the board \"" + board + "\" runs already: --daemon-option is for a new one");
+    }
+    return 0;
+}
+
+} // namespace
 
 void addPanel(Cli &cli)
 {
     const auto arguments = std::make_shared<std::vector<std::string>>();
-    CLI::App *const command =
-        cli.add(runningGroup, "panel", "Start a board and show its front panel; ? lists the keys",
-                [&cli, arguments] {
-                    Host host(cli.board);
-                    panel::run(host, cli.board, *arguments);
-                    return 0;
-                });
-    command->add_option("name", cli.board, "Name of the new board");
-    command->add_option("--daemon-option", *arguments, "Option for the daemon: --daemon-option=-d");
+    CLI::App *const command = cli.add(runningGroup, "panel",
+                                      "Show a board's front panel, or that of a new board; ? lists "
+                                      "the keys",
+                                      [&cli, arguments] { return panelOf(cli.board, *arguments); });
+    command->add_option("NAME", cli.board, "Name of the board")->capture_default_str();
+    command
+        ->add_option("--daemon-option", *arguments,
+                     "Option for a new board's daemon: --daemon-option=-d")
+        ->type_name("OPTION");
+    cli.words[command] = runningBoards;
 }
 
 } // namespace kelo

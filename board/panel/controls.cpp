@@ -1,7 +1,6 @@
 #include "controls.h"
 
 #include "plot.h"
-#include "recording.h"
 #include "state.h"
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 namespace kelo::panel {
@@ -37,24 +37,26 @@ std::string toText(double power)
     return text;
 }
 
-std::string wanAddress(int number)
-{
-    return "2001:db8::" + std::to_string(number) + "/64";
-}
-
-std::string lanAddress(int number)
-{
-    return "2001:db8:1::" + std::to_string(number) + "/64";
-}
+constexpr char wanPrefix[] = "2001:db8::";
+constexpr char lanPrefix[] = "2001:db8:1::";
 
 std::string firstLine(const std::string &text)
 {
     return text.substr(0, text.find('\n'));
 }
 
+Access accessTo(const std::string &name)
+{
+    const std::optional<Place> place = findBoard(name);
+    if (!place)
+        throw BoardGone("the board \"" + name + "\" ended");
+    return Access(*place);
+}
+
 } // namespace
 
-Controls::Controls(Host &host) : host_(host), board_(host.board()), worker_(&Controls::work, this)
+Controls::Controls(const std::string &name)
+    : name_(name), board_(accessTo(name)), worker_(&Controls::work, this)
 {
 }
 
@@ -121,11 +123,11 @@ void Controls::turnLink(const std::string &gpon)
 void Controls::press()
 {
     later([this] {
-        host_.button().hold();
+        ask("hold");
         std::unique_lock lock(mutex_);
         changed_.wait_for(lock, pressTime, [this] { return ending_; });
         lock.unlock();
-        host_.button().release();
+        ask("release");
         return std::string("pressed the reset button and let go of it");
     });
 }
@@ -133,7 +135,7 @@ void Controls::press()
 void Controls::hold()
 {
     later([this] {
-        host_.button().hold();
+        ask("hold");
         return std::string("holding the reset button; r lets go of it");
     });
 }
@@ -141,51 +143,29 @@ void Controls::hold()
 void Controls::release()
 {
     later([this] {
-        host_.button().release();
+        ask("release");
         return std::string("let go of the reset button");
     });
 }
 
 void Controls::addWanAddress()
 {
-    later([this] {
-        const std::string address = wanAddress(wanAddresses_ + 1);
-        ip({"addr", "add", address, "dev", "nas0_0", "nodad"});
-        wanAddresses_++;
-        return "added " + address + " to nas0_0";
-    });
+    later([this] { return addAddress(wanPrefix, "nas0_0"); });
 }
 
 void Controls::removeWanAddress()
 {
-    later([this] {
-        if (wanAddresses_ == 0)
-            throw std::runtime_error("the panel added no address to nas0_0");
-        const std::string address = wanAddress(wanAddresses_--);
-        ip({"addr", "del", address, "dev", "nas0_0"});
-        return "removed " + address + " from nas0_0";
-    });
+    later([this] { return removeAddress(wanPrefix, "nas0_0"); });
 }
 
 void Controls::addLanAddress()
 {
-    later([this] {
-        const std::string address = lanAddress(lanAddresses_ + 1);
-        ip({"addr", "add", address, "dev", "br0", "nodad"});
-        lanAddresses_++;
-        return "added " + address + " to br0";
-    });
+    later([this] { return addAddress(lanPrefix, "br0"); });
 }
 
 void Controls::removeLanAddress()
 {
-    later([this] {
-        if (lanAddresses_ == 0)
-            throw std::runtime_error("the panel added no address to br0");
-        const std::string address = lanAddress(lanAddresses_--);
-        ip({"addr", "del", address, "dev", "br0"});
-        return "removed " + address + " from br0";
-    });
+    later([this] { return removeAddress(lanPrefix, "br0"); });
 }
 
 void Controls::addDefaultRoute()
@@ -210,7 +190,6 @@ void Controls::turnWanLink()
         const bool exists = board_.exec({"ip", "link", "show", "dev", "nas0_0"}).status == 0;
         if (exists) {
             ip({"link", "del", "nas0_0"});
-            wanAddresses_ = 0;
             return std::string("deleted the link nas0_0");
         }
         ip({"link", "add", "nas0_0", "type", "veth", "peer", "name", "nas0_0_end"});
@@ -232,7 +211,10 @@ void Controls::sendSignal(int number, const std::string &name)
 void Controls::startDaemon(const std::vector<std::string> &arguments)
 {
     later([this, arguments] {
-        host_.startDaemon(arguments);
+        std::string request = "start 1";
+        for (const std::string &argument : arguments)
+            request += " " + argument;
+        ask(request);
         return std::string("the daemon runs; ? lists the keys");
     });
 }
@@ -241,7 +223,7 @@ void Controls::restartDaemon()
 {
     later([this] {
         tell("restarting the daemon ...", false);
-        host_.restartDaemon();
+        ask("restart");
         return std::string("the daemon was restarted");
     });
 }
@@ -250,19 +232,20 @@ void Controls::saveRecording(const std::string &path)
 {
     later([this, path] {
         std::ofstream file(path, std::ios::trunc);
-        writeVcd(makeRecording(board_.events(), Clock::now()), file);
+        const auto [whole, remark] = recording();
+        writeVcd(whole, file);
         if (!file.flush())
             throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
-        return "saved the recording in " + path;
+        return "saved the recording in " + path + remark;
     });
 }
 
 void Controls::savePicture(const std::string &path)
 {
     later([this, path] {
-        const Recording recording = makeRecording(board_.events(), Clock::now());
-        kelo::savePicture(plot(recording, 0, recording.length), path);
-        return "saved a picture of the recording in " + path;
+        const auto [whole, remark] = recording();
+        kelo::savePicture(plot(whole, 0, whole.length), path);
+        return "saved a picture of the recording in " + path + remark;
     });
 }
 
@@ -337,6 +320,11 @@ void Controls::tell(const std::string &text, bool failure)
     message_ = Message{text, failure, Clock::now()};
 }
 
+void Controls::ask(const std::string &what) const
+{
+    request(name_, what);
+}
+
 void Controls::ip(const std::vector<std::string> &arguments) const
 {
     if (!board_.place().isolated)
@@ -346,6 +334,50 @@ void Controls::ip(const std::vector<std::string> &arguments) const
     const Result result = board_.exec(command);
     if (result.status != 0)
         throw std::runtime_error("ip: " + firstLine(result.output));
+}
+
+int Controls::lastAddress(const std::string &prefix, const std::string &interface) const
+{
+    std::istringstream words(board_.exec({"ip", "-6", "addr", "show", "dev", interface}).output);
+    int last = 0;
+    for (std::string word; words >> word;) {
+        int number;
+        int end = 0;
+        if (word.starts_with(prefix) &&
+            sscanf(word.c_str() + prefix.size(), "%d/64%n", &number, &end) == 1 && end > 0)
+            last = std::max(last, number);
+    }
+    return last;
+}
+
+std::string Controls::addAddress(const std::string &prefix, const std::string &interface) const
+{
+    const std::string address = prefix + std::to_string(lastAddress(prefix, interface) + 1) + "/64";
+    ip({"addr", "add", address, "dev", interface, "nodad"});
+    return "added " + address + " to " + interface;
+}
+
+std::string Controls::removeAddress(const std::string &prefix, const std::string &interface) const
+{
+    const int last = lastAddress(prefix, interface);
+    if (last == 0)
+        throw std::runtime_error("no panel added an address to " + interface);
+    const std::string address = prefix + std::to_string(last) + "/64";
+    ip({"addr", "del", address, "dev", interface});
+    return "removed " + address + " from " + interface;
+}
+
+std::pair<Recording, std::string> Controls::recording() const
+{
+    const Clock::time_point start = toTime(stateOf(name_)["start"]);
+    Clock::time_point from = start;
+    const std::vector<Event> events = eventsOf(name_, from);
+    std::string remark;
+    if (from > start) {
+        const double seconds = std::chrono::duration<double>(from - start).count();
+        remark = ", from second " + std::to_string(std::lround(seconds)) + " on";
+    }
+    return {makeRecording(events, Clock::now()), remark};
 }
 
 } // namespace kelo::panel

@@ -3,7 +3,8 @@
 
 #pragma once
 
-#include "host.h"
+#include "recording.h"
+#include "registry.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -24,7 +25,8 @@ struct Message {
 
 class Controls {
 public:
-    explicit Controls(Host &host);
+    /// Of the running board of this name. Throws BoardGone when there is none.
+    explicit Controls(const std::string &name);
     ~Controls();
     Controls(const Controls &) = delete;
     Controls &operator=(const Controls &) = delete;
@@ -63,24 +65,30 @@ public:
 
     std::optional<Message> message() const;
 
+    const Access &board() const { return board_; }
+
 private:
     /// Does something in the background; it returns what to tell, or throws.
     void later(std::function<std::string()> job);
     void work();
     void moveTraffic();
     void tell(const std::string &text, bool failure);
+    /// Has the program that runs the board do something.
+    void ask(const std::string &what) const;
     /// Changes the board's network.
     void ip(const std::vector<std::string> &arguments) const;
+    /// Addresses that a panel adds end in a number: the highest that an interface has, 0 if none.
+    int lastAddress(const std::string &prefix, const std::string &interface) const;
+    std::string addAddress(const std::string &prefix, const std::string &interface) const;
+    std::string removeAddress(const std::string &prefix, const std::string &interface) const;
+    /// What happened so far, and what to say of it beside.
+    std::pair<Recording, std::string> recording() const;
 
-    Host &host_;
-    const Board &board_;
+    const std::string name_;
+    const Access board_;
     std::string reading_ = "-18.5"; ///< before it was turned to none
     std::atomic<bool> traffic_{false};
     double trafficTime_ = 0;
-
-    // Of the addresses that the panel added; used in the background only.
-    int wanAddresses_ = 0;
-    int lanAddresses_ = 0;
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;

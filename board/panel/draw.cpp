@@ -384,9 +384,11 @@ private:
             return;
         }
         screen_.fill(row, 0, width_, " ", Colour::Title);
-        screen_.put(row, 0, width_,
-                    " ? help  0-8 mode  + - power  g link  h r button  t traffic  w a IPv6  q quit",
-                    Colour::Title);
+        screen_.put(
+            row, 0, width_,
+            std::string(" ? help  0-8 mode  + - power  g link  h r button  t traffic  w a IPv6") +
+                (view_.isOwn ? "  q quit" : "  q leave"),
+            Colour::Title);
     }
 
     void help()

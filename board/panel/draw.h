@@ -24,6 +24,7 @@ struct Help {
 /// What is to be seen beside the board itself.
 struct View {
     std::string board;
+    bool isOwn = true;       ///< it ends with the panel
     Clock::time_point start; ///< from which the log counts its times
     Clock::time_point now;
     std::optional<int> daemon; ///< its process

@@ -17,6 +17,7 @@ namespace kelo::panel {
 namespace {
 
 constexpr double POWER_STEP = 0.5;
+constexpr auto updateTime = std::chrono::milliseconds(100);
 constexpr auto processCheck = std::chrono::milliseconds(500);
 constexpr int ESCAPE = 27;
 
@@ -44,20 +45,25 @@ constexpr Signal terminationSignals[] = {{'t', SIGTERM, "TERM"},
 
 class Panel {
 public:
-    Panel(Host &host, const std::string &name, Controls &controls, Screen &screen)
-        : host_(host), name_(name), controls_(controls), screen_(screen)
+    Panel(const std::string &name, bool isOwn, Controls &controls, Screen &screen)
+        : name_(name), isOwn_(isOwn), start_(toTime(stateOf(name)["start"])),
+          record_(name, "watch " + toText(start_)), controls_(controls), screen_(screen)
     {
         addKeys();
     }
 
     void run()
     {
-        while (!interrupted && !quit_ && !host_.wantsDown() && !screen_.gone()) {
-            const int key = screen_.key();
-            if (key != ERR && key != KEY_RESIZE)
-                take(key);
-            update();
-            show();
+        try {
+            while (!interrupted && !quit_ && !screen_.gone()) {
+                const int key = screen_.key();
+                if (key != ERR && key != KEY_RESIZE)
+                    take(key);
+                update();
+                show();
+            }
+        } catch (const BoardGone &) {
+            // Somebody ended the board.
         }
     }
 
@@ -120,7 +126,8 @@ private:
         add('?', "?", "this list", [this] { helping_ = true; });
         add(KEY_F(1), nullptr, nullptr, [this] { helping_ = true; });
         add('L' - '@', "Ctrl-L", "draw anew", [] { clearok(curscr, TRUE); });
-        add('q', "q Ctrl-C", "end the board and the panel", [this] { quit_ = true; });
+        add('q', "q Ctrl-C", isOwn_ ? "end the board and the panel" : "leave; the board runs on",
+            [this] { quit_ = true; });
     }
 
     void take(int key)
@@ -196,9 +203,12 @@ private:
     void update()
     {
         const size_t loggedBefore = state_.logged;
-        for (const Event &event : host_.board().events(seen_)) {
-            seen_++;
-            state_.take(event);
+        // However much there is, it is to be seen soon.
+        const auto enough = Clock::now() + updateTime;
+        while (const auto line =
+                   Clock::now() < enough ? record_.line(Clock::now()) : std::nullopt) {
+            if (const std::optional<Event> event = fromLine(*line))
+                state_.take(*event);
         }
         // Who reads what was goes on reading it.
         const size_t fresh = std::min(state_.logged - loggedBefore, state_.log.size());
@@ -212,7 +222,7 @@ private:
         const auto now = Clock::now();
         if (now >= nextProcessCheck_) {
             nextProcessCheck_ = now + processCheck;
-            daemon_ = host_.board().daemon();
+            daemon_ = controls_.board().daemon();
         }
     }
 
@@ -220,7 +230,8 @@ private:
     {
         View view;
         view.board = name_;
-        view.start = host_.startTime();
+        view.isOwn = isOwn_;
+        view.start = start_;
         view.now = Clock::now();
         view.daemon = daemon_;
         view.traffic = controls_.traffic();
@@ -233,8 +244,10 @@ private:
         draw(screen_, state_, view);
     }
 
-    Host &host_;
     std::string name_;
+    bool isOwn_;
+    Clock::time_point start_;
+    Connection record_;
     Controls &controls_;
     Screen &screen_;
     State state_;
@@ -243,7 +256,6 @@ private:
     std::optional<Prompt> prompt_;
     std::optional<pid_t> daemon_;
     Clock::time_point nextProcessCheck_;
-    size_t seen_ = 0;
     int scroll_ = 0;
     bool largeLog_ = false;
     bool helping_ = false;
@@ -252,7 +264,7 @@ private:
 
 } // namespace
 
-void run(Host &host, const std::string &name, const std::vector<std::string> &daemonArguments)
+void run(const std::string &name, const std::optional<std::vector<std::string>> &daemonArguments)
 {
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         if (signal(number, [](int) { interrupted = true; }) == SIG_IGN)
@@ -260,10 +272,11 @@ void run(Host &host, const std::string &name, const std::vector<std::string> &da
     }
     signal(SIGPIPE, SIG_IGN);
     // The terminal is given back before anything that may take a moment.
-    Controls controls(host);
+    Controls controls(name);
     Screen screen;
-    controls.startDaemon(daemonArguments);
-    Panel(host, name, controls, screen).run();
+    if (daemonArguments)
+        controls.startDaemon(*daemonArguments);
+    Panel(name, daemonArguments.has_value(), controls, screen).run();
 }
 
 } // namespace kelo::panel

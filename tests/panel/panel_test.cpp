@@ -159,7 +159,7 @@ TEST_F(PanelTest, KeysChangeTheNetwork)
     EXPECT_TRUE(shows("removed 2001:db8:1::1/64 from br0"));
     EXPECT_TRUE(shows("LAN address  \"\"/0"));
     key("A");
-    EXPECT_TRUE(shows("FAILED: the panel added no address to br0"));
+    EXPECT_TRUE(shows("FAILED: no panel added an address to br0"));
     key("D");
     EXPECT_TRUE(shows("removed the default route"));
     key("D");
@@ -490,13 +490,116 @@ TEST_F(PanelTest, SaysWhatATerminalLacks)
               result.output);
 }
 
-TEST_F(PanelTest, TakenNameIsSaid)
+/// The panel of a board that runs already.
+class AttachedPanel : public PanelTest {
+protected:
+    void SetUp() override
+    {
+        PanelTest::SetUp();
+        ASSERT_EQ(0, command({"up", "--detach"}).status);
+        ASSERT_EQ(0, command({"mode", "errora12"}).status);
+        ASSERT_EQ(0,
+                  command({"ip", "-6", "addr", "add", "2001:db8::1/64", "dev", "nas0_0", "nodad"})
+                      .status);
+        ASSERT_EQ(0, command({"expect", "store", "wanAddressLen", "64"}).status);
+        open();
+        ASSERT_TRUE(shows("running, process [0-9]+"));
+    }
+    void TearDown() override { command({"down"}); }
+};
+
+TEST_F(AttachedPanel, ShowsTheBoardAndItsPast)
 {
-    openAndWait();
-    EXPECT_TRUE(shows("GPIO 6"));
-    const kelo::Result result = command({"panel", board});
+    for (const char *const pattern :
+         {"off +ON +off +off +off +off", "Mode +errora12 \\(4\\) for", "-18.5 dBm: level 2",
+          "Link  up \\(GPON state 5\\)", "WAN address  2001:db8::1/64", "lan1 +0 +0 +wan +0 +0",
+          "New IPv6 address 2001:db8::1/64", "q leave"})
+        EXPECT_TRUE(shows(pattern));
+    key("Home");
+    EXPECT_TRUE(shows("0\\.[0-9]+ switch display mode 0 -> 1 \\[display.cpp:"));
+    key("?");
+    EXPECT_TRUE(shows("leave; the board runs on"));
+}
+
+TEST_F(AttachedPanel, ItsKeysDriveTheBoard)
+{
+    key("5");
+    EXPECT_TRUE(shows("Mode +locateme"));
+    EXPECT_EQ("locateme\n", command({"mode"}).output);
+    key("+");
+    EXPECT_TRUE(shows("-18.0 dBm"));
+    key("t");
+    EXPECT_TRUE(shows("wan +[0-9.]+M"));
+    key("w");
+    EXPECT_TRUE(shows("WAN address  2001:db8::2/64"));
+    key("W");
+    EXPECT_TRUE(shows("removed 2001:db8::2/64"));
+    key("W");
+    EXPECT_TRUE(shows("removed 2001:db8::1/64"));
+    key("h");
+    EXPECT_TRUE(shows("HELD, value 1"));
+    EXPECT_TRUE(shows("HELD, value 2"));
+    key("r");
+    EXPECT_TRUE(shows("REBOOTED"));
+    key("s");
+    key("t");
+    EXPECT_TRUE(shows("ENDED with exit status 0"));
+    key("R");
+    EXPECT_TRUE(shows("the daemon was restarted"));
+    EXPECT_TRUE(shows("Mode +signal"));
+    key("v");
+    key("C-u");
+    terminal->keys({"-l", "my.vcd"});
+    key("Enter");
+    EXPECT_TRUE(shows("saved the recording in my.vcd"));
+    EXPECT_NE(std::string::npos, kelo::readFile(terminal->folder() + "/my.vcd").find("reboot"));
+}
+
+TEST_F(AttachedPanel, LeavesTheBoardRunning)
+{
+    const pid_t host = process();
+    for (const char *const way : {"q", "C-c"}) {
+        key(way);
+        EXPECT_TRUE(shows("status 0\n.*same"));
+        EXPECT_EQ("0", terminal->ask("#{alternate_on}"));
+        EXPECT_EQ("errora12\n", command({"mode"}).output);
+        EXPECT_EQ(host, process());
+        open();
+        ASSERT_TRUE(shows("Mode +errora12"));
+    }
+}
+
+TEST_F(AttachedPanel, EndsWithTheBoard)
+{
+    EXPECT_EQ(0, command({"down"}).status);
+    EXPECT_TRUE(shows("status 0"));
+    expectTerminalBack();
+}
+
+TEST_F(AttachedPanel, EndsWithABoardThatIsKilled)
+{
+    kill(process(), SIGKILL);
+    EXPECT_TRUE(shows("status 0"));
+    expectTerminalBack();
+}
+
+TEST_F(AttachedPanel, TakesNoOptionsForTheDaemon)
+{
+    const kelo::Result result = command({"panel", "--daemon-option=-d"});
     EXPECT_EQ(1, result.status);
-    EXPECT_NE(std::string::npos, result.output.find(board)) << result.output;
+    EXPECT_EQ("kelo-board: the board \"" + board +
+                  "\" runs already: --daemon-option is for a new one\n",
+              result.output);
+}
+
+TEST_F(AttachedPanel, TwoShowTheSame)
+{
+    Terminal other(100, 30);
+    other.type(std::string("env LC_ALL=C.UTF-8 ") + KELO_BOARD_PROGRAM + " panel " + board);
+    EXPECT_TRUE(other.shows("Mode +errora12"));
+    other.keys({"5"});
+    EXPECT_TRUE(other.shows("Mode +locateme"));
+    EXPECT_TRUE(shows("Mode +locateme"));
 }
 
 } // namespace
