@@ -25,11 +25,10 @@ int panelOf(const std::string &board, const std::vector<std::string> &daemonArgu
 void addPanel(Cli &cli)
 {
     const auto arguments = std::make_shared<std::vector<std::string>>();
-    CLI::App *const command = cli.add(runningGroup, "panel",
-                                      "Show a board's front panel, or that of a new board; ? lists "
-                                      "the keys",
+    CLI::App *const command = cli.add(runningGroup, "panel", "Show a front panel; ? lists its keys",
                                       [&cli, arguments] { return panelOf(cli.board, *arguments); });
-    command->add_option("NAME", cli.board, "Name of the board")->capture_default_str();
+    command->add_option("NAME", cli.board, "Name of the board; a new one if it does not run")
+        ->capture_default_str();
     command
         ->add_option("--daemon-option", *arguments,
                      "Option for a new board's daemon: --daemon-option=-d")

@@ -19,9 +19,12 @@ protected:
     kelo::Pipe output = kelo::makePipe();
     pid_t program = -1;
 
+    /// Runs a board that ends with this test, however that ends.
     void up(std::vector<std::string> prefix = {})
     {
-        prefix.insert(prefix.end(), {KELO_BOARD_PROGRAM, "up", name});
+        // Last: the kernel forgets it where the prefix changes the user.
+        prefix.insert(prefix.end(),
+                      {"setpriv", "--pdeathsig", "KILL", KELO_BOARD_PROGRAM, "up", name});
         program = kelo::spawnApart(prefix, {-1, output.write.get(), output.write.get()});
         output.write.reset();
     }
