@@ -102,6 +102,23 @@ size_t waitForSwitch(const Board &board, size_t from)
     return place + 1;
 }
 
+/// Waits for the bar, which comes from the loop: with the loop the pipe is read. The dark frame
+/// from before the loop, and before the pipe, may be read late and does not count.
+void waitForBar(const Board &board, size_t from)
+{
+    const bool seen = board.waitUntil(
+        [&](const Events &events) {
+            return std::any_of(events.begin() + static_cast<ptrdiff_t>(from), events.end(),
+                               [](const Event &event) {
+                                   return event.kind == EventKind::Leds &&
+                                          event.text == signalFrame;
+                               });
+        },
+        deadline);
+    if (!seen)
+        throw std::runtime_error("the daemon draws nothing");
+}
+
 /// How many frames from a place on the pattern takes before it begins again; 0 when it never does.
 size_t periodOf(const Events &frames, size_t from)
 {
@@ -137,9 +154,7 @@ Pattern recordOne(const Case &one)
     if (!one.keyword) {
         waitForFrames(board, from, one.frames);
     } else {
-        // The first drawing comes from the loop, and with the loop the pipe is read.
-        if (waitForFrames(board, from, 1).empty())
-            throw std::runtime_error("the daemon draws nothing");
+        waitForBar(board, from);
         const size_t before = board.mark();
         board.writeKeyword(one.keyword);
         from = waitForSwitch(board, before);
