@@ -116,11 +116,12 @@ private:
 
     void tooSmall()
     {
-        const std::string text = format("The panel needs %dx%d, this window is %dx%d.", MIN_COLUMNS,
-                                        MIN_ROWS, width_, screen_.rows());
-        const int row = screen_.rows() / 2;
-        screen_.put(std::max(0, row - 1), 0, width_, text, Colour::Warning);
-        screen_.put(row, 0, width_, "Make it larger, or q to quit.");
+        const int row = std::max(0, screen_.rows() / 2 - 1);
+        screen_.put(row, 0, width_, format("The panel needs %dx%d,", MIN_COLUMNS, MIN_ROWS),
+                    Colour::Warning);
+        screen_.put(row + 1, 0, width_, format("this window is %dx%d.", width_, screen_.rows()),
+                    Colour::Warning);
+        screen_.put(row + 2, 0, width_, "Make it larger, or q to quit.");
     }
 
     void title()
