@@ -16,6 +16,7 @@ namespace {
 constexpr auto deadline = std::chrono::seconds(60);
 constexpr auto longestTick = std::chrono::seconds(6); // and then some
 constexpr size_t BOARDS_AT_ONCE = 7;
+constexpr char darkFrame[] = "000000";   ///< before the first mode
 constexpr char signalFrame[] = "110000"; ///< of the power that boards start with
 
 struct Case {
@@ -84,24 +85,6 @@ Events waitForFrames(const Board &board, size_t from, size_t wanted)
     }
 }
 
-/// The place in the record behind the switch to a display mode.
-size_t waitForSwitch(const Board &board, size_t from)
-{
-    size_t place = 0;
-    const bool seen = board.waitUntil(
-        [&](const Events &events) {
-            for (place = from; place < events.size(); place++) {
-                if (events[place].kind == EventKind::Mode)
-                    return true;
-            }
-            return false;
-        },
-        deadline);
-    if (!seen)
-        throw std::runtime_error("the daemon did not switch its display mode");
-    return place + 1;
-}
-
 /// Waits for the bar, which comes from the loop: with the loop the pipe is read. The dark frame
 /// from before the loop, and before the pipe, may be read late and does not count.
 void waitForBar(const Board &board, size_t from)
@@ -150,22 +133,18 @@ Pattern recordOne(const Case &one)
     board.setGpon(one.gpon);
     size_t from = board.mark();
     board.startDaemon();
-    from = waitForSwitch(board, from);
-    if (!one.keyword) {
-        waitForFrames(board, from, one.frames);
-    } else {
+    if (one.keyword) {
         waitForBar(board, from);
-        const size_t before = board.mark();
+        from = board.mark();
         board.writeKeyword(one.keyword);
-        from = waitForSwitch(board, before);
     }
-    Events frames = waitForFrames(board, from, one.frames);
+    // One frame more, as the first may be what was drawn before.
+    Events frames = waitForFrames(board, from, one.frames + 1);
+    const char *const before = one.keyword ? signalFrame : darkFrame;
+    while (!frames.empty() && frames[0].text == before)
+        frames.erase(frames.begin());
 
     Pattern pattern{one.group, one.title, 0, {}, 0};
-    // Frames that were drawn just before the switch may be read just after it.
-    while (frames.size() > 1 && (one.keyword ? frames[0].text == signalFrame
-                                             : frames[0].text != frames[2 % frames.size()].text))
-        frames.erase(frames.begin());
     if (one.frames == ALL) {
         const auto end = std::find_if(frames.begin(), frames.end(),
                                       [](const Event &frame) { return frame.text == signalFrame; });
