@@ -89,7 +89,7 @@ std::string modeNumber(const std::string &name)
     int number;
     if (CLI::detail::lexical_cast(name, number))
         return std::to_string(number);
-    throw UsageError("no display mode: \"" + name + "\"");
+    throw UsageError("no display mode: \"" + name + "\" (kelo-board mode --help lists them)");
 }
 
 unsigned long long toNumber(const std::string &text)
@@ -98,7 +98,7 @@ unsigned long long toNumber(const std::string &text)
     const char *const end = text.data() + text.size();
     const auto result = std::from_chars(text.data(), end, number);
     if (result.ec != std::errc() || result.ptr != end)
-        throw UsageError("no number: \"" + text + "\"");
+        throw UsageError("no count: \"" + text + "\" (0 to 18446744073709551615)");
     return number;
 }
 

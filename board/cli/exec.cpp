@@ -44,7 +44,8 @@ void addExec(Cli &cli)
             return runInside(board, *command);
         });
     ip->add_option("ARGUMENT", *command, "What ip is given")->required();
-    ip->footer("For example: kelo-board ip -6 addr add 2001:db8::1/64 dev nas0_0");
+    ip->footer("nas0_0 and ppp0 are the WAN, br0 is the LAN with the port lan1.\n"
+               "For example: kelo-board ip -6 addr add 2001:db8::1/64 dev nas0_0");
 }
 
 void addDaemon(Cli &cli)

@@ -5,6 +5,7 @@
 #include "blink.h"
 #include "waveform.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace kelo {
@@ -13,6 +14,10 @@ namespace {
 
 constexpr auto shownBefore = std::chrono::seconds(8);
 constexpr char statusNode[] = "Kelo_Ipv6Status";
+constexpr const char *attributes[] = {"lanAddress", "lanAddressLen", "wanAddress", "wanAddressLen",
+                                      "wanGateway"};
+constexpr const char *functions[] = {"reboot", "restoreDefaultBg", "getLaserInfo", "getGponState",
+                                     "getPortBytes"};
 
 struct Options {
     std::string within = "5s";
@@ -67,13 +72,22 @@ std::string joined(const std::vector<std::string> &words, const char *separator 
 {
     std::string text;
     for (const std::string &word : words)
-        text += (text.empty() ? "" : separator) + word;
+        text += (text.empty() || word.empty() ? "" : separator) + word;
     return text;
 }
 
 std::string orNothing(const std::string &text)
 {
     return text.empty() ? "nothing" : text;
+}
+
+/// Refuses a name that nothing could ever hold.
+template <size_t N>
+void checkName(const char *what, const std::string &name, const char *const (&known)[N])
+{
+    if (std::find(std::begin(known), std::end(known), name) == std::end(known))
+        throw UsageError(std::string("no ") + what + ": \"" + name + "\" (" +
+                         joined({std::begin(known), std::end(known)}, ", ") + ")");
 }
 
 void checkPattern(const std::string &pattern)
@@ -114,6 +128,7 @@ Condition logHas(const std::string &text)
 
 Condition storeHas(const std::string &attribute, const std::string &value)
 {
+    checkName("attribute", attribute, attributes);
     const auto stored = [=](const View &view) { return view.board.stored(statusNode, attribute); };
     return {"store " + attribute + " \"" + value + "\"",
             [=](const View &view) { return stored(view) == value; },
@@ -183,6 +198,7 @@ Condition snapshotShows(const std::string &name, const std::string &value)
 Condition calls(const std::string &function)
 {
     const std::string name = function.starts_with("syscfg_") ? function : "syscfg_" + function;
+    checkName("call", name.substr(7, name.find(' ') - 7), functions);
     return {"calls " + function,
             [=](const View &view) {
                 for (const std::string &call : view.marked(EventKind::Call)) {
@@ -243,12 +259,32 @@ Beat toBeat(const std::string &cycle, const std::vector<std::string> &words)
     return beat;
 }
 
+/// The cycle that LED patterns go through, as a person would ask for it; empty when there is none.
+std::string cycleOf(const std::vector<Event> &frames)
+{
+    for (size_t length = 2; 2 * length <= frames.size(); length++) {
+        bool repeats = true;
+        std::vector<std::string> cycle;
+        for (size_t i = 0; i + length < frames.size(); i++)
+            repeats &= frames[i].text == frames[i + length].text;
+        for (size_t i = 0; i < length; i++)
+            cycle.push_back(frames[i].text);
+        const auto period = std::chrono::round<std::chrono::milliseconds>(
+            (frames.back().time - frames[frames.size() - 1 - length].time));
+        if (repeats)
+            return "blink " + joined(cycle, "/") + " period " + std::to_string(period.count()) +
+                   "ms";
+    }
+    return "";
+}
+
 Condition blinks(const Options &options)
 {
     const Beat beat = toBeat(options.words[0], options.beat);
     struct Watching {
         std::optional<BeatWatch> watch;
         size_t seen = 0;
+        std::vector<Event> frames{};
     };
     const auto watching = std::make_shared<Watching>();
     return {joined({"blink", options.words[0], joined(options.beat)}),
@@ -259,12 +295,19 @@ Condition blinks(const Options &options)
                 }
                 for (; watching->seen < view.events.size(); watching->seen++) {
                     const Event &event = view.events[watching->seen];
-                    if (event.kind == EventKind::Leds)
-                        watching->watch->see(event.time, event.text);
+                    if (event.kind != EventKind::Leds)
+                        continue;
+                    watching->watch->see(event.time, event.text);
+                    if (watching->frames.empty() || watching->frames.back().text != event.text)
+                        watching->frames.push_back(event);
                 }
                 return watching->watch->kept();
             },
-            [](const View &) { return "the LEDs below"; }, beat.length};
+            [=](const View &) {
+                const std::string cycle = cycleOf(watching->frames);
+                return cycle.empty() ? "the LEDs below" : cycle;
+            },
+            beat.length};
 }
 
 /// Waits until the condition holds, for as long as it has to; gives whether it did.
@@ -381,13 +424,14 @@ void addExpect(Cli &cli)
         cli.app.add_subcommand("expect", "Wait until something holds, or say what there was");
     command->group(testGroup);
     command->require_subcommand(1);
-    command->add_option("--within", options->within, "Deadline")
+    command->add_option("--within", options->within, "Until when it has to begin")
         ->type_name("TIME")
         ->capture_default_str();
     command->add_option("--for", options->length, "How long it has to hold")
         ->type_name("TIME")
         ->capture_default_str();
-    command->add_flag("--not", options->negate, "Wait until it does not hold");
+    command->add_flag("--not", options->negate,
+                      "Wait until it does not hold; with --for, for that long");
     command->footer("TIME is 3, 1.5s, 250ms or 2m. The mark is the daemon's start, or later where\n"
                     "kelo-board mark put it.");
     for (const Kind &kind : kinds()) {

@@ -1,5 +1,6 @@
 #include "cli.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace kelo {
@@ -43,7 +44,9 @@ int press(const std::string &board, const std::string &time)
 {
     const Clock::duration duration = toDuration(time);
     request(board, "hold");
-    letPass(board, duration);
+    // Let go before the value grows once more, which it does every second.
+    letPass(board,
+            duration - std::min<Clock::duration>(duration / 10, std::chrono::milliseconds(100)));
     request(board, "release");
     return 0;
 }
@@ -107,16 +110,23 @@ void addSet(Cli &cli)
 
 void addButton(Cli &cli)
 {
+    constexpr char effect[] =
+        "Let go of before its value is 5, the button reboots the device; at 5 it\n"
+        "restores the defaults. Either way the daemon looks at it no more, as on a\n"
+        "device that is about to go down: kelo-board restart starts it afresh.";
     const auto time = std::make_shared<std::string>("2s");
-    cli.add(hardwareGroup, "press", "Press the reset button and let go of it",
-            [&cli, time] { return press(cli.board, *time); })
-        ->add_option("TIME", *time, "How long; the daemon looks once a second")
+    CLI::App *const pressCommand =
+        cli.add(hardwareGroup, "press", "Press the reset button and let go of it",
+                [&cli, time] { return press(cli.board, *time); });
+    pressCommand->add_option("TIME", *time, "How long; the daemon looks once a second")
         ->capture_default_str();
+    pressCommand->footer(effect);
     cli.add(hardwareGroup, "hold", "Hold the reset button down; its value grows every second",
             [&cli] {
                 request(cli.board, "hold");
                 return 0;
-            });
+            })
+        ->footer(effect);
     cli.add(hardwareGroup, "release", "Let go of the reset button", [&cli] {
         request(cli.board, "release");
         return 0;
@@ -131,13 +141,23 @@ void addMode(Cli &cli)
                 [&cli, keyword] {
                     if (keyword->empty())
                         puts(modeName(stateOf(cli.board)["mode"]).c_str());
+                    else if (stateOf(cli.board)["daemon"] == "0")
+                        throw Failure("the daemon does not run (kelo-board start)");
                     else
                         cli.running().writeKeyword(*keyword);
                     return 0;
                 });
     command->add_option("KEYWORD", *keyword, "One of those below, or any text");
-    command->footer("Keywords: none, signal, reboot, restore, errora12, locateme, ledtest,\n"
-                    "facttest, facttesterr");
+    command->footer("Keywords:\n"
+                    "  none         all LEDs off\n"
+                    "  signal       received power as a bar, blinking while the link is down\n"
+                    "  reboot       about to reboot\n"
+                    "  restore      restoring the defaults\n"
+                    "  errora12     a steady light\n"
+                    "  locateme     halves in turn for 30 s, then signal again\n"
+                    "  ledtest      all on and all off\n"
+                    "  facttest     factory test\n"
+                    "  facttesterr  factory test failed");
     cli.words[command] = modeKeywords;
 }
 

@@ -153,9 +153,9 @@ const BadUse badUses[] = {
     {"ButtonWord", {"set", "button", "down"}, "VALUE = down"},
     {"PortName", {"set", "port", "lan9", "1", "2"}, "no port: \"lan9\""},
     {"PortNumber", {"set", "port", "0", "1", "2"}, "no port: \"0\""},
-    {"PortCount", {"set", "port", "lan1", "-1"}, "no number: \"-1\""},
-    {"PortRange", {"set", "port", "lan1", "18446744073709551616"}, "no number"},
-    {"PortSecond", {"set", "port", "lan1", "1", "x"}, "no number: \"x\""},
+    {"PortCount", {"set", "port", "lan1", "-1"}, "no count: \"-1\""},
+    {"PortRange", {"set", "port", "lan1", "18446744073709551616"}, "no count"},
+    {"PortSecond", {"set", "port", "lan1", "1", "x"}, "no count: \"x\""},
     {"PressTime", {"press", "long"}, "no length of time: \"long\""},
     {"WaitUnit", {"wait", "3h"}, "no length of time: \"3h\""},
     {"WaitNegative", {"wait", "--", "-1"}, "no length of time: \"-1\""},
@@ -173,11 +173,13 @@ const BadUse badUses[] = {
     {"ExpectUnknown", {"expect", "noise"}, "unknown command: noise"},
     {"ExpectPattern", {"expect", "leds", "11"}, "no LED pattern: \"11\""},
     {"ExpectMode", {"expect", "mode", "disco"}, "no display mode: \"disco\""},
-    {"ExpectCount", {"expect", "omci", "-1"}, "no number: \"-1\""},
+    {"ExpectAttribute", {"expect", "store", "wanAdress", "x"}, "no attribute: \"wanAdress\""},
+    {"ExpectCall", {"expect", "calls", "Reboot"}, "no call: \"Reboot\""},
+    {"ExpectCount", {"expect", "omci", "-1"}, "no count: \"-1\""},
     {"ExpectField", {"expect", "snapshot", "lan1.up", "3"}, "no snapshot field: \"lan1.up\""},
     {"ExpectPort", {"expect", "snapshot", "lan9.in", "3"}, "no port: \"lan9\""},
-    {"ExpectValue", {"expect", "snapshot", "lan1.in", "many"}, "no number: \"many\""},
-    {"ExpectStatus", {"expect", "exit", "well"}, "no number: \"well\""},
+    {"ExpectValue", {"expect", "snapshot", "lan1.in", "many"}, "no count: \"many\""},
+    {"ExpectStatus", {"expect", "exit", "well"}, "no count: \"well\""},
     {"ExpectDeadline", {"expect", "--within", "soon", "mode", "none"}, "\"soon\""},
     {"ExpectFor", {"expect", "--for", "ever", "mode", "none"}, "\"ever\""},
     {"BlinkOne", {"expect", "blink", "000000"}, "two patterns at least"},
@@ -489,13 +491,35 @@ TEST_F(OnBoard, CommandsSayWhatTheBoardCannotDo)
     fails({"store", "colour"}, "the store has no \"colour\"");
     fails({"start"}, "the daemon runs already");
     succeeds({"stop"});
-    fails({"mode", "signal"}, "cannot write into the display pipe");
+    fails({"mode", "signal"}, "the daemon does not run (kelo-board start)");
     fails({"signal", "TERM"}, "the daemon does not run");
     fails({"burst"}, "the daemon does not run");
     EXPECT_EQ("ended", json({"status", "--json"})["daemon"]);
     succeeds({"start"});
     EXPECT_EQ(3, on({"exec", "sh", "-c", "exit 3"}).status);
     EXPECT_EQ(127, on({"exec", "/nonexistent"}).status);
+}
+
+TEST_F(OnBoard, ExpectNamesTheCycleThatItSawInstead)
+{
+    succeeds({"mode", "ledtest"}); // too slow to be seen twice
+    EXPECT_TRUE(has(on({"expect", "--within", "100ms", "blink", "111000/000111"}).err,
+                    "saw the LEDs below"));
+    succeeds({"mode", "locateme"});
+    succeeds({"expect", "mode", "locateme"});
+    const Outcome outcome = on({"expect", "--within", "500ms", "blink", "111000/000111"});
+    EXPECT_EQ(1, outcome.status);
+    const std::string saw = linesOf(outcome.err).at(0);
+    EXPECT_TRUE(has(saw, "expected blink 111000/000111 within 500ms, saw blink "));
+    EXPECT_TRUE(has(saw, "111000/000000/000111") || has(saw, "000111/000000/111000")) << saw;
+}
+
+TEST_F(OnBoard, PressLetsGoBeforeTheValueGrowsOnceMore)
+{
+    succeeds({"press", "2s"});
+    const std::string events = on({"events"}).out;
+    EXPECT_TRUE(has(events, "button    2\n"));
+    EXPECT_FALSE(has(events, "button    3\n"));
 }
 
 TEST_F(OnBoard, PathLeadsToTheBoardsFiles)
