@@ -66,7 +66,7 @@ def goals(results):
          "Nothing."),
         ("latency from kernel event to log line", "raw calls on epoll", 1.1,
          results["latency"]["to floor"],
-         "libevent's loop, and three formatting calls for a record where one would do. "
+         "libevent's loop, and two formatting calls for a record where one would do. "
          f"Beside `ip monitor address` it is {results['latency']['to ip monitor']:.2f}: that keeps "
          "a cache of names, where each new address here asks the kernel twice."),
         ("CPU of an address event, ignored interface", "raw calls on epoll", 1.1,
@@ -132,7 +132,7 @@ jobs is `event_floor.cpp`, that of the messages `floor.cpp`.
         lines.append((job, number(instructions["daemon"][job]), number(floor[job]),
                       ratio(instructions["daemon"][job], floor[job])))
     parts += [table(("job", "daemon", "floor", "ratio"), lines), """
-The daemon clears what the last message left in its receive buffer. A record of its log takes three
+The daemon clears what the last message left in its receive buffer. A record of its log takes two
 formatting calls, one is enough for the floor's. The button's value is read by `fscanf`, a stream and
 a number parser for one digit; the floor reads into a buffer. Heap calls of a new address: """ + (
         ", ".join(f"{count:.0f} `{function}`" for (_, function), count in
