@@ -24,7 +24,6 @@ def run(*command, **options):
 
 def enter():
     """Turns the fresh namespaces that this process was started in into a device."""
-    run("mount", "--make-rprivate", "/")
     run("mount", "-t", "proc", "proc", REAL)
     run("mount", "-t", "tmpfs", "proc", "/proc")
     for entry in REAL.iterdir():
@@ -52,7 +51,7 @@ class Program:
 
     def __init__(self, command, listen=None, own_run=False, **environment):
         if own_run:
-            command = ["unshare", "--mount", "sh", "-c",
+            command = ["unshare", "--mount", "--propagation", "unchanged", "sh", "-c",
                        'mount -t tmpfs run /run && exec "$@"', "sh", *command]
         out = {1: subprocess.DEVNULL, 2: subprocess.DEVNULL}
         if listen:

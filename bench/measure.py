@@ -364,7 +364,7 @@ def peer_commands():
     (state / "collectd.conf").write_text(
         f'BaseDir "{state}"\nPIDFile "{state}/collectd.pid"\n'
         f'PluginDir "{root}/usr/lib/collectd"\nTypesDB "{root}/usr/share/collectd/types.db"\n'
-        f'Interval 1\nLoadPlugin interface\nLoadPlugin csv\n'
+        f'FQDNLookup false\nInterval 1\nLoadPlugin interface\nLoadPlugin csv\n'
         f'<Plugin csv>\nDataDir "{state}/csv"\n</Plugin>\n')
     (state / "triggers/button.conf").write_text("KEY_RESTART 1 /bin/true\n")
     (state / "leds.sh").write_text(
@@ -388,7 +388,8 @@ def peer_commands():
 def measure_beside():
     """A minute in which everything runs at the same time and an address comes or goes every second:
     memory, wakeups and CPU of each."""
-    libraries = {"LD_LIBRARY_PATH": str(next((build / "bench/peers/usr/lib").glob("*-linux-gnu")))}
+    folders = (build / "bench/peers").glob("**/lib/*-linux-gnu")
+    libraries = {"LD_LIBRARY_PATH": ":".join(map(str, folders))}
     programs = {name: start(name, listen=None, own_run=True)
                 for name in ("daemon", "floor", "event_floor", "empty")}
     for name, command in peer_commands().items():
