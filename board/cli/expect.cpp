@@ -14,8 +14,6 @@ namespace {
 
 constexpr auto shownBefore = std::chrono::seconds(8);
 constexpr char statusNode[] = "Kelo_Ipv6Status";
-constexpr const char *attributes[] = {"lanAddress", "lanAddressLen", "wanAddress", "wanAddressLen",
-                                      "wanGateway"};
 constexpr const char *functions[] = {"reboot", "restoreDefaultBg", "getLaserInfo", "getGponState",
                                      "getPortBytes"};
 
@@ -128,7 +126,7 @@ Condition logHas(const std::string &text)
 
 Condition storeHas(const std::string &attribute, const std::string &value)
 {
-    checkName("attribute", attribute, attributes);
+    checkName("attribute", attribute, storeAttributes);
     const auto stored = [=](const View &view) { return view.board.stored(statusNode, attribute); };
     return {"store " + attribute + " \"" + value + "\"",
             [=](const View &view) { return stored(view) == value; },

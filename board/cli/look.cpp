@@ -168,8 +168,7 @@ void addLook(Cli &cli)
     storeCommand->add_option("ATTRIBUTE", options->attribute,
                              "Only this one, for example wanAddress");
     cli.words[storeCommand] = [] {
-        return std::vector<std::string>{"lanAddress", "lanAddressLen", "wanAddress",
-                                        "wanAddressLen", "wanGateway"};
+        return std::vector<std::string>(std::begin(storeAttributes), std::end(storeAttributes));
     };
     CLI::App *const snapshotCommand = cli.add(
         lookGroup, "snapshot", "Print the port counter snapshot", [&cli] { return snapshot(cli); });
