@@ -6,9 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 
@@ -42,15 +40,15 @@ void notifyOmci()
 
 int platform_ledSet(uint8_t gpio, uint8_t on)
 {
-    // What fopen(3) does for "w", without a stream's allocation on every LED of every tick.
-    const int fd = open(gpioPath, O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    if (fd < 0)
+    FILE *const file = fopen(gpioPath, "w");
+    if (!file)
         return 0;
-    char command[sizeof "active 255 1\n"];
-    // The LEDs are active-low.
-    const int length = snprintf(command, sizeof command, "active %d %d\n", gpio, on ? 0 : 1);
-    ignoreResult(write(fd, command, static_cast<size_t>(length)));
-    close(fd);
+    // The driver takes one write as one command, and glibc writes in pieces where the buffer has
+    // less than 128 bytes.
+    char buffer[128];
+    setvbuf(file, buffer, _IOFBF, sizeof buffer);
+    fprintf(file, "active %d %d\n", gpio, on ? 0 : 1); // the LEDs are active-low
+    fclose(file);
     return 0;
 }
 

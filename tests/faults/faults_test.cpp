@@ -274,8 +274,8 @@ constexpr char noPipe[] = "Failed to create fifo \"/var/run/kelo-monitord.displa
 // The first that fits counts.
 constexpr Reaction reactions[] = {
     // An LED keeps its state until the next tick; without /proc no word is said.
-    {"open", gpioPath, nullptr, Leds, 1, 1},
-    {"write", gpioPath, nullptr, Leds, 1, 1},
+    {"fopen", gpioPath, nullptr, Leds, 1, 1},
+    {"fwrite", gpioPath, nullptr, Leds, 1, 1},
     {"open", pipePath, "Failed to open socket \"/var/run/kelo-monitord.display\"\n", Display | Leds,
      never, anyNumber, anyNumber},
     // The pipe is opened again and what waits in it read then.
@@ -634,11 +634,11 @@ TEST_P(EveryCall, FailsInTurnAndAllElseGoesOn)
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, EveryCall,
-                         testing::Values("open", "read", "write", "close", "rename", "mkfifo",
-                                         "unlink", "fopen", "fread", "fwrite", "fclose", "fork",
-                                         "setsid", "chdir", "socket", "setsockopt", "bind",
-                                         "recvmsg", "getsockname", "if_indextoname", "calloc",
-                                         "event_add", "fputs", "system", "syscfg_getGponState",
+                         testing::Values("open", "read", "close", "rename", "mkfifo", "unlink",
+                                         "fopen", "fread", "fwrite", "fclose", "fork", "setsid",
+                                         "chdir", "socket", "setsockopt", "bind", "recvmsg",
+                                         "getsockname", "if_indextoname", "calloc", "event_add",
+                                         "fputs", "system", "syscfg_getGponState",
                                          "syscfg_getLaserInfo", "syscfg_getPortBytes", "tcapiSet",
                                          "tcapiSetUint32"),
                          [](const auto &test) { return std::string(test.param); });
@@ -651,7 +651,8 @@ TEST_P(EveryCallOfALongHold, FailsInTurnAndAllElseGoesOn)
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, EveryCallOfALongHold,
-                         testing::Values("fopen", "fread", "fclose", "fork", "event_add", "fputs"),
+                         testing::Values("fopen", "fread", "fwrite", "fclose", "fork", "event_add",
+                                         "fputs"),
                          [](const auto &test) { return std::string(test.param); });
 
 TEST(RandomPairs, OfFailuresLeaveAllElseGoing)

@@ -21,6 +21,7 @@ namespace {
 using fakes::files;
 using fakes::journal;
 using fakes::Lines;
+using fakes::operator+;
 using fakes::vendor;
 
 const std::string gpioPath = "/proc/tc3162/gpio_output";
@@ -48,18 +49,11 @@ TEST_F(Led, IsDarkenedByDrivingItsLineTo1)
     EXPECT_EQ(takeCommands(), command("active 6 1\n"));
 }
 
-TEST_F(Led, IsWrittenThroughDescriptor0Too)
+TEST_F(Led, IsOneWriteThroughAStreamOfItsOwn)
 {
-    files().lowestDescriptor = 0; // as in a daemon, whose standard streams are closed
-    platform_ledSet(6, 1);
-    EXPECT_EQ(takeCommands(), command("active 6 0\n"));
-    EXPECT_EQ(files().openCount, 0U);
-}
-
-TEST_F(Led, FileIsCreatedAsStdioWould)
-{
-    platform_ledSet(6, 1);
-    EXPECT_EQ(files().createMode, 0666U);
+    platform_ledSet(255, 0); // the longest command
+    EXPECT_EQ(journal().take(), Lines{"fopen " + gpioPath + " w"} + command("active 255 1\n") +
+                                    Lines{"close " + gpioPath});
 }
 
 TEST_F(Led, IsLitByAnyNonzeroValue)

@@ -57,15 +57,14 @@ int errorOf(const std::map<std::string, int> &errors, const std::string &path)
 }
 
 /// Why a file cannot be opened, 0 when it was.
-int openError(const std::string &path, int flags)
+int openError(const std::string &path, bool anew)
 {
     if (const int error = errorOf(files().openErrors, path))
         return error;
-    if (!(flags & O_CREAT) && !files().content.contains(path))
+    if (anew)
+        files().content[path].clear();
+    else if (!files().content.contains(path))
         return ENOENT;
-    std::string &content = files().content[path];
-    if (flags & O_TRUNC)
-        content.clear();
     files().openCount++;
     return 0;
 }
@@ -123,7 +122,6 @@ extern "C" {
 
 int __real_open(const char *path, int flags, ...);
 ssize_t __real_read(int fd, void *buffer, size_t size);
-ssize_t __real_write(int fd, const void *bytes, size_t size);
 int __real_close(int fd);
 FILE *__real_fopen(const char *path, const char *mode);
 int __real_unlink(const char *path);
@@ -132,21 +130,17 @@ int __real_rename(const char *from, const char *to);
 
 int __wrap_open(const char *path, int flags, ...)
 {
-    mode_t mode = 0;
-    if (flags & O_CREAT) {
+    if (!isOurs(path)) {
         va_list arguments;
         va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t);
+        const mode_t mode = flags & O_CREAT ? va_arg(arguments, mode_t) : 0;
         va_end(arguments);
-    }
-    if (!isOurs(path))
         return __real_open(path, flags, mode);
+    }
     note("open %s 0x%x", path, static_cast<unsigned>(flags));
-    if (fakes::fails("open", path) || result(openError(path, flags)) != 0)
+    if (fakes::fails("open", path) || result(openError(path, false)) != 0)
         return -1;
-    if (flags & O_CREAT)
-        files().createMode = mode;
-    int fd = files().lowestDescriptor;
+    int fd = firstDescriptor;
     while (descriptors().contains(fd))
         fd++;
     descriptors()[fd] = path;
@@ -176,20 +170,6 @@ ssize_t __wrap_read(int fd, void *buffer, size_t size)
     return static_cast<ssize_t>(length);
 }
 
-ssize_t __wrap_write(int fd, const void *bytes, size_t size)
-{
-    if (fd < 0)
-        misuse("write of a descriptor that was never opened");
-    if (isForeign(fd))
-        return __real_write(fd, bytes, size);
-    if (!descriptors().contains(fd))
-        misuse("write to a closed descriptor");
-    if (fakes::fails("write", nameOf(fd)))
-        return -1;
-    append(descriptors()[fd], static_cast<const char *>(bytes), size);
-    return files().writesFail ? result(EIO) : static_cast<ssize_t>(size);
-}
-
 int __wrap_close(int fd)
 {
     if (fd < 0)
@@ -213,8 +193,7 @@ FILE *__wrap_fopen(const char *path, const char *mode)
     note("fopen %s %s", path, mode);
     if (strcmp(mode, "r") != 0 && strcmp(mode, "w") != 0)
         misuse("fopen with another mode than r and w");
-    if (fakes::fails("fopen", path) ||
-        result(openError(path, *mode == 'w' ? O_CREAT | O_TRUNC : 0)) != 0)
+    if (fakes::fails("fopen", path) || result(openError(path, *mode == 'w')) != 0)
         return nullptr;
     return fopencookie(new Stream{path, 0}, mode, {readStream, writeStream, nullptr, closeStream});
 }

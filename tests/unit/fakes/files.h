@@ -28,10 +28,6 @@ struct Files {
     bool writesFail = false;
     bool closeFails = false;
 
-    /// What open(2) gives first; 0 as in a process whose standard streams are closed.
-    int lowestDescriptor = firstDescriptor;
-    unsigned createMode = 0; ///< the mode of the last open that may create a file
-
     size_t openCount = 0; ///< descriptors and streams
 };
 
