@@ -180,6 +180,7 @@ void readDisplayMode(int fd, short events, void *arg)
         openDisplayModeFifo();
         return;
     }
+    buffer[length] = '\0';
     KELO_LOG("received \"%s\"\n", buffer);
     for (const Mode &mode : modes) {
         if (strncmp(buffer, mode.keyword, strlen(mode.keyword)) == 0) {

@@ -274,6 +274,7 @@ ssize_t fuzz_read(int fd, void *buffer, size_t size)
         return -1;
     }
     const size_t length = std::min(size, chunk.size());
+    memset(buffer, '#', size); // behind what was read, too
     if (length > 0)
         memcpy(buffer, chunk.data(), length);
     return static_cast<ssize_t>(length);

@@ -164,6 +164,7 @@ ssize_t __wrap_read(int fd, void *buffer, size_t size)
         return 0;
     std::string &chunk = files().chunks.front();
     const size_t length = chunk.copy(static_cast<char *>(buffer), size);
+    memset(static_cast<char *>(buffer) + length, '#', size - length); // behind what was read
     chunk.erase(0, length);
     if (chunk.empty())
         files().chunks.pop_front();
