@@ -12,7 +12,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,12 +22,16 @@ namespace {
 // to 128 characters before the line: log readers depend on the shape that results. The slack keeps
 // such a suffix inside the log's own storage.
 using LogCount = int8_t;
-constexpr char prefix[] = "kelo-monitord: ";
 constexpr int LOG_SLACK = -INT8_MIN;
 
 size_t room(LogCount count)
 {
     return static_cast<size_t>(LOG_LINE_MAX - count);
+}
+
+LogCount sum(LogCount count, int length)
+{
+    return static_cast<LogCount>(count + static_cast<LogCount>(length));
 }
 
 void onSignal(int, short, void *base)
@@ -61,13 +64,11 @@ int kelo_log(const char *file, int line, const char *function, const char *forma
     char storage[LOG_SLACK + LOG_LINE_MAX];
     char *const buffer = storage + LOG_SLACK;
 
-    memcpy(buffer, prefix, sizeof prefix);
-    auto count = static_cast<LogCount>(strlen(prefix));
+    LogCount count = 0;
+    count = sum(count, snprintf(buffer + count, room(count), "kelo-monitord: "));
     va_list arguments;
     va_start(arguments, format);
-    const auto length =
-        static_cast<LogCount>(vsnprintf(buffer + count, room(count), format, arguments));
-    count = static_cast<LogCount>(count + length);
+    count = sum(count, vsnprintf(buffer + count, room(count), format, arguments));
     va_end(arguments);
     snprintf(buffer + count, room(count), " [%s:%d %s]\n", file, line, function);
     return fputs(buffer, stderr);
