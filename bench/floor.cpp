@@ -82,7 +82,8 @@ void publish(bool add, const char *ifname, uint8_t family, const char *text, uin
     if_indextoname(header.ifa_index, name);
     const size_t size = header.ifa_family == AF_INET ? 4 : 16;
     Address *entry;
-    LIST_FOREACH(entry, &addresses, entries) {
+    LIST_FOREACH(entry, &addresses, entries)
+    {
         if ((entry->ifindex == header.ifa_index || (name[0] && !strcmp(entry->ifname, name))) &&
             entry->family == header.ifa_family && !memcmp(entry->bytes, bytes, size) &&
             entry->prefixlen == header.ifa_prefixlen)

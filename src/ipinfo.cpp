@@ -80,6 +80,26 @@ bool sameInterface(const Entry &entry, uint32_t ifindex, const InterfaceName &cu
            (current.name[0] != '\0' && strcmp(entry.ifname, current.name) == 0);
 }
 
+template <typename Entry>
+void insertHead(Entry *&head, Entry *entry)
+{
+    entry->entries.le_next = head;
+    entry->entries.le_prev = &head;
+    if (head)
+        head->entries.le_prev = &entry->entries.le_next;
+    head = entry;
+}
+
+template <typename Entry>
+void removeEntry(Entry *entry)
+{
+    Entry *const next = entry->entries.le_next;
+    if (next)
+        next->entries.le_prev = entry->entries.le_prev;
+    *entry->entries.le_prev = next;
+    free(entry);
+}
+
 // Insertion logs before it calls the hook and allocates last, removal calls the hook before it
 // logs, both deliberately: a consumer of the hooks and of the log sees the orders that it always
 // saw.
@@ -87,13 +107,13 @@ bool sameInterface(const Entry &entry, uint32_t ifindex, const InterfaceName &cu
 ipaddr_entry *ipaddr_find(uint32_t ifindex, uint8_t family, const void *addr, uint8_t prefixlen)
 {
     const InterfaceName current = interfaceName(ifindex);
-    ipaddr_entry *entry;
-    LIST_FOREACH(entry, &ipList, entries) {
+    const size_t size = addressSize(family);
+    for (ipaddr_entry *entry = ipList.lh_first; entry; entry = entry->entries.le_next) {
         if (sameInterface(*entry, ifindex, current) && entry->family == family &&
-            memcmp(entry->addr, addr, addressSize(family)) == 0 && entry->prefixlen == prefixlen)
-            break;
+            memcmp(entry->addr, addr, size) == 0 && entry->prefixlen == prefixlen)
+            return entry;
     }
-    return entry;
+    return nullptr;
 }
 
 void ipaddr_log(const char *action, const char *ifname, uint32_t ifindex, uint8_t family,
@@ -121,7 +141,7 @@ int ipaddr_insert(uint32_t ifindex, uint8_t family, const void *addr, uint8_t pr
     entry->family = family;
     copyAddress(entry->addr, family, addr);
     entry->prefixlen = prefixlen;
-    LIST_INSERT_HEAD(&ipList, entry, entries);
+    insertHead(ipList.lh_first, entry);
     return 1;
 }
 
@@ -133,8 +153,7 @@ int ipaddr_remove(uint32_t ifindex, uint8_t family, const void *addr, uint8_t pr
     const AddressText text = addressText(family, addr);
     platform_ipinfo_ip(0, entry->ifname, entry->family, entry->addr, text.text, entry->prefixlen);
     ipaddr_log("Removed", entry->ifname, entry->ifindex, family, text, prefixlen);
-    LIST_REMOVE(entry, entries);
-    free(entry);
+    removeEntry(entry);
     return 1;
 }
 
@@ -147,14 +166,13 @@ route_entry *route_find(uint32_t ifindex, uint8_t family, const void *dst, uint8
     copyAddress(wantedDst, family, dst);
     copyAddress(wantedGw, family, gw);
     const size_t size = addressSize(family);
-    route_entry *entry;
-    LIST_FOREACH(entry, &routeList, entries) {
+    for (route_entry *entry = routeList.lh_first; entry; entry = entry->entries.le_next) {
         if (sameInterface(*entry, ifindex, current) && entry->family == family &&
             memcmp(entry->dst, wantedDst, size) == 0 && entry->dst_len == dst_len &&
             memcmp(entry->gw, wantedGw, size) == 0)
-            break;
+            return entry;
     }
-    return entry;
+    return nullptr;
 }
 
 /// A null destination is a default route.
@@ -191,7 +209,7 @@ int route_insert(uint32_t ifindex, uint8_t family, const void *dst, uint8_t dst_
     if (dst)
         entry->dst_len = dst_len;
     copyAddress(entry->gw, family, gw);
-    LIST_INSERT_HEAD(&routeList, entry, entries);
+    insertHead(routeList.lh_first, entry);
     return 1;
 }
 
@@ -208,34 +226,22 @@ int route_remove(uint32_t ifindex, uint8_t family, const void *dst, uint8_t dst_
                           entry->gw, gwText.text);
     route_log("Removed", entry->ifname, entry->ifindex, family, dst ? &dstText : nullptr, dst_len,
               gwText);
-    LIST_REMOVE(entry, entries);
-    free(entry);
+    removeEntry(entry);
     return 1;
 }
 
 void ipinfo_init()
 {
-    LIST_INIT(&ipList);
-    LIST_INIT(&routeList);
+    ipList.lh_first = nullptr;
+    routeList.lh_first = nullptr;
 }
 
-ipaddr_entry *firstAddressOf(uint32_t ifindex)
+/// The first record from `entry` on that was made under this index.
+template <typename Entry>
+const Entry *firstOf(const Entry *entry, uint32_t ifindex)
 {
-    ipaddr_entry *entry;
-    LIST_FOREACH(entry, &ipList, entries) {
-        if (entry->ifindex == ifindex)
-            break;
-    }
-    return entry;
-}
-
-route_entry *firstRouteOf(uint32_t ifindex)
-{
-    route_entry *entry;
-    LIST_FOREACH(entry, &routeList, entries) {
-        if (entry->ifindex == ifindex)
-            break;
-    }
+    while (entry && entry->ifindex != ifindex)
+        entry = entry->entries.le_next;
     return entry;
 }
 
@@ -245,9 +251,9 @@ void ipinfo_netlink_dellink(const nlmsghdr *message)
     const auto *const link = static_cast<const ifinfomsg *>(payload(message));
     const auto ifindex = static_cast<uint32_t>(link->ifi_index);
     KELO_LOG("Removed interface %s(%d)", interfaceName(ifindex).name, ifindex);
-    while (const ipaddr_entry *const entry = firstAddressOf(ifindex))
+    while (const ipaddr_entry *const entry = firstOf(ipList.lh_first, ifindex))
         ipaddr_remove(entry->ifindex, entry->family, entry->addr, entry->prefixlen);
-    while (const route_entry *const entry = firstRouteOf(ifindex))
+    while (const route_entry *const entry = firstOf(routeList.lh_first, ifindex))
         route_remove(entry->ifindex, entry->family, entry->dst, entry->dst_len, entry->gw);
 }
 

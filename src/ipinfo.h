@@ -8,7 +8,14 @@
 
 #include <cstdint>
 #include <net/if.h>
-#include <sys/queue.h>
+
+/// A record's place in its table: the next record, and the pointer that points at this one, so that
+/// unlinking needs no search.
+template <typename Entry>
+struct ListLink {
+    Entry *le_next;
+    Entry **le_prev;
+};
 
 extern "C" {
 
@@ -19,7 +26,7 @@ struct ipaddr_entry {
     uint8_t family;           ///< AF_INET or AF_INET6
     uint8_t addr[16];         ///< AF_INET: the first 4 bytes, the others 0
     uint8_t prefixlen;
-    LIST_ENTRY(ipaddr_entry) entries;
+    ListLink<ipaddr_entry> entries;
 };
 
 /// One announced route.
@@ -30,12 +37,16 @@ struct route_entry {
     uint8_t dst[16];          ///< all 0 for a default route
     uint8_t dst_len;          ///< 0 for a default route, whatever was announced
     uint8_t gw[16];
-    LIST_ENTRY(route_entry) entries;
+    ListLink<route_entry> entries;
 };
 
-/// The known addresses and routes, newest first.
-extern LIST_HEAD(ipaddr_list, ipaddr_entry) ipList;
-extern LIST_HEAD(route_list, route_entry) routeList;
+/// The known addresses and routes, newest first; null where there are none.
+extern struct ipaddr_list {
+    ipaddr_entry *lh_first;
+} ipList;
+extern struct route_list {
+    route_entry *lh_first;
+} routeList;
 
 /// Opens the route netlink socket and adds its read event. A socket that cannot be opened is
 /// logged; the tables then stay empty for good.

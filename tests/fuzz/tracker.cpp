@@ -92,6 +92,15 @@ bool isZero(const void *bytes, size_t size)
     return memcmp(bytes, zeros, size) == 0;
 }
 
+template <typename Entry>
+void freeRecords(Entry *&head)
+{
+    while (Entry *const entry = head) {
+        head = entry->entries.le_next;
+        free(entry);
+    }
+}
+
 } // namespace
 
 namespace fuzz {
@@ -243,7 +252,7 @@ void startTracker()
     kernel().names = {"", "br0", "nas0_0", "ppp0", "eth0", "fifteen-letters"};
     callback = nullptr;
     ipinfo_register();
-    if (!callback || !LIST_EMPTY(&ipList) || !LIST_EMPTY(&routeList))
+    if (!callback || ipList.lh_first || routeList.lh_first)
         wrong("the tracker did not start with empty tables");
 }
 
@@ -256,7 +265,7 @@ void startTrackerInVain(int step)
     due("log ipinfo_register_netlink: Failed to %s", messages[step - 1]);
     ipinfo_register();
     fuzz::compare();
-    if (callback || !LIST_EMPTY(&ipList) || !LIST_EMPTY(&routeList))
+    if (callback || ipList.lh_first || routeList.lh_first)
         wrong("the tracker started without its socket, or with records");
 }
 
@@ -267,14 +276,8 @@ void receive(int fd)
 
 void stopTracker()
 {
-    while (ipaddr_entry *const entry = LIST_FIRST(&ipList)) {
-        LIST_REMOVE(entry, entries);
-        free(entry);
-    }
-    while (route_entry *const entry = LIST_FIRST(&routeList)) {
-        LIST_REMOVE(entry, entries);
-        free(entry);
-    }
+    freeRecords(ipList.lh_first);
+    freeRecords(routeList.lh_first);
 }
 
 } // namespace fuzz

@@ -59,7 +59,7 @@ TEST_F(Registration, OpensTheSocketBeforeItEmptiesTheTables)
     bool emptyBefore = true;
     fakes::chooseFailure() = [&](const std::string &call, const std::string &) {
         if (call == "event_add")
-            emptyBefore = LIST_EMPTY(&ipList);
+            emptyBefore = ipList.lh_first == nullptr;
         return false;
     };
     ipinfo_register();

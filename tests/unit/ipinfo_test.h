@@ -159,20 +159,16 @@ inline Lines removed(const Bytes &host, int prefixlen = 64)
 inline size_t addressCount()
 {
     size_t count = 0;
-    ipaddr_entry *entry;
-    LIST_FOREACH(entry, &ipList, entries) {
+    for (const ipaddr_entry *entry = ipList.lh_first; entry; entry = entry->entries.le_next)
         count++;
-    }
     return count;
 }
 
 inline size_t routeCount()
 {
     size_t count = 0;
-    route_entry *entry;
-    LIST_FOREACH(entry, &routeList, entries) {
+    for (const route_entry *entry = routeList.lh_first; entry; entry = entry->entries.le_next)
         count++;
-    }
     return count;
 }
 

@@ -111,7 +111,7 @@ def statements(code):
         stripped = line.strip()
         indent = len(line) - len(line.lstrip())
         if start is None and indent >= 4 and stripped and stripped[0] not in "~}#":
-            header = re.match(r"(?:\} )?(?:if|while|for|switch|LIST_FOREACH) \(|else\b|case |default:", stripped)
+            header = re.match(r"(?:\} )?(?:if|while|for|switch) \(|else\b|case |default:", stripped)
             if not header or depth:
                 start = offset + indent
                 first_indent = indent
