@@ -262,13 +262,9 @@ constexpr uint32_t GROUPS =
 constexpr int SOCKET_BUFFER_SIZE = 16384;
 constexpr size_t DATAGRAM_MAX = 16400;
 
-/// One datagram. Lengths are checked against what was received, but a family header or an address
-/// may reach past it: into zeros, for a message that ends with the datagram into those of the
-/// slack.
-struct Datagram {
-    alignas(nlmsghdr) unsigned char bytes[DATAGRAM_MAX];
-    unsigned char slack[sizeof(ifinfomsg)]; // no header or address is longer
-};
+// Message lengths are checked, but the header or the address of a message may still extend past the
+// datagram. It then reads zeros: no header or address is longer than the slack.
+constexpr size_t DATAGRAM_SLACK = sizeof(ifinfomsg);
 
 /// Netlink messages and attributes are aligned to 4 bytes.
 int alignedLength(uint32_t length)
@@ -353,14 +349,15 @@ bool handleMessage(const nlmsghdr *message)
 
 void ipinfo_netlink_recv(int fd, short, void *)
 {
-    // All zeros at every receive. Clearing what the last one left does that, and the pages that no
-    // datagram reaches never become the daemon's own.
-    static Datagram datagram;
+    // All zeros at every receive. Clearing what the last one filled does that, and the pages that
+    // no datagram reaches never become the daemon's own.
+    alignas(nlmsghdr) static unsigned char datagram[DATAGRAM_MAX + DATAGRAM_SLACK];
     static size_t filled;
-    memset(datagram.bytes, 0, filled);
+    memset(datagram, 0, filled);
     filled = 0;
-    sockaddr name = {}; // 16 bytes, more than the sender's sockaddr_nl needs
+    iovec vector = {datagram, DATAGRAM_MAX};
     socklen_t nameLength = 0;
+    sockaddr name = {}; // 16 bytes, more than the sender's sockaddr_nl needs
     // Descriptor 0 counts as invalid too, deliberately.
     if (fd <= 0) {
         KELO_LOG("Invalid netlink fd");
@@ -371,7 +368,6 @@ void ipinfo_netlink_recv(int fd, short, void *)
         KELO_LOG("Failed to get netlink addr");
         return;
     }
-    iovec vector = {datagram.bytes, sizeof datagram.bytes};
     msghdr header = {};
     header.msg_name = &name;
     header.msg_namelen = sizeof name;
@@ -388,7 +384,7 @@ void ipinfo_netlink_recv(int fd, short, void *)
         return;
     }
     int left = received;
-    const void *position = datagram.bytes;
+    const void *position = datagram;
     while (left >= static_cast<int>(sizeof(nlmsghdr))) {
         const auto *const message = static_cast<const nlmsghdr *>(position);
         if (message->nlmsg_len < sizeof(nlmsghdr) ||
