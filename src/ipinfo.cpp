@@ -117,9 +117,10 @@ ipaddr_entry *ipaddr_find(uint32_t ifindex, uint8_t family, const void *addr, ui
 }
 
 void ipaddr_log(const char *action, const char *ifname, uint32_t ifindex, uint8_t family,
-                const AddressText &addr, uint8_t prefixlen)
+                const void *addr, uint8_t prefixlen)
 {
-    KELO_LOG("%s %s address %s/%d on %s(%d)", action, familyWord(family), addr.text, prefixlen,
+    const AddressText text = addressText(family, addr);
+    KELO_LOG("%s %s address %s/%d on %s(%d)", action, familyWord(family), text.text, prefixlen,
              ifname, ifindex);
 }
 
@@ -129,7 +130,7 @@ int ipaddr_insert(uint32_t ifindex, uint8_t family, const void *addr, uint8_t pr
         return 0;
     const InterfaceName current = interfaceName(ifindex);
     const AddressText text = addressText(family, addr);
-    ipaddr_log("New", current.name, ifindex, family, text, prefixlen);
+    ipaddr_log("New", current.name, ifindex, family, addr, prefixlen);
     platform_ipinfo_ip(1, current.name, family, addr, text.text, prefixlen);
     auto *const entry = static_cast<ipaddr_entry *>(calloc(1, sizeof(ipaddr_entry)));
     if (!entry) {
@@ -150,9 +151,9 @@ int ipaddr_remove(uint32_t ifindex, uint8_t family, const void *addr, uint8_t pr
     ipaddr_entry *const entry = ipaddr_find(ifindex, family, addr, prefixlen);
     if (!entry)
         return 0;
-    const AddressText text = addressText(family, addr);
+    const AddressText text = addressText(entry->family, entry->addr);
     platform_ipinfo_ip(0, entry->ifname, entry->family, entry->addr, text.text, entry->prefixlen);
-    ipaddr_log("Removed", entry->ifname, entry->ifindex, family, text, prefixlen);
+    ipaddr_log("Removed", entry->ifname, entry->ifindex, family, addr, prefixlen);
     removeEntry(entry);
     return 1;
 }
@@ -177,14 +178,17 @@ route_entry *route_find(uint32_t ifindex, uint8_t family, const void *dst, uint8
 
 /// A null destination is a default route.
 void route_log(const char *action, const char *ifname, uint32_t ifindex, uint8_t family,
-               const AddressText *dst, uint8_t dst_len, const AddressText &gw)
+               const void *dst, uint8_t dst_len, const void *gw)
 {
+    const char *const word = familyWord(family);
+    const AddressText gwText = addressText(family, gw);
+    const AddressText dstText = addressText(family, dst);
     if (dst)
-        KELO_LOG("%s %s route %s/%d via %s on %s(%d)", action, familyWord(family), dst->text,
-                 dst_len, gw.text, ifname, ifindex);
+        KELO_LOG("%s %s route %s/%d via %s on %s(%d)", action, word, dstText.text, dst_len,
+                 gwText.text, ifname, ifindex);
     else
-        KELO_LOG("%s %s default route via %s on %s(%d)", action, familyWord(family), gw.text,
-                 ifname, ifindex);
+        KELO_LOG("%s %s default route via %s on %s(%d)", action, word, gwText.text, ifname,
+                 ifindex);
 }
 
 int route_insert(uint32_t ifindex, uint8_t family, const void *dst, uint8_t dst_len, const void *gw)
@@ -192,9 +196,9 @@ int route_insert(uint32_t ifindex, uint8_t family, const void *dst, uint8_t dst_
     if (route_find(ifindex, family, dst, dst_len, gw))
         return 0;
     const InterfaceName current = interfaceName(ifindex);
-    const AddressText dstText = addressText(family, dst);
     const AddressText gwText = addressText(family, gw);
-    route_log("New", current.name, ifindex, family, dst ? &dstText : nullptr, dst_len, gwText);
+    const AddressText dstText = addressText(family, dst);
+    route_log("New", current.name, ifindex, family, dst, dst_len, gw);
     platform_ipinfo_route(1, current.name, family, dst, dstText.text, dst_len, gw, gwText.text);
     auto *const entry = static_cast<route_entry *>(calloc(1, sizeof(route_entry)));
     if (!entry) {
@@ -220,12 +224,11 @@ int route_remove(uint32_t ifindex, uint8_t family, const void *dst, uint8_t dst_
         return 0;
     // The hook always gets the record's own destination, also for a default route, which the hook
     // therefore does not recognise as one: deliberate, the gateway stays published.
-    const AddressText dstText = addressText(family, dst);
-    const AddressText gwText = addressText(family, gw);
+    const AddressText gwText = addressText(entry->family, gw ? entry->gw : nullptr);
+    const AddressText dstText = addressText(entry->family, dst ? entry->dst : nullptr);
     platform_ipinfo_route(0, entry->ifname, entry->family, entry->dst, dstText.text, entry->dst_len,
                           entry->gw, gwText.text);
-    route_log("Removed", entry->ifname, entry->ifindex, family, dst ? &dstText : nullptr, dst_len,
-              gwText);
+    route_log("Removed", entry->ifname, entry->ifindex, family, dst, dst_len, gw);
     removeEntry(entry);
     return 1;
 }
