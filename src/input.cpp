@@ -26,24 +26,20 @@ void stopResetButtonPoll()
     event_del(&resetButtonTimer);
 }
 
-/// Runs a library call in a child that is deliberately never waited for, so that the pattern plays
-/// on meanwhile. A failed fork is deliberately not made up for.
-int runInChild(int (*action)())
-{
-    const pid_t child = fork();
-    if (child == 0) {
-        action();
-        exit(0);
-    }
-    return child;
-}
+// The library works in a child that is deliberately never waited for, so that the pattern plays on
+// meanwhile. A failed fork is deliberately not made up for.
 
 int doReboot()
 {
     KELO_LOG("rebooting...\n");
     stopResetButtonPoll();
     display_setMode(Reboot);
-    return runInChild(syscfg_reboot);
+    const pid_t child = fork();
+    if (child == 0) {
+        syscfg_reboot();
+        exit(0);
+    }
+    return child;
 }
 
 int doDefault()
@@ -51,7 +47,12 @@ int doDefault()
     KELO_LOG("resetting to defaults...\n");
     stopResetButtonPoll();
     display_setMode(Restore);
-    return runInChild(syscfg_restoreDefaultBg);
+    const pid_t child = fork();
+    if (child == 0) {
+        syscfg_restoreDefaultBg();
+        exit(0);
+    }
+    return child;
 }
 
 void pollResetButton(int, short, void *)
