@@ -4,12 +4,12 @@
 #include "kelosyscfg.h"
 #include "platform.h"
 
-#include <event.h>
-
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <event.h>
 
 namespace {
 

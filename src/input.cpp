@@ -5,10 +5,10 @@
 #include "kelosyscfg.h"
 #include "platform.h"
 
-#include <event.h>
-
 #include <cstdlib>
 #include <unistd.h>
+
+#include <event.h>
 
 namespace {
 

@@ -3,14 +3,14 @@
 #include "kelo-monitord.h"
 #include "platform.h"
 
-#include <event.h>
-
 #include <arpa/inet.h>
 #include <cstdlib>
 #include <cstring>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
+
+#include <event.h>
 
 ipaddr_list ipList;
 route_list routeList;

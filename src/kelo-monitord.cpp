@@ -5,8 +5,6 @@
 #include "ipinfo.h"
 #include "netinfo.h"
 
-#include <event.h>
-
 #include <csignal>
 #include <cstdarg>
 #include <cstdint>
@@ -14,6 +12,8 @@
 #include <cstdlib>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <event.h>
 
 namespace {
 

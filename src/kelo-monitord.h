@@ -18,5 +18,12 @@ constexpr int LOG_LINE_MAX = 1024;
 extern "C" int kelo_log(const char *file, int line, const char *function, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
 
+/// The source file's name without directories. gcc knows it from release 12 on.
+#ifdef __FILE_NAME__
+#define KELO_FILE_NAME __FILE_NAME__
+#else
+#define KELO_FILE_NAME (__builtin_strrchr("/" __FILE__, '/') + 1)
+#endif
+
 /// Logs a printf(3) message with the location of the call.
-#define KELO_LOG(...) kelo_log(__FILE_NAME__, __LINE__, __func__, __VA_ARGS__)
+#define KELO_LOG(...) kelo_log(KELO_FILE_NAME, __LINE__, __func__, __VA_ARGS__)

@@ -3,10 +3,11 @@
 #include "kelo-monitord.h"
 #include "kelosyscfg.h"
 
-#include <event.h>
-
 #include <cstdint>
 #include <cstdio>
+
+// Last, because it may turn on 64-bit file offsets for what is included after it.
+#include <event.h>
 
 // A macro, because the log message below embeds it.
 #define TEMPORARY_PATH "/var/run/kelo-monitord.netinfo.tmp"

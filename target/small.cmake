@@ -9,7 +9,8 @@ function(small target)
   # The whole program at once; the objects keep their machine code too, for scripts/size.
   target_compile_options(${target} PRIVATE
     -flto -ffat-lto-objects -fno-pie -mno-shared -mplt
-    -fno-move-loop-invariants -fmerge-all-constants -fno-jump-tables -fno-caller-saves)
+    -fno-move-loop-invariants -fmerge-all-constants -fno-jump-tables -fno-caller-saves
+    -fno-guess-branch-probability -fno-builtin-snprintf)
   # crtbegin.o and crtend.o run static constructors and destructors and register unwind tables:
   # there are none.
   set(crt "")
