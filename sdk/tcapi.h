@@ -6,10 +6,10 @@
 extern "C" {
 #endif
 
-/// Stores a text as an attribute of a node; 0 on success.
+/// Stores a text as an attribute of a node. The daemon looks at no result.
 int tcapiSet(const char *node, const char *attribute, const char *value);
 
-/// Stores a number as an attribute of a node; 0 on success.
+/// Stores a number as an attribute of a node. The daemon looks at no result.
 int tcapiSetUint32(const char *node, const char *attribute, unsigned int value);
 
 #ifdef __cplusplus
