@@ -4,8 +4,8 @@
 #
 ################################################################################
 
-KELO_MONITORD_VERSION = 1.0.0
 KELO_MONITORD_SITE = $(KELO_MONITORD_PKGDIR)/../../..
+KELO_MONITORD_VERSION = $(shell awk '/^project/ { print $$3 }' $(KELO_MONITORD_SITE)/CMakeLists.txt)
 KELO_MONITORD_SITE_METHOD = local
 KELO_MONITORD_DEPENDENCIES = libevent
 KELO_MONITORD_CONF_OPTS = \
