@@ -1,7 +1,7 @@
-/// The tick counters past 2^31. The shortest of them takes years to get there, so this program's
-/// copy of the display's object has its counters made visible to the linker.
+/// The tick counters past 2^31. The shortest of them takes years to get there, so this program has
+/// the display's source in its own, where it can set them.
 
-#include "display.h"
+#include "display.cpp" // NOLINT(bugprone-suspicious-include)
 
 #include "fakes/board.h"
 #include "fakes/event_loop.h"
@@ -12,13 +12,6 @@
 #include <climits>
 #include <string>
 #include <vector>
-
-extern int32_t signalCount __asm__("_ZN12_GLOBAL__N_111signalCountE");
-extern int32_t rebootCount __asm__("_ZN12_GLOBAL__N_111rebootCountE");
-extern int32_t restoreCount __asm__("_ZN12_GLOBAL__N_112restoreCountE");
-extern int32_t locateCount __asm__("_ZN12_GLOBAL__N_111locateCountE");
-extern int32_t ledTestCount __asm__("_ZN12_GLOBAL__N_112ledTestCountE");
-extern int32_t factTestCount __asm__("_ZN12_GLOBAL__N_113factTestCountE");
 
 namespace {
 
