@@ -142,6 +142,21 @@ TEST_F(Tracker, ReceivesOneDatagramPerCall)
     EXPECT_EQ(wake(), added(hostB));
 }
 
+TEST_F(Tracker, ActsOnNothingBehindTheReceivedLength)
+{
+    netlink().receptions.push_back({newAddress(hostA), 0, 0, newAddress(hostB)});
+    EXPECT_EQ(wake(), added(hostA));
+}
+
+TEST_F(Tracker, CompletesNoMessageFromBehindTheReceivedLength)
+{
+    const Bytes second = newAddress(hostB);
+    const auto middle = second.begin() + NLMSG_HDRLEN;
+    netlink().receptions.push_back(
+        {newAddress(hostA) + Bytes(second.begin(), middle), 0, 0, Bytes(middle, second.end())});
+    EXPECT_EQ(wake(), added(hostA));
+}
+
 TEST(TrackerOnDescriptor0, TakesItAsInvalid)
 {
     event_init();

@@ -102,8 +102,10 @@ ssize_t __wrap_recvmsg(int fd, msghdr *message, int flags)
         return -1;
     }
     const size_t length = std::min(reception.bytes.size(), fakes::datagramRoom);
-    if (length > 0)
-        memcpy(message->msg_iov->iov_base, reception.bytes.data(), length);
+    auto *const area = static_cast<unsigned char *>(message->msg_iov->iov_base);
+    std::copy_n(reception.bytes.begin(), length, area);
+    std::copy_n(reception.behind.begin(),
+                std::min(reception.behind.size(), fakes::datagramRoom - length), area + length);
     const sockaddr_nl sender = {AF_NETLINK, 0, 4711, 0}; // not the kernel, whose id is 0
     memcpy(message->msg_name, &sender, sizeof sender);
     message->msg_namelen = sizeof sender;

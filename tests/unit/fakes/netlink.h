@@ -15,8 +15,9 @@ namespace fakes {
 /// What one recvmsg(2) gives: the bytes, or a failure.
 struct Reception {
     std::vector<unsigned char> bytes;
-    int flags = 0; ///< msg_flags
-    int error = 0; ///< nonzero: it fails with this errno
+    int flags = 0;                          ///< msg_flags
+    int error = 0;                          ///< nonzero: it fails with this errno
+    std::vector<unsigned char> behind = {}; ///< what it stores behind the bytes that it tells of
 };
 
 struct Netlink {
