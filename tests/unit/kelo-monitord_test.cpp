@@ -231,9 +231,17 @@ TEST_F(Main, IgnoresUnknownOptions)
 
 TEST_F(Main, ComplainsOfAnUnknownOptionInTheParsersWords)
 {
-    testing::internal::CaptureStderr();
-    runMain({"-x"});
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "kelo-monitord: invalid option -- 'x'\n");
+    const auto complaint = [](const auto &parse) {
+        testing::internal::CaptureStderr();
+        parse();
+        return testing::internal::GetCapturedStderr();
+    };
+    char name[] = "kelo-monitord";
+    char unknown[] = "-x";
+    char *const arguments[] = {name, unknown, nullptr};
+    const std::string words = complaint([&] { getopt(2, arguments, "d"); });
+    EXPECT_FALSE(words.empty());
+    EXPECT_EQ(complaint([] { runMain({"-x"}); }), words);
 }
 
 TEST_F(Main, DetachesAsDaemonBeforeItMakesTheEventBase)
