@@ -34,6 +34,7 @@
 
 extern "C" int __real_main(int argc, char **argv);
 extern "C" pid_t __real_fork();
+extern "C" [[noreturn]] void __real__exit(int status);
 extern "C" int __real_close(int fd);
 
 namespace {
@@ -522,7 +523,7 @@ DaemonRun undisturbed(bool longHold)
             put(std::to_string(seen.second) + ' ' + std::to_string(seen.strand));
             put(seen.line);
         }
-        _exit(run.outcome.back().line == "exit 0" ? 0 : 1);
+        __real__exit(run.outcome.back().line == "exit 0" ? 0 : 1);
     }
     int status = -1;
     wait(&status);
@@ -562,12 +563,12 @@ std::string describe(const Failure &failure)
 [[noreturn]] void conclude(const Judge &judge, const std::vector<Failure> &failures)
 {
     if (judge.complaints().empty())
-        _exit(0);
+        __real__exit(0);
     std::string what;
     for (const Failure &failure : failures)
         what += (what.empty() ? "failed " : "\n   and ") + describe(failure);
     fprintf(stderr, "%s%s\n", what.c_str(), judge.complaints().c_str());
-    _exit(1);
+    __real__exit(1);
 }
 
 // With a sanitizer, where a copy is dear, every seventh of the calls that come again and again has

@@ -59,6 +59,8 @@ def operators(code):
         yield match.start(), match.end(), ""
     for match in re.finditer(r"\b(true|false)\b", code):
         yield match.start(), match.end(), "false" if match.group() == "true" else "true"
+    for match in re.finditer(r"\bexit(?=\()", code):
+        yield match.start(), match.end(), "_exit"
 
 
 def constants(code):

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 extern "C" pid_t __real_fork();
+extern "C" [[noreturn]] void __real__exit(int status);
 
 namespace {
 
@@ -22,7 +23,7 @@ bool passesAlone(const std::string &name)
     if (child == 0) {
         const std::string filter = "--gtest_filter=" + name;
         execl(self, self, filter.c_str(), "--gtest_brief=1", nullptr);
-        _exit(127);
+        __real__exit(127);
     }
     int status = -1;
     waitpid(child, &status, 0);
@@ -48,7 +49,7 @@ class OneProcessPerTest : public testing::EmptyTestEventListener {
         }
         printf("%d tests, %d failed\n", program.test_to_run_count(), failed);
         fflush(nullptr);
-        _exit(failed == 0 ? 0 : 1);
+        __real__exit(failed == 0 ? 0 : 1);
     }
 };
 

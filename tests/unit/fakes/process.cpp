@@ -64,6 +64,11 @@ int __wrap_system(const char *command)
     throw fakes::Exit{status};
 }
 
+[[noreturn]] void __wrap__exit(int)
+{
+    fakes::misuse("_exit, which leaves the standard streams unflushed");
+}
+
 int __real_fputs(const char *text, FILE *stream);
 
 int __wrap_fputs(const char *text, FILE *stream)

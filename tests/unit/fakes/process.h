@@ -1,5 +1,6 @@
 /// The calls that start, detach and end processes, without effect: they are noted in the journal
-/// and give the results chosen here. exit(3) leaves the code under test by throwing Exit.
+/// and give the results chosen here. exit(3) leaves the code under test by throwing Exit, and
+/// _exit(2) aborts.
 
 #pragma once
 
