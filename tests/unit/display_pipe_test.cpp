@@ -65,19 +65,6 @@ protected:
     }
 };
 
-TEST_F(Display, RegistrationDarkensTheLedsEntersSignalAndOpensThePipe)
-{
-    journal().take();
-    display_register();
-    const Lines darkened = {"platform_ledInit 6", "platform_ledInit 7", "platform_ledInit 8",
-                            "platform_ledInit 2", "platform_ledInit 3", "platform_ledInit 4"};
-    EXPECT_EQ(journal().take(), darkened + Lines{switched(0, 1)} + armed(500000) +
-                                    Lines({"unlink " + pipePath, "mkfifo " + pipePath + " 0600"}) +
-                                    opened);
-    EXPECT_EQ(eventLoop().find(pipeFd)->argument, eventLoop().find(pipeFd)->address);
-    EXPECT_TRUE(eventLoop().isPending(pipeFd));
-}
-
 TEST_F(Display, RegistrationReplacesAnOldFile)
 {
     files().content[pipePath] = "old";
@@ -187,16 +174,6 @@ TEST_F(Pipe, CommandDoesNotSeeTheOneBefore)
     receive("facttesterr");
     EXPECT_EQ(receive("facttest"), (Lines{received("facttest"), switched(8, 7)}));
     EXPECT_EQ(receive("n"), Lines{received("n")});
-}
-
-TEST_F(Pipe, EventPersistsFromCommandToCommand)
-{
-    files().chunks = {"reboot"};
-    eventLoop().readable(pipeFd);
-    EXPECT_EQ(journal().take(), Lines({called(EV_READ), "read fd=1000 size=127", received("reboot"),
-                                       switched(1, 2), "event_del fd=-1"}) +
-                                    armed(250000));
-    EXPECT_TRUE(eventLoop().isPending(pipeFd));
 }
 
 TEST_F(Pipe, IsOpenedAnewWhenTheWriterHasClosedIt)

@@ -266,24 +266,6 @@ TEST_F(Main, LogsEveryDaemonOptionAndDetachesOnce)
     EXPECT_EQ(takeSteps(), launching + launching + Lines{"fork"} + detaching + running);
 }
 
-TEST_F(Main, LocatesItsLogLine)
-{
-    runMain({"-d"});
-    const Lines steps = journal().take();
-    ASSERT_FALSE(steps.empty());
-    EXPECT_EQ(
-        steps[0].rfind("stderr kelo-monitord: Launching as daemon...\n [kelo-monitord.cpp:", 0),
-        0U);
-    EXPECT_EQ(steps[0].substr(steps[0].rfind(' ')), " main]\n");
-}
-
-TEST_F(Main, ParentLeavesAtOnceWithSuccess)
-{
-    process().forkResult = 1;
-    EXPECT_EQ(runMain({"-d"}), 0);
-    EXPECT_EQ(takeSteps(), launching + Lines({"fork", "exit 0"}));
-}
-
 TEST_F(Main, FailedForkEndsItWithStatus1)
 {
     process().forkResult = -1;

@@ -17,13 +17,13 @@ import sys
 from collections import Counter, namedtuple
 
 TESTS = {
-    "kelo-monitord": ["kelo-monitord_test"],
-    "platform": ["platform_test", "signal_test"],
-    "ipinfo": ["ipinfo_test", "ipinfo_tables_test", "ipinfo_model_test"],
+    "kelo-monitord": ["kelo-monitord_test", "calls_test"],
+    "platform": ["platform_test", "signal_test", "calls_test"],
+    "ipinfo": ["ipinfo_test", "ipinfo_tables_test", "ipinfo_model_test", "calls_test"],
     "display": ["display_test", "display_pipe_test", "display_signal_test", "signal_test",
-                "display_count_test"],
-    "netinfo": ["netinfo_test"],
-    "input": ["input_test"],
+                "display_count_test", "calls_test"],
+    "netinfo": ["netinfo_test", "calls_test"],
+    "input": ["input_test", "calls_test"],
 }
 EXPLAINED = pathlib.Path("tests/unit/mutants")
 FOLDER = pathlib.Path("build/mutate")

@@ -21,7 +21,6 @@ namespace {
 using fakes::files;
 using fakes::journal;
 using fakes::Lines;
-using fakes::operator+;
 using fakes::vendor;
 
 const std::string gpioPath = "/proc/tc3162/gpio_output";
@@ -47,13 +46,6 @@ TEST_F(Led, IsDarkenedByDrivingItsLineTo1)
 {
     EXPECT_EQ(platform_ledSet(6, 0), 0);
     EXPECT_EQ(takeCommands(), command("active 6 1\n"));
-}
-
-TEST_F(Led, IsOneWriteThroughAStreamOfItsOwn)
-{
-    platform_ledSet(255, 0); // the longest command
-    EXPECT_EQ(journal().take(), Lines{"fopen " + gpioPath + " w"} + command("active 255 1\n") +
-                                    Lines{"close " + gpioPath});
 }
 
 TEST_F(Led, IsLitByAnyNonzeroValue)
