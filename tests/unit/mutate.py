@@ -19,7 +19,8 @@ from collections import Counter, namedtuple
 TESTS = {
     "kelo-monitord": ["kelo-monitord_test", "calls_test"],
     "platform": ["platform_test", "signal_test", "calls_test"],
-    "ipinfo": ["ipinfo_test", "ipinfo_tables_test", "ipinfo_model_test", "calls_test"],
+    "ipinfo": ["ipinfo_test", "ipinfo_tables_test", "ipinfo_model_test",
+               "ipinfo_operations_test", "calls_test"],
     "display": ["display_test", "display_pipe_test", "display_signal_test", "signal_test",
                 "display_count_test", "calls_test"],
     "netinfo": ["netinfo_test", "calls_test"],
