@@ -79,6 +79,9 @@ Host::~Host()
     end_.write.reset();
     acceptor_.join();
     for (Client &client : clients_) {
+        // Who follows the board is told of its end, unless he does not read.
+        for (int attempt = 0; attempt < 100 && !client.done; attempt++)
+            usleep(5000);
         if (!client.awaitsEnd)
             shutdown(client.socket.get(), SHUT_RDWR);
         client.thread.join();
@@ -248,6 +251,8 @@ void Host::watch(const Client &client, Clock::time_point since) const
         if (place - events.size() > before)
             throw std::runtime_error("the record was dropped before it was read");
     }
+    if (ending_ || down_)
+        sendText(client.socket.get(), "end\n");
 }
 
 std::string Host::state() const

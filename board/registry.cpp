@@ -123,20 +123,23 @@ std::optional<std::string> Connection::line(Clock::time_point deadline)
             timeout = static_cast<int>(std::clamp<long long>(left.count(), 0, 1000000));
         }
         pollfd source{socket_.get(), POLLIN, 0};
-        if (poll(&source, 1, timeout) == 0)
+        const int ready = poll(&source, 1, timeout);
+        if (ready == 0)
             return std::nullopt;
+        if (ready < 0)
+            continue; // a signal
         char buffer[65536];
         const ssize_t length = read(socket_.get(), buffer, sizeof buffer);
-        if (length < 0 && errno == EINTR)
-            continue;
         if (length <= 0)
-            throw BoardGone("the board \"" + board_ + "\" ended");
+            throw BoardGone("the board \"" + board_ + "\" ended, and nobody asked it to");
         text_.append(buffer, static_cast<size_t>(length));
     }
     std::string result = text_.substr(0, end);
     text_.erase(0, end + 1);
     if (result.starts_with("error "))
         throw std::runtime_error(result.substr(6));
+    if (result == "end")
+        throw BoardEnded("the board \"" + board_ + "\" ended");
     return result;
 }
 
@@ -178,13 +181,16 @@ std::map<std::string, std::string> stateOf(const std::string &board)
     return state;
 }
 
-std::vector<Event> eventsOf(const std::string &board, Clock::time_point &from)
+void readEvents(const std::string &board, Clock::time_point &from, std::vector<Event> &events,
+                const std::function<bool()> &goesOn)
 {
     from = std::max(from, toTime(stateOf(board)["since"]));
-    std::vector<Event> events;
     Connection connection(board, "watch " + toText(from));
-    for (std::string line; (line = connection.line().value()) != "now";) {
-        std::optional<Event> event = fromLine(line);
+    for (bool isUpToDate = false; !isUpToDate || (goesOn && goesOn());) {
+        const auto line = connection.line(isUpToDate ? Clock::now() + std::chrono::milliseconds(50)
+                                                     : Clock::time_point::max());
+        isUpToDate |= line == "now";
+        std::optional<Event> event = line ? fromLine(*line) : std::nullopt;
         // An attribute that was stored before, or a daemon that ended, is no news.
         const bool isNews = event && event->time >= from;
         if (!event ||
@@ -193,7 +199,6 @@ std::vector<Event> eventsOf(const std::string &board, Clock::time_point &from)
         event->time = std::max(event->time, from);
         events.push_back(std::move(*event));
     }
-    return events;
 }
 
 std::vector<std::string> runningBoards()

@@ -6,7 +6,8 @@
 ///   place           "HOLDER ISOLATED ROOT"
 ///   state           one "KEY VALUE" line for everything a board has one of
 ///   watch SINCE     the record: the events that held at that time, then those from there on,
-///                   "TIME KIND TEXT" each, then "now", then events as they come
+///                   "TIME KIND TEXT" each, then "now", then events as they come, then "end" where
+///                   somebody asked the board to end
 ///   mark            events count from here on
 ///   start SPEED [OPTION...], stop, restart    of the daemon
 ///   hold, release   the reset button
@@ -18,6 +19,7 @@
 
 #include "board.h"
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <stdexcept>
@@ -42,6 +44,11 @@ Descriptor acceptClient(int listening);
 /// The board at the other end went away.
 struct BoardGone : std::runtime_error {
     using std::runtime_error::runtime_error;
+};
+
+/// It did so because somebody asked it to.
+struct BoardEnded : BoardGone {
+    using BoardGone::BoardGone;
 };
 
 /// A client's connection to a running board.
@@ -73,9 +80,11 @@ std::optional<Place> findBoard(const std::string &name);
 /// when on the record is kept (times).
 std::map<std::string, std::string> stateOf(const std::string &board);
 
-/// What happened on a board from a time on until now, and first what held then, as if it had begun
-/// then. Where the record was dropped up to a later time, that becomes `from`.
-std::vector<Event> eventsOf(const std::string &board, Clock::time_point &from);
+/// Adds what happened on a board from a time on until now, and first what held then, as if it had
+/// begun then. Where the record was dropped up to a later time, that becomes `from`. With `goesOn`
+/// what happens further is added for as long as that says so. Throws BoardGone as Connection does.
+void readEvents(const std::string &board, Clock::time_point &from, std::vector<Event> &events,
+                const std::function<bool()> &goesOn = nullptr);
 
 /// Names of the running boards, sorted.
 std::vector<std::string> runningBoards();

@@ -44,7 +44,7 @@ int printRecord(const Cli &cli, bool follow, std::optional<EventKind> kind)
             if (event && (!kind || event->kind == *kind))
                 printer.print(*event);
         }
-    } catch (const BoardGone &) {
+    } catch (const BoardEnded &) {
         return 0;
     }
 }

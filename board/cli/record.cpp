@@ -4,6 +4,7 @@
 #include "recording.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -29,15 +30,19 @@ Clock::time_point startOf(const std::string &board)
     return toTime(stateOf(board)["start"]);
 }
 
-/// What happened on a running board from one time on until now.
-Recording recordingOf(const std::string &board, Clock::time_point from)
+/// What happened on a running board from its start until now.
+Recording recordingOf(const std::string &board)
 {
-    Clock::time_point begin = from;
-    const std::vector<Event> events = eventsOf(board, begin);
-    if (begin > from)
-        sayRecordBegins(begin - startOf(board));
+    const Clock::time_point start = startOf(board);
+    Clock::time_point from = start;
+    std::vector<Event> events;
+    readEvents(board, from, events);
+    if (from > start)
+        sayRecordBegins(from - start);
     return makeRecording(events, Clock::now());
 }
+
+volatile sig_atomic_t interrupted;
 
 int record(const std::string &board, const RecordOptions &options)
 {
@@ -51,14 +56,29 @@ int record(const std::string &board, const RecordOptions &options)
         if (!file)
             throw Failure("cannot write " + options.file + ": " + strerror(errno));
     }
-    if (!options.length.empty()) {
-        from = Clock::now();
-        letPass(board, length);
-    }
     std::ostream &out = options.file == "-" ? std::cout : file;
-    writeVcd(recordingOf(board, from), out);
+    std::exception_ptr failure;
+    if (options.length.empty()) {
+        writeVcd(recordingOf(board), out);
+    } else {
+        // Cut off, the recording has what there was.
+        for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
+            signal(number, [](int) { interrupted = 1; });
+        std::vector<Event> events;
+        from = Clock::now();
+        const Clock::time_point end = from + length;
+        try {
+            readEvents(board, from, events, [&] { return !interrupted && Clock::now() < end; });
+        } catch (const BoardEnded &) {
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        writeVcd(makeRecording(events, Clock::now()), out);
+    }
     if (!out.flush())
         throw Failure("cannot write " + options.file + ": " + strerror(errno));
+    if (failure)
+        std::rethrow_exception(failure);
     return 0;
 }
 
@@ -82,7 +102,7 @@ int drawPlot(const std::string &board, const PlotOptions &options)
     if (!(options.from >= 0) || (options.to >= 0 && options.to <= options.from))
         throw UsageError("a picture goes from 0 or later to later than that");
     const Recording recording =
-        options.file.empty() ? recordingOf(board, startOf(board)) : readRecording(options.file);
+        options.file.empty() ? recordingOf(board) : readRecording(options.file);
     const auto ticks = [&](double seconds) {
         const double tick = seconds * static_cast<double>(RecordingTick::period::den);
         return tick < static_cast<double>(recording.length) ? static_cast<int64_t>(tick)

@@ -371,7 +371,8 @@ std::pair<Recording, std::string> Controls::recording() const
 {
     const Clock::time_point start = toTime(stateOf(name_)["start"]);
     Clock::time_point from = start;
-    const std::vector<Event> events = eventsOf(name_, from);
+    std::vector<Event> events;
+    readEvents(name_, from, events);
     std::string remark;
     if (from > start) {
         const double seconds = std::chrono::duration<double>(from - start).count();

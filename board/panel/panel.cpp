@@ -62,8 +62,7 @@ public:
                 update();
                 show();
             }
-        } catch (const BoardGone &) {
-            // Somebody ended the board.
+        } catch (const BoardEnded &) {
         }
     }
 

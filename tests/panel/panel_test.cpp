@@ -583,10 +583,11 @@ TEST_F(AttachedPanel, EndsWithTheBoard)
     expectTerminalBack();
 }
 
-TEST_F(AttachedPanel, EndsWithABoardThatIsKilled)
+TEST_F(AttachedPanel, FailsWithABoardThatIsKilled)
 {
     kill(process(), SIGKILL);
-    EXPECT_TRUE(shows("status 0"));
+    EXPECT_TRUE(shows("kelo-board: the board \"" + board + "\" ended, and nobody asked it to\n" +
+                      "status 1"));
     expectTerminalBack();
 }
 

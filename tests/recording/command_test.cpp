@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -94,6 +95,29 @@ TEST_F(RecordCommand, RecordsFromNowOnForATime)
     EXPECT_TRUE(holds(recording, "mode", "2")) << "this holds since before";
     EXPECT_TRUE(holds(recording, "gpio2", "1"));
     EXPECT_GE(recording.length, 100000);
+}
+
+TEST_F(RecordCommand, KeepsWhatItHasWhenItIsCutOff)
+{
+    up();
+    done({"mode", "reboot"});
+    done({"expect", "mode", "reboot"});
+    for (const bool byBoard : {false, true}) {
+        const pid_t recorder = kelo::spawn(
+            {KELO_BOARD_PROGRAM, "-b", board, "record", "--for", "1000s", file("a.vcd")}, {});
+        done({"wait", "1s"});
+        done({"mode", byBoard ? "restore" : "errora12"});
+        done({"expect", "mode", byBoard ? "restore" : "errora12"});
+        done({"wait", "500ms"});
+        if (byBoard)
+            done({"down"});
+        else
+            kill(recorder, SIGINT);
+        EXPECT_EQ(0, kelo::waitFor(recorder));
+        const kelo::Recording recording = readBack("a.vcd");
+        EXPECT_TRUE(holds(recording, "mode", byBoard ? "3" : "4"));
+        EXPECT_LT(recording.length, 100 * 100000);
+    }
 }
 
 TEST_F(RecordCommand, WhatHappenedBeforeItIsNoEventOfTheRecording)

@@ -340,6 +340,33 @@ protected:
 
     pid_t program = -1;
 
+    /// The process that runs the board.
+    static pid_t host(const std::string &name)
+    {
+        for (const auto &board : nlohmann::json::parse(kb({"list", "--json"}).out)) {
+            if (board["name"] == name)
+                return board["pid"];
+        }
+        return -1;
+    }
+    /// Waits until some client has been connected to the board for longer than a mere question
+    /// takes.
+    testing::AssertionResult isFollowed() const
+    {
+        std::string connected;
+        auto since = std::chrono::steady_clock::now();
+        return within(30s, [&] {
+            std::string now;
+            for (const std::string &line : linesOf(kelo::readFile("/proc/net/unix"))) {
+                if (line.ends_with("/" + name) && line.find(" 0001 03 ") != std::string::npos)
+                    now = line;
+            }
+            if (now.empty() || std::exchange(connected, now) != now)
+                since = std::chrono::steady_clock::now();
+            return std::chrono::steady_clock::now() - since > 500ms;
+        });
+    }
+
     Outcome on(Words arguments) const
     {
         arguments.insert(arguments.begin(), {"-b", name});
@@ -414,12 +441,7 @@ TEST_F(OnBoard, ADetachedBoardThatIsKilledLeavesNothing)
     EXPECT_EQ(0, outcome.status);
     EXPECT_EQ("", outcome.out + outcome.err);
     const std::string link = kb({"-b", detached, "exec", "readlink", "/proc/self/ns/net"}).out;
-    const nlohmann::json boards = nlohmann::json::parse(kb({"list", "--json"}).out);
-    pid_t pid = 0;
-    for (const auto &board : boards) {
-        if (board["name"] == detached)
-            pid = board["pid"];
-    }
+    const pid_t pid = host(detached);
     ASSERT_GT(pid, 0);
     kill(pid, SIGKILL);
     EXPECT_TRUE(within(20s, [&] { return !namespaceLives(link.substr(0, link.size() - 1)); }));
@@ -479,6 +501,48 @@ TEST_F(OnBoard, FollowsTheLog)
     kb({"down", name});
     EXPECT_EQ(0, kelo::waitFor(follower));
 }
+
+class Followed : public OnBoard, public testing::WithParamInterface<const char *> {
+protected:
+    void SetUp() override
+    {
+        OnBoard::SetUp();
+        errors = kelo::makePipe();
+        output = kelo::makePipe();
+        follower = kelo::spawn(
+            {"sh", "-c", std::string(KELO_BOARD_PROGRAM) + " -b " + name + " " + GetParam()},
+            {-1, output.write.get(), errors.write.get()});
+        errors.write.reset();
+        output.write.reset();
+        ASSERT_TRUE(isFollowed());
+    }
+    std::string said() const { return kelo::readAll(errors.read.get()); }
+
+    kelo::Pipe errors;
+    kelo::Pipe output;
+    pid_t follower = -1;
+};
+
+TEST_P(Followed, BoardThatIsAskedToEndEndsItsFollower)
+{
+    kb({"down", name});
+    EXPECT_EQ("", said());
+    EXPECT_EQ(0, kelo::waitFor(follower));
+}
+
+TEST_P(Followed, BoardThatIsKilledFailsItsFollower)
+{
+    kill(host(name), SIGKILL);
+    EXPECT_EQ("kelo-board: the board \"" + name + "\" ended, and nobody asked it to\n", said());
+    EXPECT_EQ(1, kelo::waitFor(follower));
+}
+
+INSTANTIATE_TEST_SUITE_P(By, Followed,
+                         testing::Values("log -f", "events -f", "record --for 100s -"),
+                         [](const auto &test) {
+                             const std::string words = test.param;
+                             return words.substr(0, words.find(' '));
+                         });
 
 TEST_F(OnBoard, CommandsSayWhatTheBoardCannotDo)
 {
@@ -540,12 +604,23 @@ TEST_F(OnBoard, SmallBoardsEventsArePrintedByKind)
     EXPECT_TRUE(has(events, "leds      010101\n"));
 }
 
-TEST_F(OnBoard, WaitEndsWithTheBoard)
+TEST_F(OnBoard, WaitAndExpectFailWhenTheBoardEnds)
 {
-    const pid_t waiting =
-        kelo::spawn({KELO_BOARD_PROGRAM, "-b", name, "wait", "100s"}, {-1, -1, -1});
-    kb({"down", name});
-    EXPECT_EQ(1, kelo::waitFor(waiting));
+    for (const Words &words :
+         {Words{"wait", "100s"}, Words{"expect", "--within", "100s", "mode", "none"}}) {
+        Words command{KELO_BOARD_PROGRAM, "-b", name};
+        command.insert(command.end(), words.begin(), words.end());
+        kelo::Pipe errors = kelo::makePipe();
+        const pid_t waiting = kelo::spawn(command, {-1, -1, errors.write.get()});
+        errors.write.reset();
+        ASSERT_TRUE(isFollowed());
+        kb({"down", name});
+        EXPECT_EQ("kelo-board: the board \"" + name + "\" ended\n",
+                  kelo::readAll(errors.read.get()));
+        EXPECT_EQ(1, kelo::waitFor(waiting));
+        kelo::waitFor(std::exchange(program, -1));
+        up({});
+    }
 }
 
 struct Expectation {
@@ -768,15 +843,6 @@ TEST_F(Forgetful, TellsAReaderWhoIsTooSlow)
     kb({"down", name});
     kelo::waitFor(follower);
     std::filesystem::remove_all(folder);
-}
-
-TEST_F(OnBoard, ExpectFailsWhenTheBoardEnds)
-{
-    const pid_t expecting =
-        kelo::spawn({KELO_BOARD_PROGRAM, "-b", name, "expect", "--within", "100s", "mode", "none"},
-                    {-1, -1, -1});
-    kb({"down", name});
-    EXPECT_EQ(1, kelo::waitFor(expecting));
 }
 
 // --- Scenarios -----------------------------------------------------------------------------------
