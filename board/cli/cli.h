@@ -74,8 +74,21 @@ void addCompletion(Cli &cli);
 void addRecord(Cli &cli);
 void addPlot(Cli &cli);
 
-/// Prints events as lines that carry time and kind, or as JSON. What only repeats itself is left
-/// out.
+/// Tells events from those that only repeat what is known: the daemon's polling, and LEDs and
+/// snapshots that are as they were.
+class News {
+public:
+    bool is(const Event &event);
+
+private:
+    std::string leds_;
+    std::string snapshot_;
+};
+
+/// An event's text as a person reads it.
+std::string shownText(const Event &event);
+
+/// Prints events that are news as lines that carry time and kind, or as JSON.
 class EventPrinter {
 public:
     explicit EventPrinter(Clock::time_point start, bool json = false) : start_(start), json_(json)
@@ -86,8 +99,7 @@ public:
 private:
     Clock::time_point start_;
     bool json_;
-    std::string leds_;
-    std::string snapshot_;
+    News news_;
 };
 
 /// What the daemon keeps in the configuration store.

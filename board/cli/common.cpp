@@ -46,13 +46,23 @@ Access Cli::running() const
     return Access(*place);
 }
 
+bool News::is(const Event &event)
+{
+    if (event.kind == EventKind::Leds)
+        return std::exchange(leds_, event.text) != event.text;
+    if (event.kind == EventKind::Snapshot)
+        return std::exchange(snapshot_, event.text) != event.text;
+    return event.kind != EventKind::Call || !event.text.starts_with("syscfg_get");
+}
+
+std::string shownText(const Event &event)
+{
+    return event.kind == EventKind::Mode ? modeName(event.text) : event.text;
+}
+
 void EventPrinter::print(const Event &event)
 {
-    if (event.kind == EventKind::Call && event.text.starts_with("syscfg_get"))
-        return; // the daemon polls these all the time
-    if (event.kind == EventKind::Leds && std::exchange(leds_, event.text) == leds_)
-        return;
-    if (event.kind == EventKind::Snapshot && std::exchange(snapshot_, event.text) == snapshot_)
+    if (!news_.is(event))
         return;
     const double seconds = std::chrono::duration<double>(event.time - start_).count();
     if (json_) {
@@ -61,7 +71,7 @@ void EventPrinter::print(const Event &event)
                                             {"text", event.text}};
         puts(object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
     } else {
-        std::istringstream lines(event.kind == EventKind::Mode ? modeName(event.text) : event.text);
+        std::istringstream lines(shownText(event));
         std::string line;
         while (std::getline(lines, line))
             printf("%9.3f  %-8s  %s\n", seconds, kindName(event.kind), line.c_str());

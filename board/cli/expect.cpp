@@ -22,7 +22,7 @@ struct Options {
     std::string length = "0s";
     bool negate = false;
     std::string words[2];
-    std::vector<std::string> beat;
+    std::vector<std::string> more; ///< of blink, what is known of the beat; of order, the events
 };
 
 /// What is known of the board: its record, and the time from which events count.
@@ -45,11 +45,15 @@ struct View {
         const Event *const event = last(kind);
         return event ? event->text : "";
     }
-    std::vector<std::string> marked(EventKind kind) const
+    void needMark() const
     {
         if (!isWhole)
             throw Failure("what happened after the mark is no longer all kept (put a new one: "
                           "kelo-board mark)");
+    }
+    std::vector<std::string> marked(EventKind kind) const
+    {
+        needMark();
         std::vector<std::string> texts;
         for (const Event &event : events) {
             if (event.kind == kind && event.time >= mark)
@@ -278,14 +282,14 @@ std::string cycleOf(const std::vector<Event> &frames)
 
 Condition blinks(const Options &options)
 {
-    const Beat beat = toBeat(options.words[0], options.beat);
+    const Beat beat = toBeat(options.words[0], options.more);
     struct Watching {
         std::optional<BeatWatch> watch;
         size_t seen = 0;
         std::vector<Event> frames{};
     };
     const auto watching = std::make_shared<Watching>();
-    return {joined({"blink", options.words[0], joined(options.beat)}),
+    return {joined({"blink", options.words[0], joined(options.more)}),
             [=](const View &view) {
                 if (!watching->watch) {
                     watching->watch.emplace(beat, Clock::now(), view.lastText(EventKind::Leds));
@@ -306,6 +310,90 @@ Condition blinks(const Options &options)
                 return cycle.empty() ? "the LEDs below" : cycle;
             },
             beat.length};
+}
+
+/// A kind of event, and words of its text.
+struct Step {
+    std::string kind;
+    std::string text{};
+
+    std::string shown() const { return kind + (text.empty() ? "" : " \"" + text + "\""); }
+    bool matches(const Event &event) const
+    {
+        if (kind != kindName(event.kind))
+            return false;
+        const auto isPart = [](char a, char b) { return isalnum(a) && isalnum(b); };
+        const std::string in = " " + shownText(event) + " ";
+        for (size_t at = in.find(text, 1); at != std::string::npos; at = in.find(text, at + 1)) {
+            const size_t end = at + text.size();
+            if (text.empty() ||
+                (end < in.size() && !isPart(in[at - 1], in[at]) && !isPart(in[end - 1], in[end])))
+                return true;
+        }
+        return false;
+    }
+};
+
+std::vector<Step> toSteps(const std::vector<std::string> &words)
+{
+    std::vector<std::string> kindNames;
+    for (int i = 0; i <= static_cast<int>(EventKind::Exit); i++)
+        kindNames.emplace_back(kindName(static_cast<EventKind>(i)));
+    std::vector<Step> steps;
+    for (const std::string &word : words) {
+        if (std::find(kindNames.begin(), kindNames.end(), word) != kindNames.end())
+            steps.push_back({word});
+        else if (steps.empty() || !steps.back().text.empty())
+            throw UsageError("no kind of event: \"" + word + "\" (" + joined(kindNames, ", ") +
+                             ")");
+        else
+            steps.back().text = word;
+    }
+    if (steps.size() < 2)
+        throw UsageError("an order takes two events at least: store omci");
+    return steps;
+}
+
+/// Of the events since the mark that any of the steps is about, the first are these, one by one.
+Condition happensInOrder(const Options &options)
+{
+    const std::vector<Step> steps = toSteps(options.more);
+    const auto involved = [steps](const View &view) {
+        view.needMark();
+        std::vector<Event> events;
+        News news;
+        for (const Event &event : view.events) {
+            if (news.is(event) && event.time >= view.mark &&
+                std::any_of(steps.begin(), steps.end(),
+                            [&](const Step &step) { return step.matches(event); }))
+                events.push_back(event);
+        }
+        return events;
+    };
+    const auto right = [steps](const std::vector<Event> &events) {
+        size_t count = 0;
+        while (count < std::min(events.size(), steps.size()) && steps[count].matches(events[count]))
+            count++;
+        return count;
+    };
+    std::string wanted = "order";
+    for (const Step &step : steps)
+        wanted += " " + step.shown();
+    return {wanted, [=](const View &view) { return right(involved(view)) == steps.size(); },
+            [=](const View &view) {
+                const std::vector<Event> events = involved(view);
+                const size_t count = right(events);
+                const auto shown = [&](size_t i) {
+                    const std::string text = shownText(events[i]);
+                    return Step{kindName(events[i].kind), text.substr(0, text.find('\n'))}.shown();
+                };
+                if (count == steps.size())
+                    return std::string("that");
+                const std::string before = count > 0 ? shown(count - 1) + ", then " : "";
+                return before + (count < events.size()
+                                     ? shown(count) + " instead of " + steps[count].shown()
+                                     : "no " + steps[count].shown());
+            }};
 }
 
 /// Waits until the condition holds, for as long as it has to; gives whether it did.
@@ -366,6 +454,8 @@ struct Kind {
     const char *description;
     std::vector<std::pair<const char *, const char *>> arguments; ///< names and descriptions
     std::function<Condition(const Options &)> make;
+    std::pair<const char *, const char *> more{}; ///< any number of words behind those
+    const char *footer = "";
 };
 
 const std::vector<Kind> &kinds()
@@ -378,7 +468,12 @@ const std::vector<Kind> &kinds()
         {"blink",
          "The LEDs go through patterns in a steady beat",
          {{"FLAGS/FLAGS...", "The patterns of one cycle: 010101/110000"}},
-         [](const Options &options) { return blinks(options); }},
+         [](const Options &options) { return blinks(options); },
+         {"BEAT", "What is known of the beat, see below"},
+         "BEAT is any of:\n"
+         "  period TIME        of the whole cycle (1s)\n"
+         "  for TIME           how long it has to go on (two periods)\n"
+         "  tolerance PERCENT  of the time each pattern shows (25%)"},
         {"mode",
          "The display is in a mode",
          {{"KEYWORD", "locateme and so on, or its number"}},
@@ -409,6 +504,15 @@ const std::vector<Kind> &kinds()
          "The daemon ended, since the mark",
          {{"STATUS", "Its exit status; 128 and the number for a signal"}},
          [](const Options &options) { return exits(options.words[0]); }},
+        {"order",
+         "Events happened in this order, since the mark",
+         {},
+         [](const Options &options) { return happensInOrder(options); },
+         {"EVENT", "A kind, and if need be words of its text: store wanAddress"},
+         "Of all events that any EVENT is about, those since the mark begin with these, in\n"
+         "this order; what else happens does not matter. Kinds and texts are those that\n"
+         "kelo-board events prints, a text being whole words. For example:\n"
+         "  kelo-board expect order log \"New IPv6 address\" store wanAddress omci"},
     };
     return all;
 }
@@ -441,13 +545,9 @@ void addExpect(Cli &cli)
             condition
                 ->add_option(kind.arguments[i].first, options->words[i], kind.arguments[i].second)
                 ->required();
-        if (kind.name == std::string("blink")) {
-            condition->add_option("BEAT", options->beat, "What is known of the beat, see below");
-            condition->footer("BEAT is any of:\n"
-                              "  period TIME        of the whole cycle (1s)\n"
-                              "  for TIME           how long it has to go on (two periods)\n"
-                              "  tolerance PERCENT  of the time each pattern shows (25%)");
-        }
+        if (kind.more.first)
+            condition->add_option(kind.more.first, options->more, kind.more.second);
+        condition->footer(kind.footer);
         condition->group("Conditions");
         if (kind.name == std::string("mode"))
             cli.words[condition] = modeKeywords;

@@ -186,6 +186,10 @@ const BadUse badUses[] = {
     {"BlinkSame", {"expect", "blink", "000000/000000"}, "have to differ"},
     {"BlinkWord", {"expect", "blink", "000000/111111", "often"}, "unknown word \"often\""},
     {"BlinkValue", {"expect", "blink", "000000/111111", "for"}, "no length of time: \"\""},
+    {"OrderNothing", {"expect", "order"}, "an order takes two events at least"},
+    {"OrderOne", {"expect", "order", "log", "x"}, "an order takes two events at least"},
+    {"OrderKind", {"expect", "order", "address", "omci"}, "no kind of event: \"address\" (leds, "},
+    {"OrderTexts", {"expect", "order", "log", "a", "b"}, "no kind of event: \"b\""},
     {"BlinkZero", {"expect", "blink", "000000/111111", "period", "0"}, "no period: \"0\""},
     {"RunNothing", {"run"}, "FILE is required"},
     {"RunMissing", {"run", "/nonexistent"}, "/nonexistent"},
@@ -666,10 +670,49 @@ const Expectation expectations[] = {
     {"Snapshot", {"snapshot", "lan1.in", "5"}, "lan1.in"},
     {"Calls", {"calls", "reboot"}, "calls nothing"},
     {"Exit", {"exit", "0"}, "the daemon running"},
+    {"OrderNone", {"order", "omci", "store"}, "no omci"},
+    {"NotOrder", {"--not", "order", "log", "0 -> 1", "mode", "signal"}, "that"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Failing, Expect, testing::ValuesIn(expectations),
                          [](const auto &test) { return test.param.name; });
+
+TEST_F(OnBoard, ExpectSeesTheOrderOfEvents)
+{
+    succeeds({"mark"});
+    succeeds({"ip", "-6", "addr", "add", "2001:db8::1/64", "dev", "nas0_0", "nodad"});
+    succeeds({"expect", "order", "log", "New IPv6 address", "store", "wanAddress", "store",
+              "wanAddressLen 64", "omci"});
+    // What no event of the order is about may come in between, before and after.
+    succeeds({"expect", "order", "log", "omci"});
+    succeeds({"ip", "-6", "addr", "add", "2001:db8::2/48", "dev", "nas0_0", "nodad"});
+    succeeds({"expect", "omci", "2"});
+
+    const std::string first = "store \"Kelo_Ipv6Status wanAddress \"2001:db8::1\"\"";
+    const std::string length = "store \"Kelo_Ipv6Status wanAddressLen 64\"";
+    const std::pair<Words, std::string> wrong[] = {
+        {{"store", "wanAddressLen", "store", "wanAddress"},
+         first + " instead of store \"wanAddressLen\""},
+        {{"store", "wanAddress", "store", "wanAddress", "store", "wanAddressLen"},
+         first + ", then " + length + " instead of store \"wanAddress\""},
+        {{"omci", "omci", "omci"}, "omci \"set update_ip\", then no omci"},
+        {{"store", "Address", "omci"}, "omci \"set update_ip\" instead of store \"Address\""}};
+    for (const auto &[order, saw] : wrong) {
+        Words arguments{"expect", "--within", "200ms", "order"};
+        arguments.insert(arguments.end(), order.begin(), order.end());
+        const Outcome outcome = on(arguments);
+        EXPECT_EQ(1, outcome.status);
+        EXPECT_TRUE(linesOf(outcome.err).at(0).ends_with(" within 200ms, saw " + saw))
+            << outcome.err;
+    }
+    // The LEDs are written again and again, and a change is one event.
+    succeeds({"mark"});
+    succeeds({"mode", "errora12"});
+    succeeds({"expect", "--within", "2s", "order", "log", "received \"errora12\"", "mode",
+              "errora12", "leds", "010000"});
+    succeeds({"mode", "signal"});
+    succeeds({"expect", "order", "leds", "010000", "leds", "110000"});
+}
 
 TEST_F(OnBoard, ExpectSeesAWrongBeat)
 {
