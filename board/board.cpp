@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
@@ -247,6 +248,7 @@ void Board::startBy(const std::vector<std::string> &command)
         const std::lock_guard lock(mutex_);
         if (child_ > 0)
             throw std::runtime_error("the daemon runs already");
+        asked_ = 0;
         child_ = spawnApart(insideRoot(command),
                             {nothing.get(), log_.write.get(), log_.write.get()}, environment_);
         childEnd_ = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, child_, 0)));
@@ -265,6 +267,15 @@ void Board::stopDaemon()
     }
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return child_ < 0; });
+}
+
+bool Board::signalDaemon(int signal)
+{
+    {
+        const std::lock_guard lock(mutex_);
+        asked_ = signal;
+    }
+    return Access::signalDaemon(signal);
 }
 
 std::vector<Event> Board::events(size_t from) const
@@ -489,7 +500,11 @@ void Board::reapDaemon()
     const int status = waitFor(child_);
     child_ = -1;
     childEnd_.reset();
-    append(EventKind::Exit, std::to_string(status));
+    // Who detaches leaves the daemon behind.
+    const bool asked = asked_ ? status == 0 || status == 128 + asked_ : status == 0 && daemon();
+    append(EventKind::Exit, (status > 128 ? std::string("signal ") + sigabbrev_np(status - 128)
+                                          : "status " + std::to_string(status)) +
+                                (asked ? "" : " unasked"));
 }
 
 } // namespace kelo

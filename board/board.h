@@ -34,7 +34,8 @@ enum class EventKind {
     Laser,    ///< received optical power was turned; text: dBm
     Gpon,     ///< GPON ONU state was turned; text: the state
     Button,   ///< the reset button was moved; text: its value
-    Exit,     ///< the program that was started ended; text: its exit status, as a shell has it
+    Exit,     ///< the daemon ended; text: "status NUMBER" or "signal NAME", and "unasked" behind
+              ///< that when nobody asked for it
 };
 
 /// The kind's name in lower case: "leds", "log", ...
@@ -72,6 +73,8 @@ public:
     void startBy(const std::vector<std::string> &command);
     /// Ends the daemon with a signal, if it runs, and waits until it is gone.
     void stopDaemon();
+    /// Sends the daemon a signal; false when none runs. An end by it is asked for.
+    bool signalDaemon(int signal);
 
     /// All that is kept of the record, or what happened since a place in it.
     std::vector<Event> events(size_t from = 0) const;
@@ -129,6 +132,7 @@ private:
     size_t count_ = 0;          ///< how many there have been
     Clock::time_point keptSince_{};
     pid_t child_ = -1; ///< the started program, until it ends
+    int asked_ = 0;    ///< the signal that it got last
     Descriptor childEnd_;
     bool ending_ = false;
     std::thread recorder_;

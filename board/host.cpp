@@ -129,13 +129,15 @@ void Host::start(const std::vector<std::string> &arguments, int speed)
                  ++event) {
                 if (event->kind == EventKind::Call && event->text == firstTick)
                     return true;
-                ended |= event->kind == EventKind::Exit && !(detaches && event->text == "0");
+                ended |= event->kind == EventKind::Exit && !(detaches && event->text == "status 0");
             }
             return ended;
         },
         startDeadline);
-    if (ended)
+    if (ended) {
+        accepted_ = Clock::now(); // this tells of it
         throw std::runtime_error("the daemon ended at once" + lastLog(board_.events(from)));
+    }
     if (!runs)
         throw std::runtime_error("the daemon did not get going" + lastLog(board_.events(from)));
 }
@@ -209,6 +211,11 @@ void Host::answer(Client &client, const std::string &request)
         watch(client, toTime(arguments[0]));
     } else if (verb == "mark") {
         mark_ = Clock::now();
+    } else if (verb == "accept") {
+        accepted_ = Clock::now();
+    } else if (verb == "signal" && !arguments.empty()) {
+        if (!board_.signalDaemon(atoi(arguments[0].c_str())))
+            throw std::runtime_error("the daemon does not run");
     } else if (verb == "start" && !arguments.empty()) {
         startDaemon({arguments.begin() + 1, arguments.end()}, atoi(arguments[0].c_str()));
     } else if (verb == "stop") {
@@ -267,7 +274,7 @@ std::string Host::state() const
         text << kindName(kind) << ' ' << last[kind] << '\n';
     text << "pid " << getpid() << "\ndaemon " << board_.daemon().value_or(0) << "\nstart "
          << toText(startTime_) << "\nsince " << toText(board_.keptSince()) << "\nmark "
-         << toText(mark_) << '\n';
+         << toText(mark_) << "\naccepted " << toText(accepted_) << '\n';
     return text.str();
 }
 

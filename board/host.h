@@ -24,6 +24,8 @@ public:
 
     const Board &board() const { return board_; }
     Clock::time_point startTime() const { return startTime_; }
+    /// An end of the daemon before this, which nobody asked for, is known and accepted.
+    Clock::time_point accepted() const { return accepted_; }
 
     /// Starts the daemon, whose clock runs at a multiple of the real one, and waits until its event
     /// loop runs. Throws std::runtime_error that says why it does not.
@@ -61,6 +63,7 @@ private:
     std::vector<std::string> arguments_;
     int speed_ = 1;
     std::atomic<Clock::time_point> mark_{Clock::now()};
+    std::atomic<Clock::time_point> accepted_{Clock::time_point()};
     std::atomic<bool> down_{false};
     std::atomic<bool> ending_{false};
     Pipe end_;

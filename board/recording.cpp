@@ -102,7 +102,7 @@ void recordEvent(Recorder &recorder, const Event &event)
         recorder.set("omci", event.text);
         break;
     case EventKind::Exit:
-        recorder.set("daemon_exit", "exit status " + event.text);
+        recorder.set("daemon_exit", "exit " + event.text);
         break;
     default:
         break;

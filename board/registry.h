@@ -9,6 +9,8 @@
 ///                   "TIME KIND TEXT" each, then "now", then events as they come, then "end" where
 ///                   somebody asked the board to end
 ///   mark            events count from here on
+///   accept          an end of the daemon that nobody asked for was meant
+///   signal NUMBER   to the daemon, whose end by it is asked for then
 ///   start SPEED [OPTION...], stop, restart    of the daemon
 ///   hold, release   the reset button
 ///   down            ends the board
@@ -77,7 +79,7 @@ std::optional<Place> findBoard(const std::string &name);
 
 /// What a board has one of: "leds", "mode", "button", "laser", "gpon", "daemon" (its process, 0
 /// while none runs), "pid" (of the program that runs the board), "start", "mark" and "since", from
-/// when on the record is kept (times).
+/// when on the record is kept, and "accepted", of the last request of that name (times).
 std::map<std::string, std::string> stateOf(const std::string &board);
 
 /// Adds what happened on a board from a time on until now, and first what held then, as if it had

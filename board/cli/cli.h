@@ -122,10 +122,16 @@ unsigned long long toNumber(const std::string &text);
 /// A length of time: "3", "1.5s", "250ms", "2m". Throws UsageError.
 Clock::duration toDuration(const std::string &text);
 
+/// Tells the ends of the daemon that matter to a test: those that nobody asked for.
+bool isUnasked(const Event &event);
+/// Such an end in a line, and the last log records before it in a line each.
+std::string unaskedText(const Event &exit, const std::vector<Event> &events);
+
 /// Says on standard error that a record is kept from a time after the board's start only.
 void sayRecordBegins(Clock::duration time);
 
-/// Lets time pass on a running board. Throws BoardGone when the board ends.
-void letPass(const std::string &board, Clock::duration time);
+/// Lets time pass on a running board. Throws BoardGone when the board ends, and Failure when the
+/// daemon did so unasked since the mark, or does, unless that is allowed.
+void letPass(const std::string &board, Clock::duration time, bool allowExit);
 
 } // namespace kelo

@@ -137,12 +137,47 @@ void sayRecordBegins(Clock::duration time)
             std::chrono::duration<double>(time).count());
 }
 
-void letPass(const std::string &board, Clock::duration time)
+bool isUnasked(const Event &event)
+{
+    return event.kind == EventKind::Exit && event.text.ends_with(" unasked");
+}
+
+std::string unaskedText(const Event &exit, const std::vector<Event> &events)
+{
+    constexpr size_t records = 5;
+    std::string text = "the daemon ended with " + exit.text.substr(0, exit.text.rfind(' ')) +
+                       ", and nobody asked it to";
+    std::vector<std::string> log;
+    for (const Event &event : events) {
+        if (event.kind == EventKind::Log && event.time <= exit.time)
+            log.push_back(event.text);
+    }
+    for (size_t i = log.size() - std::min(log.size(), records); i < log.size(); i++) {
+        std::erase(log[i], '\n');
+        text += "\n  " + log[i];
+    }
+    return text;
+}
+
+void letPass(const std::string &board, Clock::duration time, bool allowExit)
 {
     const Clock::time_point end = Clock::now() + time;
-    Connection connection(board, "watch " + toText(Clock::now()));
-    while (connection.line(end))
-        ;
+    auto state = stateOf(board);
+    const Clock::time_point from = std::max(toTime(state["mark"]), toTime(state["accepted"]));
+    std::vector<Event> events;
+    Connection connection(board, "watch " + toText(allowExit ? Clock::now() : from));
+    // At first what was is read, however little time is to pass.
+    for (bool isUpToDate = false;;) {
+        const auto line = connection.line(isUpToDate ? end : Clock::time_point::max());
+        if (!line)
+            return;
+        isUpToDate |= line == "now";
+        const std::optional<Event> event = allowExit ? std::nullopt : fromLine(*line);
+        if (event && event->kind == EventKind::Log)
+            events.push_back(*event);
+        if (event && isUnasked(*event) && event->time >= from)
+            throw Failure(unaskedText(*event, events));
+    }
 }
 
 } // namespace kelo

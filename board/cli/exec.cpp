@@ -53,9 +53,7 @@ void addDaemon(Cli &cli)
     const auto name = std::make_shared<std::string>();
     CLI::App *const signalCommand =
         cli.add(daemonGroup, "signal", "Send the daemon a signal", [&cli, name] {
-            const int number = signalNumber(*name);
-            if (!cli.running().signalDaemon(number))
-                throw Failure("the daemon does not run");
+            request(cli.board, "signal " + std::to_string(signalNumber(*name)));
             return 0;
         });
     signalCommand->add_option("SIGNAL", *name, "Name or number: TERM, STOP, CONT, 9")->required();

@@ -6,13 +6,16 @@
 #include "waveform.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
+#include <cstring>
 
 namespace kelo {
 
 namespace {
 
 constexpr auto shownBefore = std::chrono::seconds(8);
+constexpr char allowExitHelp[] = "The daemon may end though nobody asked it to";
 constexpr char statusNode[] = "Kelo_Ipv6Status";
 constexpr const char *functions[] = {"reboot", "restoreDefaultBg", "getLaserInfo", "getGponState",
                                      "getPortBytes"};
@@ -21,6 +24,7 @@ struct Options {
     std::string within = "5s";
     std::string length = "0s";
     bool negate = false;
+    bool allowExit = false;
     std::string words[2];
     std::vector<std::string> more; ///< of blink, what is known of the beat; of order, the events
 };
@@ -30,7 +34,8 @@ struct View {
     Access board;
     std::vector<Event> events;
     Clock::time_point mark;
-    bool isWhole; ///< whether everything since the mark is there
+    Clock::time_point exitsFrom; ///< from when on an end of the daemon has to be asked for
+    bool isWhole;                ///< whether everything since the mark is there
 
     const Event *last(EventKind kind) const
     {
@@ -214,12 +219,27 @@ Condition calls(const std::string &function)
             }};
 }
 
+/// The exit status as a shell has it, of the text of an event.
+int exitStatus(const std::string &text)
+{
+    std::istringstream words(text);
+    std::string how;
+    std::string which;
+    words >> how >> which;
+    for (int number = 1; number < NSIG; number++) {
+        const char *const name = sigabbrev_np(number);
+        if (how == "signal" && name && which == name)
+            return 128 + number;
+    }
+    return atoi(which.c_str());
+}
+
 Condition exits(const std::string &status)
 {
     toNumber(status);
     const auto last = [](const View &view) {
         const auto exitTexts = view.marked(EventKind::Exit);
-        return exitTexts.empty() ? "" : exitTexts.back();
+        return exitTexts.empty() ? "" : std::to_string(exitStatus(exitTexts.back()));
     };
     return {"exit " + status, [=](const View &view) { return last(view) == status; },
             [=](const View &view) {
@@ -396,7 +416,8 @@ Condition happensInOrder(const Options &options)
             }};
 }
 
-/// Waits until the condition holds, for as long as it has to; gives whether it did.
+/// Waits until the condition holds, for as long as it has to; gives whether it did. Throws Failure
+/// when the daemon ends unasked.
 bool await(Connection &connection, const Condition &condition, bool negate, Clock::time_point limit,
            Clock::duration length, View &view)
 {
@@ -421,6 +442,9 @@ bool await(Connection &connection, const Condition &condition, bool negate, Cloc
             upToDate = true;
         else if (line)
             view.events.push_back(fromLine(*line).value());
+        if (line && line != "now" && isUnasked(view.events.back()) &&
+            view.events.back().time >= view.exitsFrom)
+            throw Failure(unaskedText(view.events.back(), view.events));
     }
 }
 
@@ -432,12 +456,20 @@ int expect(const Cli &cli, const Options &options, const Condition &condition)
     const Clock::time_point begin = Clock::now();
     const Clock::time_point start = toTime(state["start"]);
     const Clock::time_point mark = toTime(state["mark"]);
-    View view{cli.running(), {}, mark, toTime(state["since"]) <= mark};
+    View view{cli.running(),
+              {},
+              mark,
+              options.allowExit ? Clock::time_point::max()
+                                : std::max(mark, toTime(state["accepted"])),
+              toTime(state["since"]) <= mark};
 
     Connection connection(cli.board, "watch " + toText(std::min(view.mark, begin - shownBefore)));
     if (await(connection, condition, options.negate, begin + within + condition.takes, length,
-              view))
+              view)) {
+        if (options.allowExit)
+            request(cli.board, "accept");
         return 0;
+    }
 
     const Clock::time_point end = Clock::now();
     fprintf(stderr, "kelo-board: expected %s%s%s within %s, saw %s\n", options.negate ? "not " : "",
@@ -453,7 +485,7 @@ struct Kind {
     const char *name;
     const char *description;
     std::vector<std::pair<const char *, const char *>> arguments; ///< names and descriptions
-    std::function<Condition(const Options &)> make;
+    std::function<Condition(Options &)> make;
     std::pair<const char *, const char *> more{}; ///< any number of words behind those
     const char *footer = "";
 };
@@ -503,7 +535,10 @@ const std::vector<Kind> &kinds()
         {"exit",
          "The daemon ended, since the mark",
          {{"STATUS", "Its exit status; 128 and the number for a signal"}},
-         [](const Options &options) { return exits(options.words[0]); }},
+         [](Options &options) {
+             options.allowExit = true;
+             return exits(options.words[0]);
+         }},
         {"order",
          "Events happened in this order, since the mark",
          {},
@@ -534,13 +569,16 @@ void addExpect(Cli &cli)
         ->capture_default_str();
     command->add_flag("--not", options->negate,
                       "Wait until it does not hold; with --for, for that long");
+    command->add_flag("--allow-exit", options->allowExit, allowExitHelp);
     command->footer("TIME is 3, 1.5s, 250ms or 2m. The mark is the daemon's start, or later where\n"
                     "kelo-board mark put it.");
     for (const Kind &kind : kinds()) {
         const auto make = kind.make;
         CLI::App *const condition =
-            cli.addTo(*command, kind.name, kind.description,
-                      [&cli, options, make] { return expect(cli, *options, make(*options)); });
+            cli.addTo(*command, kind.name, kind.description, [&cli, options, make] {
+                const Condition wanted = make(*options);
+                return expect(cli, *options, wanted);
+            });
         for (size_t i = 0; i < kind.arguments.size(); i++)
             condition
                 ->add_option(kind.arguments[i].first, options->words[i], kind.arguments[i].second)
@@ -553,14 +591,16 @@ void addExpect(Cli &cli)
             cli.words[condition] = modeKeywords;
     }
 
-    const auto time = std::make_shared<std::string>();
-    cli.add(testGroup, "wait", "Let time pass; fails when the board ends meanwhile",
-            [&cli, time] {
-                letPass(cli.board, toDuration(*time));
-                return 0;
-            })
-        ->add_option("TIME", *time, "How long: 3, 1.5s, 250ms, 2m")
-        ->required();
+    CLI::App *const wait =
+        cli.add(testGroup, "wait", "Let time pass; fails when the board or the daemon ends",
+                [&cli, options] {
+                    letPass(cli.board, toDuration(options->length), options->allowExit);
+                    if (options->allowExit)
+                        request(cli.board, "accept");
+                    return 0;
+                });
+    wait->add_option("TIME", options->length, "How long: 3, 1.5s, 250ms, 2m")->required();
+    wait->add_flag("--allow-exit", options->allowExit, allowExitHelp);
 
     cli.add(testGroup, "mark", "Let expect look at nothing older than this", [&cli] {
         request(cli.board, "mark");

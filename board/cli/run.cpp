@@ -24,6 +24,7 @@ struct RunOptions {
     unsigned jobs = 2 * std::max(1U, std::thread::hardware_concurrency());
     std::string junit;
     std::string limit = "2m";
+    std::string form;
     bool show = false;
 };
 
@@ -47,12 +48,29 @@ void takeOutput(int descriptor, bool show, Outcome &outcome)
     }
 }
 
+/// Runs a script, given as $0, in bash, which can trace the commands without anything in the script
+/// taking notice, into the file $1; elsewhere in any shell, untraced.
+constexpr char launcher[] = "[ -n \"$(command -v bash)\" ] || exec sh -eu \"$0\"\n"
+                            "exec bash --posix -c 'exec {BASH_XTRACEFD}> \"$1\"; shift\n"
+                            "PS4=\"\1\\$LINENO: \"; set -eux; . \"$0\"' \"$0\" \"$1\"";
+
+/// Keeps of a trace what it says last: the line's number and the command.
+void takeTrace(int descriptor, std::string &trace)
+{
+    trace += readAll(descriptor);
+    trace.erase(0, trace.rfind('\1') + 1);
+}
+
 /// Runs a scenario's script to its end, its output shown or kept.
 void runScript(const std::string &file, const std::string &board, Host &host,
                const RunOptions &options, Outcome &outcome)
 {
     const std::string self = std::filesystem::read_symlink("/proc/self/exe");
     const char *const path = getenv("PATH");
+    Pipe output = makePipe();
+    const Pipe trace = makePipe();
+    fcntl(output.read.get(), F_SETFL, O_NONBLOCK);
+    fcntl(trace.read.get(), F_SETFL, O_NONBLOCK);
     const std::vector<std::string> command = {
         "setpriv",
         "--pdeathsig",
@@ -61,10 +79,10 @@ void runScript(const std::string &file, const std::string &board, Host &host,
         "KELO_BOARD_NAME=" + board,
         "PATH=" + std::filesystem::path(self).parent_path().string() + ":" + (path ? path : ""),
         "sh",
-        "-eu",
-        file};
-    Pipe output = makePipe();
-    fcntl(output.read.get(), F_SETFL, O_NONBLOCK);
+        "-c",
+        launcher,
+        std::filesystem::absolute(file),
+        "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(trace.write.get())};
     const pid_t child = spawnApart(command, {-1, output.write.get(), output.write.get()});
     output.write.reset();
     const Descriptor end(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
@@ -72,6 +90,19 @@ void runScript(const std::string &file, const std::string &board, Host &host,
 
     EventPrinter printer(host.startTime());
     size_t seen = 0;
+    std::optional<Event> unasked;
+    std::string leds;
+    std::string last;
+    const auto takeEvents = [&](Clock::duration patience) {
+        for (const Event &event : host.board().next(seen, patience)) {
+            if (options.show)
+                printer.print(event);
+            if (isUnasked(event))
+                unasked = event;
+            if (event.kind == EventKind::Leds)
+                leds = event.text;
+        }
+    };
     bool running = true;
     bool late = false;
     bool ended = false;
@@ -80,12 +111,10 @@ void runScript(const std::string &file, const std::string &board, Host &host,
         poll(sources, std::size(sources), 20);
         running = !sources[0].revents;
         // What happened comes before what the script has to say of it.
-        for (const Event &event : host.board().next(seen, Clock::duration::zero())) {
-            if (options.show)
-                printer.print(event);
-        }
+        takeEvents(Clock::duration::zero());
         if (sources[1].revents & POLLIN)
             takeOutput(output.read.get(), options.show, outcome);
+        takeTrace(trace.read.get(), last);
         late = Clock::now() > limit;
         ended = host.wantsDown();
         if (running && (late || ended || interrupted))
@@ -94,14 +123,24 @@ void runScript(const std::string &file, const std::string &board, Host &host,
     kill(-child, SIGKILL); // whatever the script left behind
     const int status = waitFor(child);
     takeOutput(output.read.get(), options.show, outcome);
+    takeTrace(trace.read.get(), last);
+    if (!host.board().daemon())
+        takeEvents(std::chrono::milliseconds(100)); // its end may be still to come
+    std::erase(last, '\n');
+    const std::string place = last.empty() ? "" : "; last command, line " + last;
     if (interrupted)
-        outcome.failure = "interrupted";
+        outcome.failure = "interrupted" + place;
     else if (late)
-        outcome.failure = "still running after " + options.limit;
+        outcome.failure = "still running after " + options.limit + place + "; LEDs " + leds;
     else if (ended)
-        outcome.failure = "its board was asked to end";
+        outcome.failure = "its board was asked to end" + place;
     else if (status != 0)
-        outcome.failure = "exit status " + std::to_string(status);
+        outcome.failure = "exit status " + std::to_string(status) + place;
+    else if (unasked && unasked->time >= host.accepted()) {
+        const std::string text = unaskedText(*unasked, host.board().events());
+        outcome.failure = text.substr(0, text.find('\n'));
+        outcome.output += text.substr(outcome.failure.size()) + "\n";
+    }
 }
 
 Outcome runScenario(const std::string &file, const std::string &board, const RunOptions &options)
@@ -180,6 +219,8 @@ void writeJunit(const std::string &path, const std::vector<Outcome> &outcomes)
 int runAll(const RunOptions &options)
 {
     toDuration(options.limit);
+    if (!options.form.empty())
+        setenv("KELO_BOARD", options.form.c_str(), 1);
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
         signal(number, [](int) { interrupted = true; });
 
@@ -238,6 +279,8 @@ void addRun(Cli &cli)
     command->add_option("--limit", options->limit, "Longest time for one scenario")
         ->type_name("TIME")
         ->capture_default_str();
+    command->add_option("--on", options->form, "Form of the boards, such as host or mips")
+        ->type_name("FORM");
     command->add_flag("--show", options->show, "Show what happens, one scenario after the other");
 }
 

@@ -46,7 +46,8 @@ int press(const std::string &board, const std::string &time)
     request(board, "hold");
     // Let go before the value grows once more, which it does every second.
     letPass(board,
-            duration - std::min<Clock::duration>(duration / 10, std::chrono::milliseconds(100)));
+            duration - std::min<Clock::duration>(duration / 10, std::chrono::milliseconds(100)),
+            true);
     request(board, "release");
     return 0;
 }

@@ -112,7 +112,7 @@ private:
         screen_.put(row, 1, LEFT - 1, text, Colour::Plain, Screen::BOLD);
     }
 
-    bool ended() const { return !state_.running && !state_.exitStatus.empty(); }
+    bool ended() const { return !state_.running && !state_.exit.empty(); }
 
     void tooSmall()
     {
@@ -133,7 +133,7 @@ private:
         if (state_.running && view_.daemon)
             status = format("running, process %d", *view_.daemon);
         else if (ended())
-            status = "ENDED with exit status " + state_.exitStatus + ", R restarts";
+            status = "ENDED: " + state_.exit + ", R restarts";
         if (!ended())
             status += ", board up " + span(view_.now - view_.start);
         const int room = static_cast<int>(status.size());

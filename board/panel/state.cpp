@@ -40,7 +40,7 @@ void State::take(const Event &event)
         break;
     case EventKind::Exit:
         running = false;
-        exitStatus = event.text;
+        exit = event.text;
         break;
     default:
         break;

@@ -60,7 +60,7 @@ public:
     std::deque<LogLine> log;
     size_t logged = 0; ///< lines ever, also those that were dropped
     bool running = false;
-    std::string exitStatus; ///< of the daemon that ended last
+    std::string exit; ///< how the daemon ended last
 
 private:
     void takeLog(const Event &event);

@@ -212,7 +212,7 @@ protected:
         ASSERT_TRUE(board.signalDaemon(SIGTERM));
         constexpr int64_t forever = int64_t{1} << 60;
         ASSERT_EQ(ssize_t(sizeof forever), write(go.get(), &forever, sizeof forever));
-        EXPECT_TRUE(sees(EventKind::Exit, "0"));
+        EXPECT_TRUE(sees(EventKind::Exit, "status 0"));
     }
 };
 

@@ -849,7 +849,7 @@ TEST_F(Forgetful, KeepsWhatHoldsAndTheLatestAndSaysSo)
     succeeds({"expect", "omci", "0"});
     succeeds({"stop"});
     overflow();
-    EXPECT_EQ("0", json({"status", "--json"})["exit"]);
+    EXPECT_EQ("status 0", json({"status", "--json"})["exit"]);
 }
 
 TEST_F(OnBoard, TheFileOfCallsStaysShortAndNoCallIsLost)
@@ -915,6 +915,8 @@ TEST_F(Run, SumsUpWhatPassedAndWhatFailed)
     EXPECT_EQ(1, outcome.status);
     EXPECT_TRUE(has(outcome.out, "PASS  good ("));
     EXPECT_TRUE(has(outcome.out, "FAIL  bad ("));
+    EXPECT_TRUE(has(outcome.out, "exit status 1; last command, line 2: kelo-board expect --within "
+                                 "100ms leds 000111\n"));
     EXPECT_TRUE(has(outcome.out, "expected leds 000111 within 100ms, saw leds 110000"));
     EXPECT_TRUE(has(outcome.out, "GPIO 6"));
     EXPECT_TRUE(has(outcome.out, "2 scenarios, 1 failed\n"));
@@ -924,7 +926,7 @@ TEST_F(Run, SumsUpWhatPassedAndWhatFailed)
     const std::string xml = kelo::readFile(report);
     EXPECT_TRUE(has(xml, "<testsuite name=\"kelo-board\" tests=\"2\" failures=\"1\""));
     EXPECT_TRUE(has(xml, "<testcase classname=\"scenario\" name=\"good\""));
-    EXPECT_TRUE(has(xml, "<failure message=\"exit status 1\"/>"));
+    EXPECT_TRUE(has(xml, "<failure message=\"exit status 1; last command, line 2: kelo-board "));
     EXPECT_TRUE(has(xml, "&lt;before&gt; &amp; after"));
     EXPECT_EQ(0, runCommand({"xmllint", "--noout", report}).status);
 }
@@ -967,8 +969,109 @@ TEST_F(Run, EndsAScenarioThatTakesTooLong)
 {
     const Outcome outcome = kb({"run", "--limit", "500ms", file("slow", "kelo-board wait 100s\n")});
     EXPECT_EQ(1, outcome.status);
-    EXPECT_TRUE(has(outcome.out, "still running after 500ms"));
+    EXPECT_TRUE(has(outcome.out, "still running after 500ms; last command, line 1: kelo-board wait "
+                                 "100s; LEDs 110000\n"));
 }
+
+TEST_F(Run, NamesTheLineInAFunctionAndTracesNothingElse)
+{
+    const Outcome outcome = kb({"run", file("lines", "look()\n{\n    [ \"$1\" = 110000 ]\n}\n"
+                                                     "echo \"arguments: $#\"\n"
+                                                     "look \"$(kelo-board leds 2>&1)\"\n"
+                                                     "look other\n")});
+    EXPECT_EQ(1, outcome.status);
+    const Words lines = linesOf(outcome.out);
+    ASSERT_EQ(3U, lines.size()) << outcome.out;
+    EXPECT_TRUE(lines[0].ends_with(": exit status 1; last command, line 3: '[' other = 110000 ']'"))
+        << lines[0];
+    EXPECT_EQ("      arguments: 0", lines[1]);
+}
+
+TEST_F(Run, GetsByWithoutBash)
+{
+    const std::filesystem::path tools = folder / "tools";
+    std::filesystem::create_directory(tools);
+    for (const char *const from : {"/usr/sbin", "/usr/bin", "/sbin", "/bin"}) {
+        for (const auto &entry : std::filesystem::directory_iterator(from)) {
+            std::error_code known;
+            if (entry.path().filename() != "bash")
+                std::filesystem::create_symlink(entry.path(), tools / entry.path().filename(),
+                                                known);
+        }
+    }
+    const std::string script = file("plain", "[ -z \"${BASH_VERSION-}\" ]\n"
+                                             "kelo-board expect leds 110000\nfalse\n");
+    const Outcome outcome =
+        runCommand({"env", "PATH=" + tools.string(), KELO_BOARD_PROGRAM, "run", script});
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_TRUE(has(outcome.out, "): exit status 1\n1 scenario, 1 failed\n")) << outcome.out;
+}
+
+TEST_F(Run, TakesTheFormOfItsBoards)
+{
+    const std::string script = file("formed", "[ \"$KELO_BOARD\" = host ]\n");
+    EXPECT_EQ(0, kb({"run", "--on", "host", script}).status);
+    const Outcome outcome = kb({"run", "--on", "granite", script});
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_TRUE(has(outcome.out, "granite"));
+}
+
+/// Lines of a scenario that end the daemon behind the board's back.
+constexpr char crash[] = "kill -SEGV \"$(kelo-board list | awk -v name=\"$KELO_BOARD_NAME\" "
+                         "'$1 == name { print $3 }')\"\n";
+
+struct Ending {
+    const char *name;
+    std::string script;
+    const char *failure; ///< none: it passes
+};
+
+void PrintTo(const Ending &ending, std::ostream *stream)
+{
+    *stream << ending.name;
+}
+
+class EndOfTheDaemon : public Run, public testing::WithParamInterface<Ending> {};
+
+TEST_P(EndOfTheDaemon, FailsTheScenarioUnlessSomebodyAskedForIt)
+{
+    const Outcome outcome = kb({"run", "--limit", "60s", file("ending", GetParam().script)});
+    EXPECT_EQ(GetParam().failure ? 1 : 0, outcome.status) << outcome.out;
+    if (!GetParam().failure)
+        return;
+    EXPECT_TRUE(has(outcome.out, GetParam().failure));
+    EXPECT_TRUE(has(outcome.out, "the daemon ended with signal SEGV, and nobody asked it to\n"));
+    EXPECT_TRUE(has(outcome.out, " kelo-monitord: switch display mode 0 -> 1 ["));
+}
+
+const Ending endings[] = {
+    {"AtItsEnd", std::string(crash) + "sleep 1\n", "FAIL  ending ("},
+    {"BeforeWait", std::string(crash) + "kelo-board wait 100s\n", "line 2: kelo-board wait 100s\n"},
+    {"DuringWait", "(sleep 0.5; " + std::string(crash) + ") &\nkelo-board wait 100s\n",
+     "exit status 1; last command, line "},
+    {"BeforeExpect", std::string(crash) + "kelo-board expect --within 100s mode none\n",
+     "line 2: kelo-board expect"},
+    {"BeforeAnotherStart",
+     std::string(crash) + "until kelo-board start; do kelo-board wait --allow-exit 10ms; done\n" +
+         crash + "until kelo-board start; do :; done\n",
+     "FAIL  ending ("},
+    {"Expected", std::string(crash) + "kelo-board expect exit 139\nkelo-board wait 100ms\n",
+     nullptr},
+    {"NotAsExpected", std::string(crash) + "kelo-board expect --within 1s exit 0 || true\n",
+     "FAIL  ending ("},
+    {"AllowedByWait",
+     std::string(crash) + "kelo-board wait --allow-exit 300ms\nkelo-board wait 1ms\n", nullptr},
+    {"AllowedByExpect",
+     std::string(crash) + "kelo-board expect --allow-exit --for 300ms leds 110000\n", nullptr},
+    {"Signal", "kelo-board signal SEGV\nkelo-board expect exit 139\n", nullptr},
+    {"SignalAlone", "kelo-board signal KILL\nkelo-board wait 300ms\n", nullptr},
+    {"Stop", "kelo-board stop\nkelo-board wait 100ms\n", nullptr},
+    {"Restart", "kelo-board restart\nkelo-board wait 100ms\n", nullptr},
+    {"Detached", "kelo-board stop\nkelo-board start -- -d\nkelo-board wait 100ms\n", nullptr},
+};
+
+INSTANTIATE_TEST_SUITE_P(Each, EndOfTheDaemon, testing::ValuesIn(endings),
+                         [](const auto &test) { return test.param.name; });
 
 TEST_F(Run, AScenarioThatEndsItsBoardFails)
 {
