@@ -226,6 +226,16 @@ std::string Access::daemonFile(const std::string &name) const
     return isMachine() ? exec({"cat", file}).output : readFile(file);
 }
 
+std::string Access::daemonState() const
+{
+    const std::string stat = daemonFile("stat");
+    const size_t name = stat.rfind(") "); // see proc(5)
+    if (name == std::string::npos)
+        return "ended";
+    const char state = stat[name + 2];
+    return state == 'T' || state == 't' ? "stopped" : state == 'Z' ? "zombie" : "running";
+}
+
 bool Access::signalDaemon(int signal) const
 {
     const std::optional<pid_t> pid = daemon();

@@ -57,6 +57,8 @@ public:
     std::optional<pid_t> daemon() const;
     /// A file of the daemon's folder in /proc, such as "status".
     std::string daemonFile(const std::string &name) const;
+    /// "running", "stopped", "zombie" or "ended".
+    std::string daemonState() const;
     /// Sends the daemon a signal; false when none runs.
     bool signalDaemon(int signal) const;
 

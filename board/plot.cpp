@@ -25,7 +25,8 @@ constexpr double BAR = 14;  ///< a lane's height
 constexpr double GAP = 12;  ///< between groups of lanes
 constexpr double MIN_WIDTH = 0.8;
 constexpr size_t EVENT_LANES = 5;
-constexpr double SECOND = 100000; ///< in RecordingTick
+constexpr double CROWD_WIDTH = 80; ///< of "+3 more"
+constexpr double SECOND = 100000;  ///< in RecordingTick
 
 constexpr const char *modeNames[] = {"none",     "signal",  "reboot",   "restore",    "errora12",
                                      "locateme", "ledtest", "facttest", "facttesterr"};
@@ -213,6 +214,11 @@ private:
         std::vector<double> ends;
         const double top = y_;
         double lastBare = 0;
+        struct Crowd {
+            double begin;
+            int count;
+        };
+        std::vector<Crowd> crowds; ///< of marks without a text
         for (const auto &[time, text] : events) {
             const double left = x(static_cast<double>(time));
             const double width = Svg::textWidth(text) + 12;
@@ -222,6 +228,10 @@ private:
             while (lane < ends.size() && ends[lane] > begin)
                 lane++;
             if (lane >= EVENT_LANES) { // no room: the mark alone
+                if (crowds.empty() || (left - crowds.back().begin > CROWD_WIDTH &&
+                                       crowds.back().begin + 2 * CROWD_WIDTH <= WIDTH))
+                    crowds.push_back({std::min(left, WIDTH - CROWD_WIDTH), 0});
+                crowds.back().count++;
                 if (left - lastBare >= MIN_WIDTH) {
                     picture_.line("mark", left, top, left, top + BAR);
                     lastBare = left;
@@ -236,7 +246,10 @@ private:
             picture_.text("ink", flipped ? left - 6 : left + 6, y + BAR - 3, text,
                           flipped ? Svg::Anchor::End : Svg::Anchor::Start);
         }
-        y_ = top + static_cast<double>(ends.size()) * (BAR + 3) + GAP;
+        for (const Crowd &crowd : crowds)
+            picture_.text("muted", crowd.begin, top + EVENT_LANES * (BAR + 3) + BAR - 3,
+                          "+" + std::to_string(crowd.count) + " more");
+        y_ = top + static_cast<double>(ends.size() + !crowds.empty()) * (BAR + 3) + GAP;
     }
 
     void drawAxis()

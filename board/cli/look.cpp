@@ -129,18 +129,23 @@ int snapshot(const Cli &cli)
     return 0;
 }
 
+/// A reading as a number, as text where it is none, or null where there is no reading.
+nlohmann::json reading(const std::string &text)
+{
+    const nlohmann::json number = nlohmann::json::parse(text, nullptr, false);
+    return text.empty() ? nlohmann::json() : number.is_number() ? number : nlohmann::json(text);
+}
+
 int status(const Cli &cli)
 {
     auto state = stateOf(cli.board);
-    const bool runs = state["daemon"] != "0";
     nlohmann::ordered_json object{{"name", cli.board},
-                                  {"daemon", runs ? "running" : "ended"},
+                                  {"daemon", cli.running().daemonState()},
                                   {"mode", modeName(state["mode"])},
-                                  {"leds", state["leds"]},
-                                  {"laser", state["laser"]},
-                                  {"gpon", state["gpon"]},
-                                  {"button", state["button"]}};
-    if (!state["exit"].empty() && !runs)
+                                  {"leds", state["leds"]}};
+    for (const char *const key : {"laser", "gpon", "button"})
+        object[key] = cli.json ? reading(state[key]) : nlohmann::json(state[key]);
+    if (!state["exit"].empty() && object["daemon"] == "ended")
         object["exit"] = state["exit"];
     if (cli.json) {
         printJson(object);
@@ -181,7 +186,10 @@ void addLook(Cli &cli)
     const auto file = std::make_shared<std::string>("/");
     cli.add(lookGroup, "path", "Print where a board's file is for this machine",
             [&cli, file] {
-                puts(cli.running().path(*file).c_str());
+                const std::string path = cli.running().path(*file);
+                if (!std::filesystem::exists(std::filesystem::symlink_status(path)))
+                    throw Failure("the board has no " + *file);
+                puts(path.c_str());
                 return 0;
             })
         ->add_option("FILE", *file, "The file as the daemon names it")

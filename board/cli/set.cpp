@@ -1,6 +1,7 @@
 #include "cli.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 
 namespace kelo {
@@ -18,12 +19,14 @@ struct Values {
 
 std::string powerText(const std::string &text)
 {
-    float dbm;
-    char rest;
     if (text == "none")
         return "";
-    if (sscanf(text.c_str(), "%f%c", &dbm, &rest) != 1)
-        throw UsageError("no optical power: \"" + text + "\" (dBm, such as -18.5, or none)");
+    double dbm;
+    const char *const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, dbm);
+    if (result.ec != std::errc() || result.ptr != end || dbm < -100 || dbm > 40)
+        throw UsageError("no optical power: \"" + text +
+                         "\" (dBm from -100 to 40, such as -18.5, or nan or none)");
     return text;
 }
 
@@ -44,12 +47,23 @@ int press(const std::string &board, const std::string &time)
 {
     const Clock::duration duration = toDuration(time);
     request(board, "hold");
-    // Let go before the value grows once more, which it does every second.
+    // Let go well before the value grows once more, which it does every second.
     letPass(board,
-            duration - std::min<Clock::duration>(duration / 10, std::chrono::milliseconds(100)),
+            std::min<Clock::duration>(duration, std::chrono::ceil<std::chrono::seconds>(duration) -
+                                                    std::chrono::milliseconds(300)),
             true);
     request(board, "release");
     return 0;
+}
+
+void send(const Access &board, const std::string &text)
+{
+    const std::vector<std::string> known = modeKeywords();
+    if (std::none_of(known.begin(), known.end(),
+                     [&](const std::string &keyword) { return text.starts_with(keyword); }))
+        fprintf(stderr, "kelo-board: no display mode is called \"%s\"; sent it all the same\n",
+                text.c_str());
+    board.writeKeyword(text);
 }
 
 } // namespace
@@ -77,7 +91,7 @@ void addSet(Cli &cli)
                   cli.running().setLaser(power);
                   return 0;
               })
-        ->add_option("DBM", values->text, "dBm, such as -18.5, or none for no reading")
+        ->add_option("DBM", values->text, "dBm, such as -18.5; nan, or none for no reading")
         ->required();
 
     cli.addTo(*set, "gpon", "GPON ONU state",
@@ -145,7 +159,7 @@ void addMode(Cli &cli)
                     else if (stateOf(cli.board)["daemon"] == "0")
                         throw Failure("the daemon does not run (kelo-board start)");
                     else
-                        cli.running().writeKeyword(*keyword);
+                        send(cli.running(), *keyword);
                     return 0;
                 });
     command->add_option("KEYWORD", *keyword, "One of those below, or any text");

@@ -225,6 +225,26 @@ TEST(Plot, BarsLieWhereTheLedIsLit)
     EXPECT_EQ(zoomed, litBars(plot(recording, 0, 500000)));
 }
 
+TEST(Plot, CountsTheTextsThatItHasNoRoomFor)
+{
+    Recording recording;
+    recording.signals = {{"gpio6", Signal::Type::Bit}, {"omci", Signal::Type::Event}};
+    recording.length = 1000000;
+    for (const int64_t time : {100000, 500000, 999000}) {
+        for (int64_t event = 0; event < 7 + time / 250000; event++)
+            recording.signals[1].changes.push_back({time + event, "set update_ip"});
+    }
+    const std::string svg = plot(recording, 0, recording.length);
+    const std::regex text(">([^<]*)</text>");
+    std::map<std::string, int> texts;
+    for (std::sregex_iterator match(svg.begin(), svg.end(), text), end; match != end; ++match)
+        texts[(*match)[1]]++;
+    EXPECT_EQ(15, texts["omci set update_ip"]);
+    EXPECT_EQ(1, texts["+2 more"]);
+    EXPECT_EQ(1, texts["+4 more"]);
+    EXPECT_EQ(1, texts["+5 more"]);
+}
+
 TEST(Plot, LongRecordingStaysSmall)
 {
     Recording recording;

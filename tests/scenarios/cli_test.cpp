@@ -147,6 +147,10 @@ const BadUse badUses[] = {
     {"SetUnknown", {"set", "lasr", "-3"}, "unknown command: lasr (see kelo-board set --help)"},
     {"LaserNothing", {"set", "laser"}, "DBM is required (see kelo-board set laser --help)"},
     {"LaserWord", {"set", "laser", "bright"}, "no optical power: \"bright\""},
+    {"LaserInfinite", {"set", "laser", "inf"}, "no optical power: \"inf\""},
+    {"LaserBright", {"set", "laser", "40.1"}, "no optical power: \"40.1\" (dBm from -100 to 40"},
+    {"LaserDark", {"set", "laser", "-100.1"}, "no optical power: \"-100.1\""},
+    {"LaserEmpty", {"set", "laser", ""}, "no optical power: \"\""},
     {"LaserUnit", {"set", "laser", "-3dBm"}, "no optical power: \"-3dBm\""},
     {"GponWord", {"set", "gpon", "up"}, "STATE = up"},
     {"GponRange", {"set", "gpon", "99999999999"}, "STATE = 99999999999"},
@@ -467,7 +471,17 @@ TEST_F(OnBoard, PrintsJsonForScripts)
     const nlohmann::json status = json({"status", "--json"});
     EXPECT_EQ("running", status["daemon"]);
     EXPECT_EQ("signal", status["mode"]);
-    EXPECT_EQ("-18.5", status["laser"]);
+    EXPECT_EQ(-18.5, status["laser"]);
+    EXPECT_EQ(5, status["gpon"]);
+    EXPECT_EQ(0, status["button"]);
+    EXPECT_FALSE(status.contains("exit"));
+    for (const auto &[power, reading] :
+         {std::pair<const char *, nlohmann::json>{"none", nullptr}, {"nan", "nan"}, {"-3", -3}}) {
+        succeeds({"set", "laser", power});
+        EXPECT_TRUE(within(10s, [&] {
+            return json({"status", "--json"})["laser"] == reading;
+        })) << json({"status", "--json"});
+    }
 
     succeeds({"set", "port", "lan1", "18446744073709551615", "7"});
     succeeds({"expect", "snapshot", "lan1.counterOut", "7"});
@@ -478,7 +492,7 @@ TEST_F(OnBoard, PrintsJsonForScripts)
 
     EXPECT_EQ(false, json({"fault", "--json"})["omci-slow"]);
 
-    succeeds({"mode", "no\x01\xffse \"quoted\"\\"});
+    on({"mode", "no\x01\xffse \"quoted\"\\"});
     succeeds({"expect", "log", "se \"quoted\"\\"});
     double time = 0;
     for (const char *command : {"log", "events"}) {
@@ -590,8 +604,36 @@ TEST_F(OnBoard, PressLetsGoBeforeTheValueGrowsOnceMore)
     EXPECT_FALSE(has(events, "button    3\n"));
 }
 
+TEST_F(OnBoard, StatusTellsWhetherTheDaemonRuns)
+{
+    EXPECT_TRUE(has(on({"status"}).out, "daemon    running\n"));
+    succeeds({"signal", "STOP"});
+    EXPECT_TRUE(within(10s, [&] { return json({"status", "--json"})["daemon"] == "stopped"; }));
+    EXPECT_TRUE(has(on({"status"}).out, "daemon    stopped\n"));
+    succeeds({"signal", "CONT"});
+    EXPECT_TRUE(within(10s, [&] { return json({"status", "--json"})["daemon"] == "running"; }));
+    succeeds({"signal", "KILL"});
+    EXPECT_TRUE(within(10s, [&] { return has(on({"status"}).out, "exit      signal KILL\n"); }));
+    EXPECT_TRUE(has(on({"status"}).out, "daemon    ended\n"));
+}
+
+TEST_F(OnBoard, ModeWarnsOfAKeywordThatNoModeHas)
+{
+    const Outcome outcome = on({"mode", "locatme"});
+    EXPECT_EQ(0, outcome.status);
+    EXPECT_EQ("kelo-board: no display mode is called \"locatme\"; sent it all the same\n",
+              outcome.err);
+    succeeds({"expect", "log", "received \"locatme\""});
+    succeeds({"mode", "locateme, please"});
+    succeeds({"expect", "mode", "locateme"});
+}
+
 TEST_F(OnBoard, PathLeadsToTheBoardsFiles)
 {
+    const Outcome nowhere = on({"path", "/board/lasers"});
+    EXPECT_EQ(1, nowhere.status);
+    EXPECT_EQ("", nowhere.out);
+    EXPECT_EQ("kelo-board: the board has no /board/lasers\n", nowhere.err);
     const std::string path = on({"path", "/board/laser_rx_dbm"}).out;
     EXPECT_EQ("-18.5\n", kelo::readFile(path.substr(0, path.size() - 1)));
 }
@@ -775,24 +817,24 @@ TEST_F(OnBoard, EveryFaultComesAndGoes)
 
 TEST_F(OnBoard, ExpectCountsFromTheMark)
 {
-    succeeds({"mode", "nonsense"});
-    succeeds({"expect", "log", "received \"nonsense\""});
+    succeeds({"mode", "none"});
+    succeeds({"expect", "log", "received \"none\""});
     succeeds({"mark"});
-    EXPECT_EQ(1, on({"expect", "--within", "100ms", "log", "received \"nonsense\""}).status);
-    succeeds({"mode", "nonsense"});
-    succeeds({"expect", "log", "received \"nonsense\""});
+    EXPECT_EQ(1, on({"expect", "--within", "100ms", "log", "received \"none\""}).status);
+    succeeds({"mode", "none"});
+    succeeds({"expect", "log", "received \"none\""});
 }
 
 TEST_F(OnBoard, ExpectListsTheLatestOfMuch)
 {
     for (int i = 0; i < 60; i++)
-        succeeds({"mode", "word" + std::to_string(i)});
+        succeeds({"mode", "signal " + std::to_string(i)});
     const Outcome outcome = on({"expect", "--within", "1s", "mode", "none"});
     EXPECT_EQ(1, outcome.status);
     const Words lines = linesOf(outcome.err);
     EXPECT_EQ(1U + 6 + 1 + 1 + 50, lines.size()) << outcome.err;
     EXPECT_TRUE(has(outcome.err, " more before these)\n"));
-    EXPECT_TRUE(has(outcome.err, "received \"word59\""));
+    EXPECT_TRUE(has(outcome.err, "received \"signal 59\""));
 }
 
 /// A board that keeps little of what happened.
@@ -836,7 +878,7 @@ TEST_F(Forgetful, KeepsWhatHoldsAndTheLatestAndSaysSo)
     EXPECT_LT(events.out.size(), 1100000U);
     EXPECT_TRUE(has(on({"log"}).err, loss));
     EXPECT_EQ("errora12", json({"status", "--json"})["mode"]);
-    EXPECT_EQ("-20", json({"status", "--json"})["laser"]);
+    EXPECT_EQ(-20, json({"status", "--json"})["laser"]);
 
     succeeds({"expect", "mode", "errora12"});
     succeeds({"expect", "leds", "010000"});
