@@ -17,7 +17,7 @@ namespace kelo::panel {
 
 namespace {
 
-constexpr auto trafficStep = std::chrono::milliseconds(250);
+constexpr auto tickTime = std::chrono::milliseconds(250);
 constexpr auto pressTime = std::chrono::milliseconds(1300); // the daemon looks once a second
 constexpr int GPON_UP = 5;
 constexpr int GPON_DOWN = 3;
@@ -58,6 +58,7 @@ Access accessTo(const std::string &name)
 Controls::Controls(const std::string &name)
     : name_(name), board_(accessTo(name)), worker_(&Controls::work, this)
 {
+    later([this] { return tick(); });
 }
 
 Controls::~Controls()
@@ -124,11 +125,15 @@ void Controls::press()
 {
     later([this] {
         ask("hold");
-        std::unique_lock lock(mutex_);
-        changed_.wait_for(lock, pressTime, [this] { return ending_; });
-        lock.unlock();
-        ask("release");
-        return std::string("pressed the reset button and let go of it");
+        pressing_ = true;
+        later(
+            [this] {
+                pressing_ = false;
+                ask("release");
+                return std::string("pressed the reset button and let go of it");
+            },
+            pressTime);
+        return std::string();
     });
 }
 
@@ -199,6 +204,17 @@ void Controls::turnWanLink()
     });
 }
 
+void Controls::turnFault(const Fault &fault)
+{
+    later([this, fault] {
+        const bool on = !hasFault(board_, fault);
+        setFault(board_, fault, on);
+        lookUp();
+        return std::string(fault.name) + (on ? " is on: " : " is off; it was: ") +
+               fault.description;
+    });
+}
+
 void Controls::sendSignal(int number, const std::string &name)
 {
     later([this, number, name] {
@@ -254,48 +270,82 @@ std::optional<Message> Controls::message() const
     return message_;
 }
 
-void Controls::later(std::function<std::string()> job)
+Look Controls::look() const
+{
+    const std::lock_guard lock(mutex_);
+    return look_;
+}
+
+void Controls::later(std::function<std::string()> job, Clock::duration delay)
 {
     {
         const std::lock_guard lock(mutex_);
-        jobs_.push_back(std::move(job));
+        jobs_.emplace(Clock::now() + delay, std::move(job));
     }
     changed_.notify_all();
 }
 
 void Controls::work()
 {
-    Clock::time_point nextTraffic = Clock::now();
     std::unique_lock lock(mutex_);
     while (!ending_) {
-        changed_.wait_until(lock, nextTraffic, [this] { return ending_ || !jobs_.empty(); });
-        if (ending_)
-            return;
-        std::function<std::string()> job;
-        if (!jobs_.empty()) {
-            job = std::move(jobs_.front());
-            jobs_.pop_front();
+        if (jobs_.empty()) {
+            changed_.wait(lock);
+            continue;
         }
+        const Clock::time_point due = jobs_.begin()->first;
+        if (due > Clock::now()) {
+            changed_.wait_until(lock, due);
+            continue;
+        }
+        const std::function<std::string()> job = jobs_.extract(jobs_.begin()).mapped();
         lock.unlock();
         try {
-            if (job)
-                tell(job(), false);
-            if (Clock::now() >= nextTraffic) {
-                nextTraffic = Clock::now() + trafficStep;
-                if (traffic_)
-                    moveTraffic();
-            }
+            const std::string text = job();
+            if (!text.empty())
+                tell(text, false);
         } catch (const std::exception &error) {
             tell(firstLine(error.what()), true);
         }
         lock.lock();
     }
+    lock.unlock();
+    if (pressing_) {
+        try {
+            ask("release");
+        } catch (const std::exception &) {
+            // The board is gone, and its button.
+        }
+    }
+}
+
+std::string Controls::tick()
+{
+    later([this] { return tick(); }, tickTime);
+    if (traffic_)
+        moveTraffic();
+    if (ticks_++ % 2 == 0)
+        lookUp();
+    return {};
+}
+
+void Controls::lookUp()
+{
+    Look look;
+    look.process = board_.daemon();
+    look.daemon = board_.daemonState();
+    for (const Fault &fault : faults()) {
+        if (hasFault(board_, fault))
+            look.faults.push_back(fault.name);
+    }
+    const std::lock_guard lock(mutex_);
+    look_ = std::move(look);
 }
 
 /// Goes on from whatever the counters hold; a port that cannot be read stays so.
 void Controls::moveTraffic()
 {
-    const double step = std::chrono::duration<double>(trafficStep).count();
+    const double step = std::chrono::duration<double>(tickTime).count();
     trafficTime_ += step;
     for (size_t port = 0; port < busiest.size(); port++) {
         const int number = static_cast<int>(port) + 1;

@@ -1,15 +1,17 @@
 /// What a person does to the board from the panel. Nothing here waits: what takes time is done in
-/// the background, one thing after the other, and what came of it is told by message().
+/// the background, one thing after the other, and what came of it is told by message(). What no
+/// event tells of the board is looked up there, too.
 
 #pragma once
 
+#include "faults.h"
 #include "recording.h"
 #include "registry.h"
 
 #include <atomic>
 #include <condition_variable>
-#include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -21,6 +23,13 @@ struct Message {
     std::string text;
     bool failure = false;
     Clock::time_point time;
+};
+
+/// What no event tells.
+struct Look {
+    std::string daemon; ///< its state; empty before the first look
+    std::optional<pid_t> process;
+    std::vector<std::string> faults; ///< those that are on
 };
 
 class Controls {
@@ -56,6 +65,8 @@ public:
     /// Deletes the WAN link, or makes it again.
     void turnWanLink();
 
+    void turnFault(const Fault &fault);
+
     void sendSignal(int number, const std::string &name);
     void startDaemon(const std::vector<std::string> &arguments);
     void restartDaemon();
@@ -64,14 +75,17 @@ public:
     void savePicture(const std::string &path);
 
     std::optional<Message> message() const;
-
-    const Access &board() const { return board_; }
+    Look look() const;
 
 private:
-    /// Does something in the background; it returns what to tell, or throws.
-    void later(std::function<std::string()> job);
+    /// Does something in the background, now or after a while; it returns what to tell, if
+    /// anything, or throws.
+    void later(std::function<std::string()> job, Clock::duration delay = Clock::duration::zero());
     void work();
+    /// What is done over and over.
+    std::string tick();
     void moveTraffic();
+    void lookUp();
     void tell(const std::string &text, bool failure);
     /// Has the program that runs the board do something.
     void ask(const std::string &what) const;
@@ -89,11 +103,14 @@ private:
     std::string reading_ = "-18.5"; ///< before it was turned to none
     std::atomic<bool> traffic_{false};
     double trafficTime_ = 0;
+    unsigned ticks_ = 0;
+    bool pressing_ = false; ///< a job that lets go of the button is to come
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    std::deque<std::function<std::string()>> jobs_;
+    std::multimap<Clock::time_point, std::function<std::string()>> jobs_; ///< by when they are due
     std::optional<Message> message_;
+    Look look_;
     bool ending_ = false;
     std::thread worker_;
 };

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cwctype>
 
 namespace kelo::panel {
 
@@ -85,6 +87,8 @@ public:
             tooSmall();
         } else if (view_.help) {
             help();
+        } else if (view_.faults) {
+            faults();
         } else {
             title();
             leds();
@@ -130,11 +134,16 @@ private:
         screen_.put(0, 1, width_ / 2, "kelo-monitord on " + printable(view_.board), Colour::Title,
                     Screen::BOLD);
         std::string status = "starting";
-        if (state_.running && view_.daemon)
-            status = format("running, process %d", *view_.daemon);
-        else if (ended())
+        const bool works = view_.look.daemon == "running" && view_.look.process;
+        if (ended())
             status = "ENDED: " + state_.exit + ", R restarts";
-        if (!ended())
+        else if (view_.look.daemon == "stopped")
+            status = "STOPPED, s c lets it go on";
+        else if (view_.look.daemon == "zombie")
+            status = "ZOMBIE: dead, but not gone";
+        else if (state_.running && works)
+            status = format("running, process %d", *view_.look.process);
+        if (works && !ended())
             status += ", board up " + span(view_.now - view_.start);
         const int room = static_cast<int>(status.size());
         screen_.put(0, std::max(width_ / 2, width_ - room - 1), room, status, Colour::Title);
@@ -313,6 +322,7 @@ private:
                         Colour::Plain, Screen::DIM);
         }
         screen_.put(PORT_ROW, LEFT, 5, view_.traffic ? "busy" : "", Colour::Good);
+        faultList(PORT_ROW + 4, LEFT + half, half);
         for (size_t i = 0; i < portNames.size(); i++) {
             const int row = PORT_ROW + 1 + static_cast<int>(i % 4);
             const int column = LEFT + static_cast<int>(i / 4) * half;
@@ -330,6 +340,26 @@ private:
         }
     }
 
+    /// The faults that are on, as many as there is room for.
+    void faultList(int row, int column, int width)
+    {
+        const std::vector<std::string> &names = view_.look.faults;
+        if (names.empty())
+            return;
+        std::string text = "FAULTS";
+        for (size_t i = 0; i < names.size(); i++) {
+            const std::string rest = format(" +%zu", names.size() - i);
+            const bool isLast = i + 1 == names.size();
+            if (text.size() + 1 + names[i].size() + (isLast ? 0 : rest.size()) >
+                static_cast<size_t>(width)) {
+                text += rest;
+                break;
+            }
+            text += " " + names[i];
+        }
+        screen_.put(row, column, width, text, Colour::Bad, Screen::BOLD);
+    }
+
     void direction(int row, int column, int spark, const std::deque<long long> &history,
                    Colour colour)
     {
@@ -338,6 +368,18 @@ private:
     }
 
     std::vector<std::string> wrap(const LogLine &line) const;
+
+    /// What came of the latest key, as long as it is fresh.
+    bool message(int row)
+    {
+        if (!view_.message || view_.now - view_.message->time >= messageTime)
+            return false;
+        const bool failure = view_.message->failure;
+        screen_.put(row, 2, width_ - 4,
+                    (failure ? " FAILED: " : " ") + typed(view_.message->text) + " ",
+                    failure ? Colour::Bad : Colour::Good, Screen::BOLD);
+        return true;
+    }
 
     void log()
     {
@@ -348,14 +390,8 @@ private:
         title += view_.largeLog ? "makes it small " : "enlarges ";
         if (view_.scroll > 0)
             title = format(" Log, %d rows back, End returns ", view_.scroll);
-        if (view_.message && view_.now - view_.message->time < messageTime) {
-            const bool failure = view_.message->failure;
-            screen_.put(top, 2, width_ - 4,
-                        (failure ? " FAILED: " : " ") + printable(view_.message->text) + " ",
-                        failure ? Colour::Bad : Colour::Good, Screen::BOLD);
-        } else {
+        if (!message(top))
             screen_.put(top, 2, width_ - 4, title);
-        }
 
         int row = top + height + view_.scroll; // of the last row of the log, if all were shown
         for (auto line = state_.log.rbegin(); line != state_.log.rend() && row > top; ++line) {
@@ -372,23 +408,38 @@ private:
         }
     }
 
+    /// A text that a person typed, with what the screen cannot show spelled out.
+    std::string typed(const std::string &text) const
+    {
+        std::string result;
+        for (size_t i = 0; i < text.size();) {
+            wchar_t wide;
+            const int length = std::mbtowc(&wide, text.c_str() + i, text.size() - i);
+            const bool shows = length > 0 && std::iswprint(static_cast<wint_t>(wide));
+            const std::string character = text.substr(i, static_cast<size_t>(std::max(1, length)));
+            result += shows ? character : printable(character);
+            i += character.size();
+        }
+        return result;
+    }
+
     void lastRow()
     {
         const int row = screen_.rows() - 1;
         if (view_.prompt) {
             screen_.fill(row, 0, width_, " ", Colour::Title);
             // The end of a long text is where it is typed.
-            const size_t room = static_cast<size_t>(width_) - 2;
-            const std::string &text = *view_.prompt;
-            screen_.put(row, 1, width_ - 2,
-                        text.size() > room ? text.substr(text.size() - room) : text, Colour::Title);
+            std::string text = typed(*view_.prompt);
+            while (Screen::bytes(text, width_ - 2) < text.size())
+                text.erase(0, Screen::bytes(text, 1));
+            screen_.put(row, 1, width_ - 2, text, Colour::Title);
             return;
         }
         screen_.fill(row, 0, width_, " ", Colour::Title);
         screen_.put(
             row, 0, width_,
             std::string(" ? help  0-8 mode  + - power  g link  h r button  t traffic  w a IPv6") +
-                (view_.isOwn ? "  q quit" : "  q leave"),
+                (width_ >= 90 ? "  f faults" : "") + (view_.isOwn ? "  q quit" : "  q leave"),
             Colour::Title);
     }
 
@@ -405,6 +456,26 @@ private:
             screen_.put(row, column + 10, width_ / 2 - 11, lines[i].text);
         }
         screen_.put(screen_.rows() - 1, 1, width_ - 2, "Any key returns to the panel.");
+    }
+
+    void faults()
+    {
+        screen_.fill(0, 0, width_, " ", Colour::Title);
+        screen_.put(0, 1, width_ - 2, "Faults of the board", Colour::Title, Screen::BOLD);
+        int row = 2;
+        for (const Fault &fault : kelo::faults()) {
+            const auto &on = view_.look.faults;
+            const bool isOn = std::find(on.begin(), on.end(), fault.name) != on.end();
+            screen_.put(row, 1, 4, format("%d", row - 1), Colour::Cool, Screen::BOLD);
+            screen_.put(row, 5, 16, fault.name, isOn ? Colour::Bad : Colour::Plain,
+                        isOn ? Screen::BOLD : 0);
+            screen_.put(row, 22, 4, isOn ? "ON" : "off", isOn ? Colour::Bad : Colour::Plain,
+                        isOn ? Screen::BOLD : Screen::DIM);
+            screen_.put(row++, 27, width_ - 28, fault.description);
+        }
+        message(row + 1);
+        screen_.put(screen_.rows() - 1, 1, width_ - 2,
+                    "A digit turns a fault on or off, any other key returns to the panel.");
     }
 
     Screen &screen_;

@@ -27,13 +27,14 @@ struct View {
     bool isOwn = true;       ///< it ends with the panel
     Clock::time_point start; ///< from which the log counts its times
     Clock::time_point now;
-    std::optional<int> daemon; ///< its process
+    Look look;
     bool traffic = false;
     bool largeLog = false;
     int scroll = 0; ///< rows that the log is scrolled back
     std::optional<Message> message;
     std::optional<std::string> prompt;
     const std::vector<Help> *help = nullptr; ///< when the help screen is asked for
+    bool faults = false;                     ///< when the page of faults is
 };
 
 void draw(Screen &screen, const State &state, const View &view);

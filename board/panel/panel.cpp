@@ -18,7 +18,6 @@ namespace {
 
 constexpr double POWER_STEP = 0.5;
 constexpr auto updateTime = std::chrono::milliseconds(100);
-constexpr auto processCheck = std::chrono::milliseconds(500);
 constexpr int ESCAPE = 27;
 
 std::atomic<bool> interrupted;
@@ -37,11 +36,15 @@ struct Signal {
     int number;
     const char *name;
 };
-constexpr Signal terminationSignals[] = {{'t', SIGTERM, "TERM"},
-                                         {'i', SIGINT, "INT"},
-                                         {'h', SIGHUP, "HUP"},
-                                         {'q', SIGQUIT, "QUIT"},
-                                         {'k', SIGKILL, "KILL"}};
+constexpr Signal signals[] = {
+    {'t', SIGTERM, "TERM"}, {'i', SIGINT, "INT"},   {'h', SIGHUP, "HUP"},  {'q', SIGQUIT, "QUIT"},
+    {'k', SIGKILL, "KILL"}, {'s', SIGSTOP, "STOP"}, {'c', SIGCONT, "CONT"}};
+
+/// Whether a byte is not the first of its UTF-8 character.
+bool isFurther(char byte)
+{
+    return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
+}
 
 class Panel {
 public:
@@ -109,6 +112,7 @@ private:
         add('D', nullptr, nullptr, [this] { controls_.removeDefaultRoute(); });
         add('x', "x", "delete or make the WAN link", [this] { controls_.turnWanLink(); });
         add('s', "s", "send the daemon a signal", [this] { askForSignal(); });
+        add('f', "f", "see and set faults", [this] { breaking_ = true; });
         add('R', "R", "restart the daemon", [this] { controls_.restartDaemon(); });
         add('v', "v", "save the recording (VCD)", [this] { askForRecording(); });
         add('p', "p", "save its picture (SVG, PNG)", [this] { askForPicture(); });
@@ -135,6 +139,12 @@ private:
             takeInPrompt(key);
         } else if (helping_) {
             helping_ = false;
+        } else if (breaking_) {
+            const auto number = static_cast<size_t>(key - '1');
+            if (key >= '1' && number < faults().size())
+                controls_.turnFault(faults()[number]);
+            else
+                breaking_ = false;
         } else if (const auto action = actions_.find(key); action != actions_.end()) {
             action->second();
         }
@@ -145,7 +155,7 @@ private:
         if (key == ESCAPE || key == 'G' - '@') {
             prompt_.reset();
         } else if (!prompt_->done) {
-            for (const Signal &signal : terminationSignals) {
+            for (const Signal &signal : signals) {
                 if (key == signal.key)
                     controls_.sendSignal(signal.number, signal.name);
             }
@@ -156,20 +166,22 @@ private:
             if (!prompt.text.empty())
                 prompt.done(prompt.text);
         } else if (key == KEY_BACKSPACE || key == 127 || key == '\b') {
+            while (!prompt_->text.empty() && isFurther(prompt_->text.back()))
+                prompt_->text.pop_back();
             if (!prompt_->text.empty())
                 prompt_->text.pop_back();
         } else if (key == 'U' - '@') {
             prompt_->text.clear();
-        } else if (key >= ' ' && key <= '~') {
+        } else if ((key >= ' ' && key <= '~') || (key > 127 && key < 256)) {
             prompt_->text += static_cast<char>(key);
         }
     }
 
     void askForSignal()
     {
-        std::string label = "Send";
-        for (const Signal &signal : terminationSignals)
-            label += std::string("  ") + signal.key + " SIG" + signal.name;
+        std::string label = "Send SIG...";
+        for (const Signal &signal : signals)
+            label += std::string("  ") + signal.key + " " + signal.name;
         prompt_ = Prompt{label + "  (Esc: none)", "", nullptr};
     }
 
@@ -218,11 +230,6 @@ private:
                 rows += logRows(*line, screen_.columns());
             scrollBy(rows);
         }
-        const auto now = Clock::now();
-        if (now >= nextProcessCheck_) {
-            nextProcessCheck_ = now + processCheck;
-            daemon_ = controls_.board().daemon();
-        }
     }
 
     void show()
@@ -232,7 +239,7 @@ private:
         view.isOwn = isOwn_;
         view.start = start_;
         view.now = Clock::now();
-        view.daemon = daemon_;
+        view.look = controls_.look();
         view.traffic = controls_.traffic();
         view.largeLog = largeLog_;
         view.scroll = scroll_;
@@ -240,6 +247,7 @@ private:
         if (prompt_)
             view.prompt = prompt_->label + prompt_->text + (prompt_->done ? "_" : "");
         view.help = helping_ ? &help_ : nullptr;
+        view.faults = breaking_;
         draw(screen_, state_, view);
     }
 
@@ -253,11 +261,10 @@ private:
     std::map<int, std::function<void()>> actions_;
     std::vector<Help> help_;
     std::optional<Prompt> prompt_;
-    std::optional<pid_t> daemon_;
-    Clock::time_point nextProcessCheck_;
     int scroll_ = 0;
     bool largeLog_ = false;
-    bool helping_ = false;
+    bool helping_ = false;  ///< the help screen is there
+    bool breaking_ = false; ///< the page of faults is
     bool quit_ = false;
 };
 

@@ -74,21 +74,6 @@ attr_t toAttributes(Colour colour, unsigned attributes, bool colours)
     return result;
 }
 
-/// How many bytes the first `width` characters of a UTF-8 text take, and how many they are.
-std::pair<int, int> measure(const std::string &text, int width)
-{
-    int columns = 0;
-    size_t position = 0;
-    while (position < text.size() && columns < width) {
-        position++;
-        while (position < text.size() &&
-               (static_cast<unsigned char>(text[position]) & 0xc0) == 0x80)
-            position++;
-        columns++;
-    }
-    return {static_cast<int>(position), columns};
-}
-
 } // namespace
 
 Screen::Screen()
@@ -184,6 +169,18 @@ void Screen::show()
     refresh();
 }
 
+size_t Screen::bytes(const std::string &text, int characters)
+{
+    size_t position = 0;
+    for (; position < text.size() && characters > 0; characters--) {
+        do
+            position++;
+        while (position < text.size() &&
+               (static_cast<unsigned char>(text[position]) & 0xc0) == 0x80);
+    }
+    return position;
+}
+
 void Screen::put(int row, int column, int width, const std::string &text, Colour colour,
                  unsigned attributes)
 {
@@ -191,7 +188,7 @@ void Screen::put(int row, int column, int width, const std::string &text, Colour
     if (row < 0 || row >= rows() || column < 0 || width <= 0)
         return;
     attrset(toAttributes(colour, attributes, colours_));
-    mvaddnstr(row, column, text.c_str(), measure(text, width).first);
+    mvaddnstr(row, column, text.c_str(), static_cast<int>(bytes(text, width)));
     attrset(A_NORMAL);
 }
 

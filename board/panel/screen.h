@@ -27,7 +27,8 @@ public:
 
     /// Whether the terminal went away.
     bool gone() const;
-    /// The next key, KEY_RESIZE included; -1 when none comes for a moment.
+    /// The next key, or byte of a character beyond ASCII, KEY_RESIZE included; -1 when none comes
+    /// for a moment.
     int key();
 
     void clear();
@@ -39,6 +40,9 @@ public:
     /// A text of one character over and over.
     void fill(int row, int column, int width, const char *character, Colour colour = Colour::Plain,
               unsigned attributes = 0);
+
+    /// How many bytes the first characters of a UTF-8 text take.
+    static size_t bytes(const std::string &text, int characters);
 
     static constexpr unsigned BOLD = 1;
     static constexpr unsigned REVERSE = 2;

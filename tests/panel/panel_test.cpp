@@ -228,7 +228,7 @@ TEST_F(PanelTest, SignalsEndTheDaemonAndItStartsAgain)
                                                           {"q", "status 0"},
                                                           {"k", "signal KILL"}}) {
         key("s");
-        EXPECT_TRUE(shows("Send  t SIGTERM"));
+        EXPECT_TRUE(shows("Send SIG... +t TERM"));
         key(letter);
         EXPECT_TRUE(shows("ENDED: " + how + ", R restarts"));
         key("R");
@@ -237,8 +237,53 @@ TEST_F(PanelTest, SignalsEndTheDaemonAndItStartsAgain)
     }
     key("s");
     key("Escape");
-    EXPECT_TRUE(terminal->showsNoMore("Send  t SIGTERM"));
+    EXPECT_TRUE(terminal->showsNoMore("Send SIG... +t TERM"));
     EXPECT_TRUE(shows("running, process"));
+}
+
+TEST_F(PanelTest, ShowsAStoppedDaemonAsThat)
+{
+    openAndWait();
+    terminal->keys({"s", "s"});
+    EXPECT_TRUE(shows("STOPPED, s c lets it go on"));
+    terminal->keys({"s", "c"});
+    EXPECT_TRUE(shows("running, process"));
+}
+
+TEST_F(PanelTest, FaultsAreShownAndSet)
+{
+    openAndWait();
+    EXPECT_FALSE(terminal->text().find("FAULTS") != std::string::npos);
+    ASSERT_EQ(0, command({"fault", "omci-slow"}).status);
+    EXPECT_TRUE(shows("FAULTS omci-slow"));
+    key("f");
+    EXPECT_TRUE(shows("1 +led-missing +off +the LED file is not there"));
+    EXPECT_TRUE(shows("7 +omci-slow +ON +the omci command takes a second"));
+    for (const char *const digit : {"1", "3", "5"})
+        key(digit);
+    EXPECT_TRUE(shows("1 +led-missing +ON"));
+    EXPECT_TRUE(shows("5 +run-readonly +ON"));
+    EXPECT_TRUE(shows("run-readonly is on: /var/run is read-only"));
+    key("5");
+    EXPECT_TRUE(shows("run-readonly is off"));
+    EXPECT_TRUE(shows("5 +run-readonly +off"));
+    key("q"); // any key but a digit of a fault, this one too
+    EXPECT_TRUE(shows("FAULTS led-missing button-missing +\\+1"));
+    terminal->resize(120, 40);
+    EXPECT_TRUE(shows("FAULTS led-missing button-missing omci-slow"));
+    EXPECT_TRUE(shows("f faults +q quit"));
+    key("b");
+    EXPECT_TRUE(shows("FAILED: the board's button file is gone"));
+}
+
+TEST_F(PanelTest, KeysWorkWhileTheButtonIsPressed)
+{
+    openAndWait();
+    terminal->keys({"b", "+"});
+    EXPECT_TRUE(shows("pressed the reset button and let go of it"));
+    const kelo::Result result =
+        command({"expect", "order", "button", "1", "laser", "-18.0", "button", "0"});
+    EXPECT_EQ(0, result.status) << result.output;
 }
 
 TEST_F(PanelTest, CrashOfTheDaemonLeavesThePanel)
@@ -479,6 +524,16 @@ TEST_F(PanelTest, SavesRecordingAndPicture)
     EXPECT_NE(std::string::npos, kelo::readFile(terminal->folder() + "/my.svg").find("GPIO 6"));
     key("v");
     key("C-u");
+    terminal->keys({"-l", "Zürich.vcdß"});
+    EXPECT_TRUE(shows(": Zürich.vcdß_"));
+    key("BSpace");
+    key("Enter");
+    EXPECT_TRUE(shows("saved the recording in Zürich.vcd "));
+    EXPECT_TRUE(std::filesystem::exists(terminal->folder() + "/Zürich.vcd"));
+    key("v");
+    terminal->keys({"-l", std::string(100, 'x') + "é"});
+    EXPECT_TRUE(shows("\n x{76}é_\n"));
+    key("C-u");
     terminal->keys({"-l", "/nowhere/my.vcd"});
     key("Enter");
     EXPECT_TRUE(shows("FAILED: cannot write /nowhere/my.vcd"));
@@ -592,6 +647,23 @@ TEST_F(AttachedPanel, FailsWithABoardThatIsKilled)
     EXPECT_TRUE(shows("kelo-board: the board \"" + board + "\" ended, and nobody asked it to\n" +
                       "status 1"));
     expectTerminalBack();
+}
+
+TEST_F(AttachedPanel, StopsAndGoesOnWithoutTheBoard)
+{
+    key("C-z");
+    EXPECT_TRUE(shows("[Ss]topped|^\\[1\\]"));
+    EXPECT_EQ("0", terminal->ask("#{alternate_on}"));
+    EXPECT_EQ("1", terminal->ask("#{cursor_flag}"));
+    EXPECT_EQ(0, command({"mode", "reboot"}).status);
+    EXPECT_EQ(0, command({"expect", "mode", "reboot"}).status);
+    terminal->resize(100, 30);
+    terminal->type("clear; fg; echo \"then $?\"");
+    EXPECT_TRUE(shows("Mode +reboot"));
+    EXPECT_EQ(30U, terminal->lines().size());
+    EXPECT_EQ("1", terminal->ask("#{alternate_on}"));
+    key("q");
+    EXPECT_TRUE(shows("then 0"));
 }
 
 TEST_F(AttachedPanel, TakesNoOptionsForTheDaemon)
