@@ -340,24 +340,16 @@ private:
         }
     }
 
-    /// The faults that are on, as many as there is room for.
     void faultList(int row, int column, int width)
     {
         const std::vector<std::string> &names = view_.look.faults;
-        if (names.empty())
-            return;
         std::string text = "FAULTS";
-        for (size_t i = 0; i < names.size(); i++) {
-            const std::string rest = format(" +%zu", names.size() - i);
-            const bool isLast = i + 1 == names.size();
-            if (text.size() + 1 + names[i].size() + (isLast ? 0 : rest.size()) >
-                static_cast<size_t>(width)) {
-                text += rest;
-                break;
-            }
-            text += " " + names[i];
-        }
-        screen_.put(row, column, width, text, Colour::Bad, Screen::BOLD);
+        for (const std::string &name : names)
+            text += " " + name;
+        if (text.size() > static_cast<size_t>(width))
+            text = format("%zu FAULTS, f lists them", names.size());
+        if (!names.empty())
+            screen_.put(row, column, width, text, Colour::Bad, Screen::BOLD);
     }
 
     void direction(int row, int column, int spark, const std::deque<long long> &history,

@@ -478,8 +478,8 @@ TEST_F(OnBoard, PrintsJsonForScripts)
     for (const auto &[power, reading] :
          {std::pair<const char *, nlohmann::json>{"none", nullptr}, {"nan", "nan"}, {"-3", -3}}) {
         succeeds({"set", "laser", power});
-        EXPECT_TRUE(within(10s, [&] {
-            return json({"status", "--json"})["laser"] == reading;
+        EXPECT_TRUE(within(10s, [&, value = reading] {
+            return json({"status", "--json"})["laser"] == value;
         })) << json({"status", "--json"});
     }
 
