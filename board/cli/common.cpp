@@ -96,7 +96,7 @@ std::string modeNumber(const std::string &name)
     const auto *const keyword = std::find(std::begin(keywords), std::end(keywords), name);
     if (keyword != std::end(keywords))
         return std::to_string(keyword - keywords);
-    int number;
+    int number = 0;
     if (CLI::detail::lexical_cast(name, number))
         return std::to_string(number);
     throw UsageError("no display mode: \"" + name + "\" (kelo-board mode --help lists them)");
@@ -104,7 +104,7 @@ std::string modeNumber(const std::string &name)
 
 unsigned long long toNumber(const std::string &text)
 {
-    unsigned long long number;
+    unsigned long long number = 0;
     const char *const end = text.data() + text.size();
     const auto result = std::from_chars(text.data(), end, number);
     if (result.ec != std::errc() || result.ptr != end)

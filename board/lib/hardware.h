@@ -10,7 +10,7 @@
 namespace {
 
 /// Appends one line to /board/calls in a single write. Where there is no board, nothing is noted.
-[[gnu::format(printf, 1, 2), maybe_unused]] void noteCall(const char *format, ...)
+[[gnu::format(printf, 1, 2), gnu::unused]] void noteCall(const char *format, ...)
 {
     const int fd = open("/board/calls", O_WRONLY | O_APPEND);
     if (fd < 0)

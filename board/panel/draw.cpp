@@ -276,7 +276,7 @@ private:
     {
         name(STORE_ROW, "IPv6");
         const auto length = [&](const char *attribute) {
-            return state_.store.count(attribute) ? "/" + stored(attribute) : "";
+            return state_.store.count(attribute) ? std::string("/").append(stored(attribute)) : "";
         };
         const std::string values[] = {stored("wanAddress") + length("wanAddressLen"),
                                       stored("wanGateway"),

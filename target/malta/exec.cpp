@@ -74,7 +74,7 @@ int main(int argc, char **argv)
     const std::string token = std::to_string(getpid());
     std::string line = token;
     for (int i = 2; i < argc; i++)
-        line += " " + quoted(argv[i]);
+        line.append(" ").append(quoted(argv[i]));
     if (line.find('\n') != std::string::npos) {
         fprintf(stderr, "a command is one line\n");
         return FAILED;
