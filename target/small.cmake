@@ -1,4 +1,21 @@
 # Flags of a build for the device, where every byte is flash; what each of them saves was measured.
+# Another compiler gets those that it knows.
+include(CheckCXXCompilerFlag)
+
+# known(FLAG...): sets flags to those that the compiler takes without a warning.
+macro(known)
+  set(CMAKE_REQUIRED_FLAGS -Werror)
+  set(flags "")
+  foreach(flag ${ARGN})
+    string(MAKE_C_IDENTIFIER "KELO_HAS${flag}" has)
+    check_cxx_compiler_flag(${flag} ${has})
+    if(${has})
+      list(APPEND flags ${flag})
+    endif()
+  endforeach()
+  unset(CMAKE_REQUIRED_FLAGS)
+endmacro()
+
 target_compile_options(kelo_device INTERFACE
   -ffunction-sections -fdata-sections
   -fno-asynchronous-unwind-tables -fno-unwind-tables -fno-ident)
@@ -6,23 +23,32 @@ target_compile_options(kelo_device INTERFACE
 # small(TARGET): for the program itself.
 function(small target)
   set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
-  # The whole program at once; the objects keep their machine code too, for scripts/size.
-  target_compile_options(${target} PRIVATE
-    -flto -ffat-lto-objects -fno-pie -mno-shared -mplt
+  known(-mno-shared -mplt
     -fno-move-loop-invariants -fmerge-all-constants -fno-jump-tables -fno-caller-saves
     -fno-guess-branch-probability -fno-builtin-snprintf)
-  # crtbegin.o and crtend.o run static constructors and destructors and register unwind tables:
-  # there are none.
-  set(crt "")
-  foreach(name crt1.o crti.o crtn.o)
-    execute_process(COMMAND ${CMAKE_C_COMPILER} -print-file-name=${name}
-      OUTPUT_VARIABLE file OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
-    list(APPEND crt ${file})
-  endforeach()
-  target_link_options(${target} PRIVATE
-    -flto -no-pie -nostartfiles ${crt}
+  target_compile_options(${target} PRIVATE -fno-pie ${flags})
+  target_link_options(${target} PRIVATE -no-pie
     LINKER:--gc-sections,--build-id=none,--no-eh-frame-hdr,--sort-section=alignment
-    LINKER:-z,noexecstack,-z,max-page-size=4096)
+    LINKER:-z,noexecstack)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "mips") # others may have kernels with larger pages
+    target_link_options(${target} PRIVATE LINKER:-z,max-page-size=4096)
+  endif()
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # The whole program at once; the objects keep their machine code too, for scripts/size.
+    target_compile_options(${target} PRIVATE -flto -ffat-lto-objects)
+    target_link_options(${target} PRIVATE -flto -nostartfiles)
+    # crtbegin.o and crtend.o run static constructors and destructors and register unwind tables:
+    # there are none.
+    separate_arguments(c_flags UNIX_COMMAND "${CMAKE_C_FLAGS}")
+    if(CMAKE_SYSROOT)
+      list(APPEND c_flags --sysroot=${CMAKE_SYSROOT})
+    endif()
+    foreach(name crt1.o crti.o crtn.o)
+      execute_process(COMMAND ${CMAKE_C_COMPILER} ${c_flags} -print-file-name=${name}
+        OUTPUT_VARIABLE file OUTPUT_STRIP_TRAILING_WHITESPACE)
+      target_link_options(${target} PRIVATE ${file})
+    endforeach()
+  endif()
   # The loader reads no section headers, which are about 1 KB; binutils cannot leave them out.
   find_program(LLVM_STRIP NAMES llvm-strip llvm-strip-14)
   if(LLVM_STRIP)
@@ -35,5 +61,5 @@ function(small target)
   add_custom_command(TARGET ${target} POST_BUILD
     COMMAND ${CMAKE_COMMAND} -E copy $<TARGET_FILE:${target}> $<TARGET_FILE:${target}>.elf
     COMMAND ${strip} $<TARGET_FILE:${target}>
-    BYPRODUCTS ${target}.elf)
+    BYPRODUCTS ${target}.elf VERBATIM)
 endfunction()
