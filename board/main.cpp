@@ -54,13 +54,41 @@ std::string usageMessage(const CLI::App *app, const CLI::Error &error)
     return text.substr(0, text.find('\n')) + " (see " + command + " --help)";
 }
 
+/// The help of every release of CLI11 alike. From 2.5 on it would fold lines beyond 80 columns,
+/// take the columns out of a table, and not say "Usage:".
+class Help : public CLI::Formatter {
+public:
+    Help() { keepLines(*this); }
+
+    std::string make_usage(const CLI::App *app, std::string name) const override
+    {
+        std::string usage = CLI::Formatter::make_usage(app, std::move(name));
+        if (usage.find("Usage:") == std::string::npos)
+            usage.insert(usage.find_first_not_of('\n'), "Usage: ");
+        return usage;
+    }
+
+private:
+    template <class Formatter>
+    static void keepLines(Formatter &formatter)
+    {
+        if constexpr (requires { formatter.right_column_width(57); }) {
+            formatter.right_column_width(57); // it ends lines with a blank
+            formatter.enable_description_formatting(false);
+            formatter.enable_footer_formatting(false);
+        }
+    }
+};
+
 /// Lets the help speak of what a person types instead of its type.
 void polish(CLI::App &app)
 {
+    app.formatter(std::make_shared<Help>());
     app.get_formatter()->column_width(22);
     app.get_formatter()->label("SUBCOMMAND", "COMMAND");
     app.get_formatter()->label("REQUIRED", "");
     app.get_formatter()->label("Positionals", "Arguments");
+    app.get_formatter()->label("POSITIONALS", "Arguments");
     for (CLI::Option *const option : app.get_options()) {
         if (option->get_positional())
             option->type_name("");
