@@ -1,5 +1,5 @@
-/// The operations on the tables with what no datagram gives them, and their results, at which their
-/// callers do not look. This program has the tracker's source in its own.
+/// The operations on the tables with what no datagram gives them, and the results of the tracker's
+/// functions, at which their callers do not look. This program has the tracker's source in its own.
 
 #include "ipinfo.cpp" // NOLINT(bugprone-suspicious-include)
 
@@ -31,6 +31,20 @@ protected:
         journal().take();
     }
 };
+
+TEST(SocketRegistration, TellsOfAFailedStepAndElseGivesTheResultOfEventAdd)
+{
+    event_init();
+    for (int *const result : {&fakes::netlink().socketResult, &fakes::netlink().setsockoptResult,
+                              &fakes::netlink().bindResult}) {
+        const int success = *result;
+        *result = -1;
+        EXPECT_EQ(ipinfo_register_netlink(), -1);
+        *result = success;
+    }
+    fakes::eventLoop().addResult = -3;
+    EXPECT_EQ(ipinfo_register_netlink(), -3);
+}
 
 TEST_F(Operations, OnAnAddressTellWhetherTheyChangedTheTable)
 {
