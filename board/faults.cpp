@@ -1,7 +1,6 @@
 #include "faults.h"
 
 #include <csignal>
-#include <filesystem>
 #include <stdexcept>
 
 namespace kelo {
@@ -12,16 +11,13 @@ namespace {
 constexpr char folder[] = "/board/faults/";
 
 // The file is replaced in one step, so that the daemon finds the one or the other.
-#define REPLACE_LED_FILE                                                                           \
-    "cd proc/tc3162; [ -e .gpio_output ] || ln gpio_output .gpio_output\n"                         \
-    "replace() { ln -s \"$1\" .new; mv -T .new gpio_output; }\n"
-#define RESTORE_LED_FILE                                                                           \
-    "(cd proc/tc3162; ln .gpio_output .new; mv -T .new gpio_output; rm -f .new)\n"
+#define REPLACE_LED_FILE "replace() { ln -s \"$1\" .new; mv -T .new proc/tc3162/gpio_output; }\n"
+#define RESTORE_LED_FILE "ln dev/channel .new; mv -T .new proc/tc3162/gpio_output; rm -f .new\n"
 
 void runScript(const Access &board, const char *script, const std::string &argument = "")
 {
-    const Result result = board.exec(
-        {"sh", "-euc", std::string("cd \"$1\"\n") + script, "fault", board.place().root, argument});
+    const Result result = board.exec({"sh", "-euc", std::string("cd \"$1\"\n") + script, "fault",
+                                      board.form().root(), argument});
     if (result.status != 0)
         throw std::runtime_error("the board refuses: " +
                                  result.output.substr(0, result.output.find('\n')));
@@ -33,27 +29,27 @@ const std::vector<Fault> &faults()
 {
     static const std::vector<Fault> all = {
         // In place of the file comes a link that leads nowhere, or the daemon would create it.
-        {"led-missing", "the LED file is not there", false,
+        {"led-missing", "the LED file is not there", Ability::FileFaults,
          REPLACE_LED_FILE "replace /gone/gpio_output", RESTORE_LED_FILE},
-        {"led-failing", "writes to the LED file fail", true,
+        {"led-failing", "writes to the LED file fail", Ability::FileFaults,
          "touch dev/full; mount --bind /dev/full dev/full\n" REPLACE_LED_FILE "replace /dev/full",
          RESTORE_LED_FILE "umount -l dev/full"},
-        {"button-missing", "the button file is not there", false,
+        {"button-missing", "the button file is not there", Ability::FileFaults,
          "mv proc/tc3162/reset_button proc/tc3162/.reset_button",
          "mv proc/tc3162/.reset_button proc/tc3162/reset_button"},
-        {"run-full", "no space is left in /var/run", true,
+        {"run-full", "no space is left in /var/run", Ability::Network,
          "cat /dev/zero > var/run/.filler 2> /dev/null || true", "rm var/run/.filler"},
-        {"run-readonly", "/var/run is read-only", true, "mount -o remount,bind,ro var/run",
-         "mount -o remount,bind,rw var/run"},
-        {"store-refusing", "the configuration store takes no values", true,
+        {"run-readonly", "/var/run is read-only", Ability::Network,
+         "mount -o remount,bind,ro var/run", "mount -o remount,bind,rw var/run"},
+        {"store-refusing", "the configuration store takes no values", Ability::Network,
          "mount --bind board/store board/store; mount -o remount,bind,ro board/store",
          "umount board/store"},
-        {"omci-slow", "the omci command takes a second", false, "echo 'sleep 1' > board/omci",
+        {"omci-slow", "the omci command takes a second", Ability::Always,
+         "echo 'sleep 1' > board/omci", "rm board/omci"},
+        {"omci-failing", "the omci command fails", Ability::Always, "echo 'exit 1' > board/omci",
          "rm board/omci"},
-        {"omci-failing", "the omci command fails", false, "echo 'exit 1' > board/omci",
-         "rm board/omci"},
-        {"omci-missing", "there is no omci command", false, "mv usr/bin/omci usr/bin/.omci",
-         "mv usr/bin/.omci usr/bin/omci"},
+        {"omci-missing", "there is no omci command", Ability::Always,
+         "mv usr/bin/omci usr/bin/.omci", "mv usr/bin/.omci usr/bin/omci"},
     };
     return all;
 }
@@ -69,31 +65,28 @@ const Fault *findFault(const std::string &name)
 
 bool hasFault(const Access &board, const Fault &fault)
 {
-    return std::filesystem::exists(board.path(folder + std::string(fault.name)));
+    return !board.statusOf(std::string(folder) + fault.name).empty();
 }
 
 void setFault(const Access &board, const Fault &fault, bool on)
 {
     if (hasFault(board, fault) == on)
         return;
-    if (fault.mounts && !board.place().isolated)
-        throw std::runtime_error(std::string("the fault ") + fault.name +
-                                 " needs a board with namespaces of its own");
+    board.require(fault.needs);
     runScript(board, on ? fault.on : fault.off);
-    const std::string note = board.path(folder + std::string(fault.name));
-    if (on) {
-        std::filesystem::create_directories(board.path(folder));
-        board.put(folder + std::string(fault.name), "");
-    } else {
-        std::filesystem::remove(note);
+    const std::string note = std::string(folder) + fault.name;
+    if (!on) {
+        board.remove(note);
+        return;
     }
+    if (board.statusOf(folder).empty())
+        board.makeFolder(folder);
+    board.put(note, "");
 }
 
 void overrunNetlink(const Access &board, int changes)
 {
-    if (!board.place().isolated)
-        throw std::runtime_error(
-            "this board is on the machine's own network, which stays as it is");
+    board.require(Ability::Network);
     if (!board.signalDaemon(SIGSTOP))
         throw std::runtime_error("the daemon does not run");
     const auto goOn = [&] { board.signalDaemon(SIGCONT); };

@@ -12,7 +12,7 @@ namespace kelo {
 struct Fault {
     const char *name;
     const char *description;
-    bool mounts;     ///< only on a board with namespaces of its own
+    Ability needs;
     const char *on;  ///< shell commands in the board's root folder
     const char *off; ///< shell commands that undo them
 };

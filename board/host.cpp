@@ -1,281 +1,342 @@
 #include "host.h"
 
+#include "device.h"
 #include "registry.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <map>
-#include <poll.h>
 #include <sstream>
-#include <sys/socket.h>
-#include <sys/time.h>
+#include <stdexcept>
 #include <unistd.h>
+#include <utility>
 
 namespace kelo {
 
 namespace {
 
 constexpr auto startDeadline = std::chrono::seconds(20);
+constexpr size_t sentAhead = 1 << 18; // bytes that may wait for a client to read them
 
 // Called on the first tick of the display, so the event loop runs and the display pipe is there.
 constexpr char firstTick[] = "syscfg_getLaserInfo";
+
+constexpr char clockLibrary[] = "/usr/lib/libfaketime.so.1";
 
 bool isPolling(const Event &event)
 {
     return event.kind == EventKind::Call && event.text.starts_with("syscfg_get");
 }
 
-bool sendText(int socket, const std::string &text)
-{
-    size_t sent = 0;
-    while (sent < text.size()) {
-        const ssize_t length = send(socket, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-        if (length <= 0)
-            return false;
-        sent += static_cast<size_t>(length);
-    }
-    return true;
-}
-
-std::string readLine(int socket)
-{
-    std::string line;
-    char character;
-    while (line.size() < 65536 && read(socket, &character, 1) == 1) {
-        if (character == '\n')
-            return line;
-        line += character;
-    }
-    return {};
-}
-
-bool hungUp(int socket)
-{
-    pollfd source{socket, POLLRDHUP, 0};
-    return poll(&source, 1, 0) > 0;
-}
-
-std::string lastLog(const std::vector<Event> &events)
-{
-    std::string text;
-    for (const Event &event : events) {
-        if (event.kind == EventKind::Log)
-            text = event.text.substr(0, event.text.find('\n'));
-    }
-    return text.empty() ? "" : ": " + text;
-}
-
 } // namespace
 
-Host::Host(const std::string &name, size_t keptMegabytes)
-    : socket_(listenAs(name)), board_({.rootfs = "", .keep = keptMegabytes << 20}), button_(board_),
-      end_(makePipe()), acceptor_(&Host::acceptLoop, this)
+Host::Host(const std::string &name, const Options &options)
+    : socket_(listenAs(name)), accepting_(loop_.base(), socket_.get(), [this] { accept(); })
 {
+    board_ = std::make_unique<Board>(
+        Board::Options{options.form,
+                       {},
+                       options.keptMegabytes << 20,
+                       [this, options] { return down_ || options.givenUp(); }},
+        &loop_);
+    board_->whenRecorded([this] {
+        lookWhetherStarted();
+        feedAll();
+    });
 }
 
 Host::~Host()
 {
-    ending_ = true;
-    end_.write.reset();
-    acceptor_.join();
-    for (Client &client : clients_) {
-        // Who follows the board is told of its end, unless he does not read.
-        for (int attempt = 0; attempt < 100 && !client.done; attempt++)
-            usleep(5000);
-        if (!client.awaitsEnd)
-            shutdown(client.socket.get(), SHUT_RDWR);
-        client.thread.join();
+    board_.reset();
+    accepting_ = Watch();
+    socket_.reset(); // the name is free
+    // Who asked for the end hears of it once it is there, and who watched, that it was asked for.
+    for (const ClientPointer &client : clients_) {
+        if (client->awaitsEnd || (client->watches && down_))
+            client->stream->send("ok\n");
     }
+    const Clock::time_point end = Clock::now() + std::chrono::milliseconds(200);
+    const auto isSending = [](const ClientPointer &client) {
+        return client->stream->waiting() > 0;
+    };
+    while (std::any_of(clients_.begin(), clients_.end(), isSending) && Clock::now() < end)
+        loop_.turn(end);
 }
 
 void Host::startDaemon(const std::vector<std::string> &arguments, int speed)
 {
-    const std::lock_guard lock(daemonMutex_);
-    start(arguments, speed);
+    std::optional<std::string> failure;
+    start(arguments, speed, [&](const std::string &text) { failure = text; });
+    while (!failure)
+        turn(startDeadline);
+    if (!failure->empty())
+        throw std::runtime_error(*failure);
 }
 
-void Host::stopDaemon()
+void Host::start(const std::vector<std::string> &arguments, int speed, const Done &done)
 {
-    const std::lock_guard lock(daemonMutex_);
-    board_.stopDaemon();
-}
-
-void Host::restartDaemon()
-{
-    const std::lock_guard lock(daemonMutex_);
-    board_.stopDaemon();
-    start(arguments_, speed_);
-}
-
-void Host::start(const std::vector<std::string> &arguments, int speed)
-{
-    if (board_.daemon())
-        throw std::runtime_error("the daemon runs already");
-    std::vector<std::string> command = speed == 1 ? std::vector<std::string>() : fastClock(speed);
-    command.push_back("/usr/sbin/kelo-monitord");
+    Words command{device::daemonPath};
     command.insert(command.end(), arguments.begin(), arguments.end());
-    arguments_ = arguments;
-    speed_ = speed;
-    button_.setSpeed(speed);
-    const bool detaches = std::find(arguments.begin(), arguments.end(), "-d") != arguments.end();
-    const size_t from = board_.mark();
-    const Clock::time_point mark = Clock::now();
-    mark_ = mark;
-    board_.startBy(command);
-    bool ended = false;
-    const bool runs = board_.waitUntil(
-        [&](const std::vector<Event> &events) {
-            for (auto event = events.rbegin(); event != events.rend() && event->time >= mark;
-                 ++event) {
-                if (event->kind == EventKind::Call && event->text == firstTick)
-                    return true;
-                ended |= event->kind == EventKind::Exit && !(detaches && event->text == "status 0");
-            }
-            return ended;
-        },
-        startDeadline);
-    if (ended) {
-        accepted_ = Clock::now(); // this tells of it
-        throw std::runtime_error("the daemon ended at once" + lastLog(board_.events(from)));
+    const auto go = [=, this](const Words &prefix) {
+        arguments_ = arguments;
+        speed_ = speed;
+        Words all = prefix;
+        all.insert(all.end(), command.begin(), command.end());
+        launch(all, done);
+    };
+    if (speed == 1) {
+        go({});
+        return;
     }
-    if (!runs)
-        throw std::runtime_error("the daemon did not get going" + lastLog(board_.events(from)));
+    board_->agent().send({"stat", clockLibrary}, [=](const Answer &answer) {
+        if (answer.ok)
+            go({std::string("LD_PRELOAD=") + clockLibrary,
+                "FAKETIME=+0 x" + std::to_string(speed)});
+        else
+            done(std::string("this board's clock cannot be sped up: it has no ") + clockLibrary);
+    });
 }
 
-/// A command that runs the command behind it with a fast clock.
-std::vector<std::string> Host::fastClock(int speed) const
+void Host::launch(const Words &command, const Done &done)
 {
-    constexpr char library[] = "/usr/lib/libfaketime.so.1";
-    if (!std::filesystem::exists(board_.path(library)))
-        throw std::runtime_error(std::string("this board's clock cannot be sped up: it has no ") +
-                                 library);
-    return {"/bin/busybox", "env", std::string("LD_PRELOAD=") + library,
-            "FAKETIME=+0 x" + std::to_string(speed)};
+    if (starting_) {
+        done("the daemon is being started");
+        return;
+    }
+    starting_ = done;
+    startPlace_ = board_->recorded();
+    mark_ = Clock::now();
+    startLimit_ =
+        Watch(loop_.base(), startDeadline, [this] { started("the daemon did not get going"); });
+    board_->agent().send(board_->startRequest(command), [this](const Answer &answer) {
+        if (!answer.ok)
+            started(answer.error);
+    });
 }
 
-void Host::acceptLoop()
+void Host::lookWhetherStarted()
 {
-    for (;;) {
-        pollfd sources[] = {{socket_.get(), POLLIN, 0}, {end_.read.get(), POLLIN, 0}};
-        poll(sources, std::size(sources), -1);
-        if (sources[1].revents)
+    const bool detaches = std::find(arguments_.begin(), arguments_.end(), "-d") != arguments_.end();
+    while (starting_) {
+        const std::vector<Event> events = board_->next(startPlace_);
+        if (events.empty())
             return;
-        clients_.remove_if([](Client &client) {
-            const bool finished = client.done && !client.awaitsEnd;
-            if (finished)
-                client.thread.join();
-            return finished;
+        for (const Event &event : events) {
+            if (event.kind == EventKind::Call && event.text == firstTick)
+                started("");
+            else if (event.kind == EventKind::Exit && !(detaches && event.text == "status 0")) {
+                accepted_ = Clock::now(); // this tells of it
+                started("the daemon ended at once");
+            }
+        }
+    }
+}
+
+void Host::started(const std::string &failure)
+{
+    const Done done = std::exchange(starting_, nullptr);
+    if (!done)
+        return;
+    startLimit_ = Watch();
+    std::string text = failure;
+    size_t place;
+    board_->heldAt(mark_, place);
+    if (!failure.empty()) {
+        std::string record;
+        for (const Event &event : board_->next(place)) {
+            if (event.kind == EventKind::Log)
+                record = ": " + event.text.substr(0, event.text.find('\n'));
+        }
+        text += record;
+    }
+    done(text);
+}
+
+void Host::accept()
+{
+    Descriptor socket = acceptClient(socket_.get());
+    if (!socket)
+        return;
+    const auto client = std::make_shared<Client>();
+    const std::weak_ptr<Client> weak = client;
+    client->stream = std::make_unique<Stream>(
+        loop_.base(), std::move(socket), Descriptor(),
+        [this, weak](const std::string &line) {
+            if (const ClientPointer known = weak.lock())
+                serve(known, toWords(line));
+        },
+        [this, weak] {
+            if (const ClientPointer known = weak.lock())
+                drop(known);
         });
-        Descriptor socket = acceptClient(socket_.get());
-        if (!socket)
-            continue;
-        const timeval patience{5, 0};
-        setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-        Client &client = clients_.emplace_back();
-        client.socket = std::move(socket);
-        client.thread = std::thread(&Host::serve, this, std::ref(client));
-    }
+    clients_.push_back(client);
 }
 
-void Host::serve(Client &client)
+void Host::drop(const ClientPointer &client)
 {
-    try {
-        answer(client, readLine(client.socket.get()));
-    } catch (const std::exception &error) {
-        std::string text = error.what();
-        std::replace(text.begin(), text.end(), '\n', ' ');
-        sendText(client.socket.get(), "error " + text + "\n");
-    }
-    if (!client.awaitsEnd)
-        shutdown(client.socket.get(), SHUT_RDWR);
-    client.done = true;
+    if (client->command && board_)
+        board_->agent().send({"cancel", std::to_string(client->command)}, [](const Answer &) {});
+    client->watches = false;
+    clients_.remove(client);
+    // Its stream is at work right now.
+    gone_.push_back(client);
+    reaping_ = Watch(loop_.base(), Clock::duration::zero(), [this] { gone_.clear(); });
 }
 
-void Host::answer(Client &client, const std::string &request)
+/// Tells a client, if it is still there, how its request ended.
+Host::Done Host::answering(const ClientPointer &client)
 {
-    std::istringstream words(request);
-    std::string verb;
-    words >> verb;
-    std::vector<std::string> arguments;
-    for (std::string word; words >> word;)
-        arguments.push_back(word);
+    return [weak = std::weak_ptr<Client>(client)](const std::string &failure) {
+        if (const ClientPointer known = weak.lock())
+            known->stream->send(failure.empty() ? "ok\n" : "error " + toRest(failure) + "\n");
+    };
+}
 
-    if (verb == "place") {
-        const Place &place = board_.place();
-        std::ostringstream text;
-        text << place.holder << ' ' << place.isolated << ' ' << place.root << '\n';
-        sendText(client.socket.get(), text.str());
+void Host::serve(const ClientPointer &client, const Words &request)
+{
+    const std::string verb = request.empty() ? "" : request[0];
+    const Done done = answering(client);
+    if (verb == "down") {
+        client->awaitsEnd = true;
+        down_ = true;
     } else if (verb == "state") {
-        sendText(client.socket.get(), state());
-    } else if (verb == "watch" && !arguments.empty()) {
-        watch(client, toTime(arguments[0]));
+        tellState(client);
+    } else if (!board_) {
+        done("the board is only starting");
+    } else if (verb == "place") {
+        client->stream->send("ok " + toLine(board_->form().words()) + "\n");
+    } else if (verb == "watch" && request.size() > 1) {
+        watch(client, toTime(request[1]));
     } else if (verb == "mark") {
-        mark_ = Clock::now();
+        board_->agent().send({"look"}, [this, done](const Answer &answer) {
+            mark_ = Clock::now();
+            done(answer.error);
+        });
     } else if (verb == "accept") {
         accepted_ = Clock::now();
-    } else if (verb == "signal" && !arguments.empty()) {
-        if (!board_.signalDaemon(atoi(arguments[0].c_str())))
-            throw std::runtime_error("the daemon does not run");
-    } else if (verb == "start" && !arguments.empty()) {
-        startDaemon({arguments.begin() + 1, arguments.end()}, atoi(arguments[0].c_str()));
-    } else if (verb == "stop") {
-        stopDaemon();
+        done("");
+    } else if (verb == "start" && request.size() > 1) {
+        start({request.begin() + 2, request.end()}, atoi(request[1].c_str()), done);
     } else if (verb == "restart") {
-        restartDaemon();
+        board_->agent().send({"stop"}, [this, done](const Answer &answer) {
+            if (answer.ok)
+                start(arguments_, speed_, done);
+            else
+                done(answer.error);
+        });
     } else if (verb == "hold") {
-        button_.hold();
+        pass(client, {"hold", std::to_string(speed_)});
     } else if (verb == "release") {
-        button_.release();
-    } else if (verb == "down") {
-        client.awaitsEnd = true;
-        down_ = true;
+        pass(client, {"button", "0"});
     } else {
-        throw std::runtime_error("unknown request \"" + verb + "\"");
+        pass(client, request);
     }
 }
 
-void Host::watch(const Client &client, Clock::time_point since) const
+/// Has the agent do what a client wants.
+void Host::pass(const ClientPointer &client, const Words &request)
 {
-    size_t place;
-    std::vector<Event> events = board_.heldAt(since, place);
-    const size_t now = board_.mark();
-    bool isUpToDate = false;
-    // Who waits for more hears of the board's end by the end of the stream.
-    while (!ending_ && !down_ && !hungUp(client.socket.get())) {
+    const std::weak_ptr<Client> weak = client;
+    const bool isCommand = !request.empty() && request[0] == "run";
+    const unsigned long id = board_->agent().send(
+        request,
+        [weak](const Answer &answer) {
+            const ClientPointer known = weak.lock();
+            if (!known)
+                return;
+            known->command = 0;
+            const char *const verb = answer.refused ? "refused " : "error ";
+            known->stream->send(answer.ok ? "ok " + toLine(answer.words) + "\n"
+                                          : verb + toRest(answer.error) + "\n");
+        },
+        [weak](const std::string &text) {
+            if (const ClientPointer known = weak.lock())
+                known->stream->send("out " + toRest(text) + "\n");
+        },
+        isCommand ? Clock::duration(commandLimit) : Clock::duration(requestLimit));
+    client->command = isCommand ? id : 0;
+}
+
+void Host::tellState(const ClientPointer &client)
+{
+    const std::string pid = "pid " + std::to_string(getpid()) + "\nstart " + toText(startTime_);
+    if (!board_) {
+        client->stream->send("starting yes\n" + pid + "\nok\n");
+        return;
+    }
+    const std::weak_ptr<Client> weak = client;
+    board_->agent().send({"daemon"}, [this, weak, pid](const Answer &answer) {
+        const ClientPointer known = weak.lock();
+        if (!known)
+            return;
+        if (!answer.ok) {
+            known->stream->send("error " + toRest(answer.error) + "\n");
+            return;
+        }
+        std::map<EventKind, std::string> last;
+        size_t end;
+        for (const Event &event : board_->heldAt(Clock::time_point::max(), end))
+            last[event.kind] = event.text;
+        std::ostringstream text;
+        for (const EventKind kind : {EventKind::Leds, EventKind::Mode, EventKind::Laser,
+                                     EventKind::Gpon, EventKind::Button, EventKind::Exit})
+            text << kindName(kind) << ' ' << toRest(last[kind]) << '\n';
+        const bool runs = answer.words.size() > 2;
+        text << pid << "\ndaemon "
+             << (runs ? board_->form().outside(atoi(answer.words[0].c_str())) : 0) << "\nprocess "
+             << (runs ? answer.words[2] : "") << "\nsince " << toText(board_->keptSince())
+             << "\nmark " << toText(mark_) << "\naccepted " << toText(accepted_) << "\nok\n";
+        known->stream->send(text.str());
+    });
+}
+
+void Host::watch(const ClientPointer &client, Clock::time_point since)
+{
+    std::string text;
+    for (const Event &event : board_->heldAt(since, client->place)) {
+        if (!isPolling(event))
+            text += toLine(event) + "\n";
+    }
+    client->stream->send(text);
+    client->now = board_->recorded();
+    client->watches = true;
+    client->stream->whenSent([this, weak = std::weak_ptr<Client>(client)] {
+        if (const ClientPointer known = weak.lock())
+            feed(*known);
+    });
+    feed(*client);
+}
+
+/// Sends a client what happened, as far as it reads it.
+void Host::feed(Client &client)
+{
+    while (client.watches && client.stream->waiting() < sentAhead) {
+        const size_t before = client.place;
+        const std::vector<Event> events = board_->next(client.place);
+        if (client.place - events.size() > before) {
+            client.watches = false;
+            client.stream->send("error the record was dropped before it was read\n");
+            return;
+        }
         std::string text;
         for (const Event &event : events) {
             if (!isPolling(event))
                 text += toLine(event) + "\n";
         }
-        if (!isUpToDate && place >= now) {
+        if (!client.knowsNow && client.place >= client.now) {
             text += "now\n";
-            isUpToDate = true;
+            client.knowsNow = true;
         }
-        if (!text.empty() && !sendText(client.socket.get(), text))
+        if (!text.empty())
+            client.stream->send(text);
+        if (events.empty())
             return;
-        const size_t before = place;
-        events = board_.next(place, std::chrono::milliseconds(100));
-        if (place - events.size() > before)
-            throw std::runtime_error("the record was dropped before it was read");
     }
-    if (ending_ || down_)
-        sendText(client.socket.get(), "end\n");
 }
 
-std::string Host::state() const
+void Host::feedAll()
 {
-    std::map<EventKind, std::string> last;
-    size_t end;
-    for (const Event &event : board_.heldAt(Clock::time_point::max(), end))
-        last[event.kind] = event.text;
-    std::ostringstream text;
-    for (const EventKind kind : {EventKind::Leds, EventKind::Mode, EventKind::Laser,
-                                 EventKind::Gpon, EventKind::Button, EventKind::Exit})
-        text << kindName(kind) << ' ' << last[kind] << '\n';
-    text << "pid " << getpid() << "\ndaemon " << board_.daemon().value_or(0) << "\nstart "
-         << toText(startTime_) << "\nsince " << toText(board_.keptSince()) << "\nmark "
-         << toText(mark_) << "\naccepted " << toText(accepted_) << '\n';
-    return text.str();
+    for (const ClientPointer &client : clients_)
+        feed(*client);
 }
 
 } // namespace kelo

@@ -3,12 +3,10 @@
 #pragma once
 
 #include "board.h"
-#include "button.h"
 
-#include <atomic>
 #include <list>
+#include <memory>
 #include <string>
-#include <thread>
 
 namespace kelo {
 
@@ -16,58 +14,80 @@ class Host {
 public:
     static constexpr size_t KEPT_MEGABYTES = 64; ///< of the record, unless told otherwise
 
+    struct Options {
+        size_t keptMegabytes = KEPT_MEGABYTES;
+        std::string form{};                                   ///< see form.h
+        std::function<bool()> givenUp = [] { return false; }; ///< ends the wait for the board
+    };
+
     /// Throws std::runtime_error when a board of this name runs already, or as Board does.
-    explicit Host(const std::string &name, size_t keptMegabytes = KEPT_MEGABYTES);
+    explicit Host(const std::string &name, const Options &options);
+    explicit Host(const std::string &name) : Host(name, Options()) {}
     ~Host();
     Host(const Host &) = delete;
     Host &operator=(const Host &) = delete;
 
-    const Board &board() const { return board_; }
+    const Board &board() const { return *board_; }
     Clock::time_point startTime() const { return startTime_; }
     /// An end of the daemon before this, which nobody asked for, is known and accepted.
     Clock::time_point accepted() const { return accepted_; }
+    event_base *base() const { return loop_.base(); }
+    /// Answers for the board until something has happened, for some time at the most.
+    void turn(Clock::duration time) const { loop_.turn(Clock::now() + time); }
 
     /// Starts the daemon, whose clock runs at a multiple of the real one, and waits until its event
     /// loop runs. Throws std::runtime_error that says why it does not.
     void startDaemon(const std::vector<std::string> &arguments, int speed = 1);
-    /// Ends the daemon, if it runs.
-    void stopDaemon();
-    /// Both, with the arguments of the last start.
-    void restartDaemon();
 
     /// Whether somebody asked for the board's end.
     bool wantsDown() const { return down_; }
 
 private:
     struct Client {
-        Descriptor socket;
-        bool awaitsEnd = false; ///< asked for the board's end, and hears of it by the socket's
-        std::atomic<bool> done{false};
-        std::thread thread{};
+        std::unique_ptr<Stream> stream{};
+        bool awaitsEnd = false; ///< asked for the board's end
+        bool watches = false;
+        size_t place = 0; ///< of the record, to go on from
+        size_t now = 0;   ///< what is behind this place is news
+        bool knowsNow = false;
+        unsigned long command = 0; ///< that it has run
     };
+    using ClientPointer = std::shared_ptr<Client>;
+    /// Gets why something failed; nothing when it did not.
+    using Done = std::function<void(const std::string &)>;
 
-    void start(const std::vector<std::string> &arguments, int speed);
-    std::vector<std::string> fastClock(int speed) const;
-    void acceptLoop();
-    void serve(Client &client);
-    void answer(Client &client, const std::string &request);
-    void watch(const Client &client, Clock::time_point since) const;
-    std::string state() const;
+    void accept();
+    void drop(const ClientPointer &client);
+    void serve(const ClientPointer &client, const Words &request);
+    void pass(const ClientPointer &client, const Words &request);
+    Done answering(const ClientPointer &client);
+    void tellState(const ClientPointer &client);
+    void watch(const ClientPointer &client, Clock::time_point since);
+    void feed(Client &client);
+    void feedAll();
+
+    void start(const std::vector<std::string> &arguments, int speed, const Done &done);
+    void launch(const Words &command, const Done &done);
+    void lookWhetherStarted();
+    void started(const std::string &failure);
 
     const Clock::time_point startTime_ = Clock::now();
+    Loop loop_;
     Descriptor socket_;
-    std::list<Client> clients_;
-    Board board_;
-    ResetButton button_;
-    std::mutex daemonMutex_;
-    std::vector<std::string> arguments_;
+    std::list<ClientPointer> clients_;
+    std::list<ClientPointer> gone_;
+    Watch reaping_;
+    Watch accepting_;
+    bool down_ = false;
+    std::unique_ptr<Board> board_; ///< none while it comes up or goes down
+
+    std::vector<std::string> arguments_; ///< of the last start
     int speed_ = 1;
-    std::atomic<Clock::time_point> mark_{Clock::now()};
-    std::atomic<Clock::time_point> accepted_{Clock::time_point()};
-    std::atomic<bool> down_{false};
-    std::atomic<bool> ending_{false};
-    Pipe end_;
-    std::thread acceptor_;
+    Clock::time_point mark_ = startTime_;
+    Clock::time_point accepted_{};
+    Done starting_;         ///< waits for the daemon's first tick
+    size_t startPlace_ = 0; ///< of the record
+    Watch startLimit_;
 };
 
 } // namespace kelo

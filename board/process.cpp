@@ -1,8 +1,11 @@
 #include "process.h"
 
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
+#include <poll.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -45,23 +48,25 @@ Pipe makePipe(int flags)
 
 namespace {
 
-pid_t start(const std::vector<std::string> &command, const Streams &streams,
-            const std::vector<std::string> &environment, short flags)
+pid_t start(const std::vector<std::string> &command, const Streams &streams, short flags)
 {
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
-    posix_spawnattr_setflags(&attributes, flags);
+    posix_spawnattr_setflags(&attributes, static_cast<short>(flags | POSIX_SPAWN_SETSIGDEF));
+    sigset_t ignoredHere;
+    sigemptyset(&ignoredHere);
+    sigaddset(&ignoredHere, SIGPIPE);
+    posix_spawnattr_setsigdefault(&attributes, &ignoredHere);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    const int wanted[] = {streams.in, streams.out, streams.err};
-    for (int fd = 0; fd <= 2; fd++) {
+    const int wanted[] = {streams.in, streams.out, streams.err, streams.further};
+    for (int fd = 0; fd <= 3; fd++) {
         if (wanted[fd] >= 0)
             posix_spawn_file_actions_adddup2(&actions, wanted[fd], fd);
     }
     pid_t child = -1;
-    const int error =
-        posix_spawnp(&child, command[0].c_str(), &actions, &attributes, pointers(command).data(),
-                     environment.empty() ? environ : pointers(environment).data());
+    const int error = posix_spawnp(&child, command[0].c_str(), &actions, &attributes,
+                                   pointers(command).data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     if (error)
@@ -73,13 +78,12 @@ pid_t start(const std::vector<std::string> &command, const Streams &streams,
 
 pid_t spawn(const std::vector<std::string> &command, const Streams &streams)
 {
-    return start(command, streams, {}, 0);
+    return start(command, streams, 0);
 }
 
-pid_t spawnApart(const std::vector<std::string> &command, const Streams &streams,
-                 const std::vector<std::string> &environment)
+pid_t spawnApart(const std::vector<std::string> &command, const Streams &streams)
 {
-    return start(command, streams, environment, POSIX_SPAWN_SETPGROUP);
+    return start(command, streams, POSIX_SPAWN_SETPGROUP);
 }
 
 int waitFor(pid_t child)
@@ -90,6 +94,20 @@ int waitFor(pid_t child)
             throw std::system_error(errno, std::generic_category(), "waitpid");
     }
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+Descriptor endOf(pid_t process)
+{
+    return Descriptor(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
+}
+
+void makeEnd(const Descriptor &end, int milliseconds)
+{
+    pollfd source{end.get(), POLLIN, 0};
+    if (end && poll(&source, 1, milliseconds) == 0) {
+        syscall(SYS_pidfd_send_signal, end.get(), SIGKILL, nullptr, 0);
+        poll(&source, 1, milliseconds);
+    }
 }
 
 Result run(const std::vector<std::string> &command)

@@ -38,23 +38,28 @@ struct Pipe {
 /// A pipe, close-on-exec, with further pipe2(2) flags. Throws std::system_error.
 Pipe makePipe(int flags = 0);
 
-/// Standard descriptors of a program; -1 leaves the caller's.
+/// Standard descriptors of a program, and descriptor 3; -1 leaves the caller's.
 struct Streams {
     int in = -1;
     int out = -1;
     int err = -1;
+    int further = -1;
 };
 
 /// Starts a program, found through PATH. Throws std::system_error when it cannot be started.
 pid_t spawn(const std::vector<std::string> &command, const Streams &streams);
 
-/// Starts a program that the terminal's Ctrl-C does not reach, with an environment of its own
-/// unless that is empty.
-pid_t spawnApart(const std::vector<std::string> &command, const Streams &streams,
-                 const std::vector<std::string> &environment = {});
+/// Starts a program that the terminal's Ctrl-C does not reach.
+pid_t spawnApart(const std::vector<std::string> &command, const Streams &streams);
 
 /// Waits for a child's end; its exit status, or 128 and the signal's number as a shell has it.
 int waitFor(pid_t child);
+
+/// A descriptor that is readable once a process has ended; none when there is no such process.
+Descriptor endOf(pid_t process);
+
+/// Waits some time for a process's end, by what endOf gave; kills it when that does not come.
+void makeEnd(const Descriptor &end, int milliseconds);
 
 struct Result {
     int status;

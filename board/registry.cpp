@@ -14,6 +14,9 @@ namespace kelo {
 
 namespace {
 
+constexpr auto startLimit = std::chrono::seconds(25);
+constexpr auto downPatience = std::chrono::milliseconds(1500);
+
 std::string prefix()
 {
     return "kelo-board/" + std::to_string(geteuid()) + "/";
@@ -47,31 +50,43 @@ bool ownPeer(int fd)
     return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && peer.uid == geteuid();
 }
 
-std::string escaped(const std::string &text)
+[[noreturn]] void throwGone(const std::string &board)
 {
-    std::string result;
-    for (const char character : text) {
-        if (character == '\n')
-            result += "\\n";
-        else if (character == '\\')
-            result += "\\\\";
-        else
-            result += character;
-    }
-    return result;
+    throw BoardGone("no board named \"" + board + "\" is running (start one: kelo-board up " +
+                    board + ")");
 }
 
-std::string unescaped(const std::string &text)
-{
-    std::string result;
-    for (size_t i = 0; i < text.size(); i++) {
-        if (text[i] != '\\' || i + 1 == text.size())
-            result += text[i];
-        else
-            result += text[++i] == 'n' ? '\n' : text[i];
+/// Reaches a board's agent through the program that runs it.
+class RemoteLink : public Link {
+public:
+    RemoteLink(std::string board, const Words &place)
+        : board_(std::move(board)), form_(Form::of(place))
+    {
     }
-    return result;
-}
+
+    const Form &form() const override { return *form_; }
+
+    Words ask(const Words &request, const Printed &printed, Clock::duration limit) override
+    {
+        Connection connection(board_, toLine(request));
+        try {
+            const Clock::time_point end = Clock::now() + limit;
+            while (const auto line = connection.line(end)) {
+                if (line->starts_with("out ") && printed)
+                    printed(unescaped(line->substr(4)));
+            }
+        } catch (const BoardEnded &) {
+            return connection.answer();
+        }
+        throw NoAnswer("the board \"" + board_ + "\" does not answer");
+    }
+
+    Result run(const Words &command) override { return kelo::run(command); }
+
+private:
+    std::string board_;
+    std::unique_ptr<Form> form_;
+};
 
 } // namespace
 
@@ -109,8 +124,15 @@ Connection::Connection(const std::string &board, const std::string &request)
     const std::string line = request + "\n";
     if (connect(socket_.get(), address.get(), address.length) < 0 || !ownPeer(socket_.get()) ||
         send(socket_.get(), line.data(), line.size(), MSG_NOSIGNAL) != ssize_t(line.size()))
-        throw BoardGone("no board named \"" + board + "\" is running (start one: kelo-board up " +
-                        board + ")");
+        throwGone(board);
+}
+
+pid_t Connection::process() const
+{
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    getsockopt(socket_.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length);
+    return peer.pid;
 }
 
 std::optional<std::string> Connection::line(Clock::time_point deadline)
@@ -137,44 +159,80 @@ std::optional<std::string> Connection::line(Clock::time_point deadline)
     std::string result = text_.substr(0, end);
     text_.erase(0, end + 1);
     if (result.starts_with("error "))
-        throw std::runtime_error(result.substr(6));
-    if (result == "end")
+        throw std::runtime_error(unescaped(result.substr(6)));
+    if (result.starts_with("refused "))
+        throw Refused(unescaped(result.substr(8)));
+    if (result == "ok" || result.starts_with("ok ")) {
+        answer_ = toWords(result.substr(2));
         throw BoardEnded("the board \"" + board_ + "\" ended");
+    }
     return result;
 }
 
-std::vector<std::string> Connection::rest()
+std::vector<std::string> Connection::rest(Clock::duration limit)
 {
+    const Clock::time_point end = Clock::now() + limit;
     std::vector<std::string> lines;
     try {
-        for (;;)
-            lines.push_back(*line());
-    } catch (const BoardGone &) {
+        while (auto next = line(end))
+            lines.push_back(std::move(*next));
+    } catch (const BoardEnded &) {
         return lines;
     }
+    throw NoAnswer("the board \"" + board_ + "\" does not answer");
 }
 
 void request(const std::string &board, const std::string &text)
 {
-    Connection(board, text).rest();
+    Connection(board, text).rest(startLimit);
 }
 
-std::optional<Place> findBoard(const std::string &name)
+void request(const std::string &board, const Words &words)
+{
+    request(board, toLine(words));
+}
+
+std::optional<Access> findBoard(const std::string &name)
 {
     try {
-        std::istringstream text(Connection(name, "place").line().value());
-        Place place;
-        if (text >> place.holder >> place.isolated >> std::ws && std::getline(text, place.root))
-            return place;
+        Connection connection(name, "place");
+        connection.rest();
+        return Access(std::make_shared<RemoteLink>(name, connection.answer()));
     } catch (const BoardGone &) {
+        return std::nullopt;
     }
-    return std::nullopt;
 }
 
-std::map<std::string, std::string> stateOf(const std::string &board)
+void endBoard(const std::string &name)
+{
+    Connection connection(name, "down");
+    const pid_t host = connection.process();
+    const std::string process = std::to_string(host);
+    // What it runs ends with it; whoever stopped it may have stopped that too.
+    std::vector<Descriptor> ends;
+    ends.push_back(endOf(host));
+    std::istringstream children(readFile("/proc/" + process + "/task/" + process + "/children"));
+    for (pid_t child; children >> child;)
+        ends.push_back(endOf(child));
+    try {
+        connection.rest(downPatience);
+        return;
+    } catch (const std::runtime_error &) {
+        makeEnd(ends.front(), 1);
+    }
+    for (const Descriptor &end : ends)
+        makeEnd(end, downPatience.count());
+}
+
+std::map<std::string, std::string> stateOf(const std::string &board, Clock::duration limit)
+{
+    return toState(Connection(board, "state").rest(limit));
+}
+
+std::map<std::string, std::string> toState(const std::vector<std::string> &lines)
 {
     std::map<std::string, std::string> state;
-    for (const std::string &line : Connection(board, "state").rest()) {
+    for (const std::string &line : lines) {
         const size_t space = std::min(line.find(' '), line.size());
         state[line.substr(0, space)] = unescaped(line.substr(std::min(space + 1, line.size())));
     }
@@ -220,7 +278,7 @@ std::vector<std::string> runningBoards()
 
 std::string toLine(const Event &event)
 {
-    return toText(event.time) + " " + kindName(event.kind) + " " + escaped(event.text);
+    return toText(event.time) + " " + kindName(event.kind) + " " + toRest(event.text);
 }
 
 std::optional<Event> fromLine(const std::string &line)

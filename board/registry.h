@@ -2,20 +2,21 @@
 /// listens on an abstract unix(7) socket, which ends with that program whatever happens to it.
 /// Only boards of the caller's own user are found.
 ///
-/// A client sends one request line and reads lines until the end:
-///   place           "HOLDER ISOLATED ROOT"
-///   state           one "KEY VALUE" line for everything a board has one of
+/// A client sends one request, a line of words, and reads lines until one that begins with "ok"
+/// says that it was done, or "error TEXT" why not:
+///   place           "ok WORD...", which make its form
+///   state           one "KEY TEXT" line for everything a board has one of
 ///   watch SINCE     the record: the events that held at that time, then those from there on,
-///                   "TIME KIND TEXT" each, then "now", then events as they come, then "end" where
-///                   somebody asked the board to end
+///                   "TIME KIND TEXT" each, then "now", then events as they come; "ok" when the
+///                   board's end was asked for
 ///   mark            events count from here on
 ///   accept          an end of the daemon that nobody asked for was meant
-///   signal NUMBER   to the daemon, whose end by it is asked for then
-///   start SPEED [OPTION...], stop, restart    of the daemon
+///   start SPEED [OPTION...], restart    of the daemon
 ///   hold, release   the reset button
-///   down            ends the board
-/// A request that failed is answered with "error TEXT". Times are nanoseconds of the steady clock;
-/// TEXT has its backslashes and line feeds escaped.
+///   down            ends the board; "ok" once nothing is left
+///   ...             whatever the agent takes, see agent/main.cpp: "out TEXT" lines are what a
+///                   command prints, "refused TEXT" what the agent cannot do
+/// Times are nanoseconds of the steady clock.
 
 #pragma once
 
@@ -48,9 +49,14 @@ struct BoardGone : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// It did so because somebody asked it to.
+/// It did so because somebody asked it to, or the request was done.
 struct BoardEnded : BoardGone {
     using BoardGone::BoardGone;
+};
+
+/// The program that runs the board does not answer, as when it was stopped.
+struct NoAnswer : std::runtime_error {
+    using std::runtime_error::runtime_error;
 };
 
 /// A client's connection to a running board.
@@ -59,28 +65,44 @@ public:
     /// Throws BoardGone when no board of this name runs.
     Connection(const std::string &board, const std::string &request);
 
-    /// The next line; nothing when the deadline comes first. Throws BoardGone at the end, and
-    /// std::runtime_error for an error that the board answers.
+    /// The next line; nothing when the deadline comes first. Throws BoardEnded at "ok", BoardGone
+    /// at an end without, and std::runtime_error for an error that the board answers.
     std::optional<std::string> line(Clock::time_point deadline = Clock::time_point::max());
-    /// Every line up to the end.
-    std::vector<std::string> rest();
+    /// Every line up to "ok", whose words become `answer`. Throws NoAnswer when it does not come in
+    /// time, and what `line` throws.
+    std::vector<std::string> rest(Clock::duration limit = requestLimit);
+    /// What "ok" came with.
+    const Words &answer() const { return answer_; }
+    /// The process that listens at the other end.
+    pid_t process() const;
 
 private:
     std::string board_;
     Descriptor socket_;
     std::string text_;
+    Words answer_;
 };
 
-/// Sends a request whose answer does not matter but for an error, and waits for its end.
+/// Sends a request, words as they are, and waits until it is done.
 void request(const std::string &board, const std::string &text);
+void request(const std::string &board, const Words &words);
 
-/// Where the board of this name runs; nothing when none does.
-std::optional<Place> findBoard(const std::string &name);
+/// Access to the board of this name; nothing when none runs.
+std::optional<Access> findBoard(const std::string &name);
 
 /// What a board has one of: "leds", "mode", "button", "laser", "gpon", "daemon" (its process, 0
-/// while none runs), "pid" (of the program that runs the board), "start", "mark" and "since", from
-/// when on the record is kept, and "accepted", of the last request of that name (times).
-std::map<std::string, std::string> stateOf(const std::string &board);
+/// while none runs), "process" (its state as in /proc), "pid" (of the program that runs the board),
+/// "start", "mark" and "since", from when on the record is kept, and "accepted", of the last
+/// request of that name (times). A board that comes up has "starting" instead.
+std::map<std::string, std::string> stateOf(const std::string &board,
+                                           Clock::duration limit = requestLimit);
+
+/// The same from the lines of its answer.
+std::map<std::string, std::string> toState(const std::vector<std::string> &lines);
+
+/// Ends a board in whatever state it is; returns once nothing of it is left. Throws BoardGone when
+/// none runs.
+void endBoard(const std::string &name);
 
 /// Adds what happened on a board from a time on until now, and first what held then, as if it had
 /// begun then. Where the record was dropped up to a later time, that becomes `from`. With `goesOn`

@@ -130,6 +130,13 @@ std::string unaskedText(const Event &exit, const std::vector<Event> &events);
 /// Says on standard error that a record is kept from a time after the board's start only.
 void sayRecordBegins(Clock::duration time);
 
+/// Starts a board in a process and a session of its own, and returns once its daemon runs; without
+/// arguments for the daemon, it does not. A tied board ends with the descriptor that is returned.
+/// Throws Failure.
+Descriptor startApart(const std::string &name,
+                      const std::optional<std::vector<std::string>> &daemonArguments,
+                      size_t keptMegabytes, bool tied);
+
 /// Lets time pass on a running board. Throws BoardGone when the board ends, and Failure when the
 /// daemon did so unasked since the mark, or does, unless that is allowed.
 void letPass(const std::string &board, Clock::duration time, bool allowExit);

@@ -39,11 +39,11 @@ void Cli::addJson(CLI::App &command)
 
 Access Cli::running() const
 {
-    const std::optional<Place> place = findBoard(board);
-    if (!place)
+    const std::optional<Access> access = findBoard(board);
+    if (!access)
         throw BoardGone("no board named \"" + board + "\" is running (start one: kelo-board up " +
                         board + ")");
-    return Access(*place);
+    return *access;
 }
 
 bool News::is(const Event &event)

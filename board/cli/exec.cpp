@@ -9,8 +9,14 @@ namespace {
 
 int runInside(const Access &board, const std::vector<std::string> &command)
 {
+    const Words local = board.inside(command);
+    if (local.empty())
+        return board.exec(command, [](const std::string &text) {
+            fputs(text.c_str(), stdout);
+            fflush(stdout);
+        });
     signal(SIGINT, SIG_IGN); // the command's affair
-    return waitFor(spawn(board.inside(command), {}));
+    return waitFor(spawn(local, {}));
 }
 
 int signalNumber(std::string name)
@@ -38,8 +44,7 @@ void addExec(Cli &cli)
     CLI::App *const ip =
         cli.add(hardwareGroup, "ip", "Run ip(8) in the board's network", [&cli, command] {
             const Access board = cli.running();
-            if (!board.place().isolated)
-                throw Failure("this board is on the machine's own network, which stays as it is");
+            board.require(Ability::Network);
             command->insert(command->begin(), "ip");
             return runInside(board, *command);
         });
@@ -53,7 +58,7 @@ void addDaemon(Cli &cli)
     const auto name = std::make_shared<std::string>();
     CLI::App *const signalCommand =
         cli.add(daemonGroup, "signal", "Send the daemon a signal", [&cli, name] {
-            request(cli.board, "signal " + std::to_string(signalNumber(*name)));
+            request(cli.board, Words{"signal", signalName(signalNumber(*name))});
             return 0;
         });
     signalCommand->add_option("SIGNAL", *name, "Name or number: TERM, STOP, CONT, 9")->required();
@@ -65,10 +70,9 @@ void addDaemon(Cli &cli)
     const auto speed = std::make_shared<int>(1);
     CLI::App *const start = cli.add(daemonGroup, "start", "Start the daemon; returns once it runs",
                                     [&cli, options, speed] {
-                                        std::string line = "start " + std::to_string(*speed);
-                                        for (const std::string &option : *options)
-                                            line += " " + option;
-                                        request(cli.board, line);
+                                        Words words{"start", std::to_string(*speed)};
+                                        words.insert(words.end(), options->begin(), options->end());
+                                        request(cli.board, words);
                                         return 0;
                                     });
     start->add_option("OPTION", *options, "Options for the daemon, after --");

@@ -1,9 +1,10 @@
 #include "cli.h"
 
+#include "device.h"
+
 #include <nlohmann/json.hpp>
 
 #include <cstdio>
-#include <filesystem>
 #include <poll.h>
 #include <unistd.h>
 
@@ -83,10 +84,7 @@ int store(const Cli &cli, const std::string &attribute)
         return 0;
     }
     nlohmann::json node = nlohmann::json::object();
-    std::error_code none;
-    const std::string folder = board.path(std::string("/board/store/") + statusNode);
-    for (const auto &entry : std::filesystem::directory_iterator(folder, none)) {
-        const std::string name = entry.path().filename();
+    for (const std::string &name : board.list(std::string(device::storeFolder) + statusNode)) {
         if (!name.starts_with("."))
             node[name] = board.stored(statusNode, name).value_or("");
     }
@@ -102,10 +100,10 @@ int store(const Cli &cli, const std::string &attribute)
 /// Prints the port counter snapshot: the file itself, or an object for every port.
 int snapshot(const Cli &cli)
 {
-    const std::string path = cli.running().path("/var/run/kelo-monitord.netinfo");
-    if (!std::filesystem::exists(path))
+    const auto file = cli.running().read(device::snapshotPath);
+    if (!file)
         throw Failure("there is no snapshot yet");
-    const std::string text = readFile(path);
+    const std::string &text = *file;
     if (!cli.json) {
         fputs(text.c_str(), stdout);
         return 0;

@@ -10,8 +10,11 @@ namespace {
 int panelOf(const std::string &board, const std::vector<std::string> &daemonArguments)
 {
     if (!findBoard(board)) {
-        const Host host(board);
+        // Apart, so that stopping the panel leaves the board running; it ends with the panel.
+        const Descriptor life = startApart(board, std::nullopt, Host::KEPT_MEGABYTES, true);
         panel::run(board, daemonArguments);
+        if (findBoard(board))
+            endBoard(board);
     } else if (daemonArguments.empty()) {
         panel::run(board, std::nullopt);
     } else {

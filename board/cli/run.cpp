@@ -11,8 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <poll.h>
-#include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 
 namespace kelo {
@@ -85,7 +84,7 @@ void runScript(const std::string &file, const std::string &board, Host &host,
         "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(trace.write.get())};
     const pid_t child = spawnApart(command, {-1, output.write.get(), output.write.get()});
     output.write.reset();
-    const Descriptor end(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+    const Descriptor end = endOf(child);
     const Clock::time_point limit = Clock::now() + toDuration(options.limit);
 
     EventPrinter printer(host.startTime());
@@ -104,19 +103,17 @@ void runScript(const std::string &file, const std::string &board, Host &host,
         }
     };
     bool running = true;
+    const Watch ending(host.base(), end.get(), [&] { running = false; });
     bool late = false;
     bool ended = false;
     while (running) {
-        pollfd sources[] = {{end.get(), POLLIN, 0}, {output.read.get(), POLLIN, 0}};
-        poll(sources, std::size(sources), 20);
-        running = !sources[0].revents;
+        host.turn(std::chrono::milliseconds(20));
         // What happened comes before what the script has to say of it.
         takeEvents(Clock::duration::zero());
-        if (sources[1].revents & POLLIN)
-            takeOutput(output.read.get(), options.show, outcome);
+        takeOutput(output.read.get(), options.show, outcome);
         takeTrace(trace.read.get(), last);
         late = Clock::now() > limit;
-        ended = host.wantsDown();
+        ended = host.wantsDown() || host.board().ended();
         if (running && (late || ended || interrupted))
             kill(-child, SIGKILL);
     }
@@ -133,7 +130,8 @@ void runScript(const std::string &file, const std::string &board, Host &host,
     else if (late)
         outcome.failure = "still running after " + options.limit + place + "; LEDs " + leds;
     else if (ended)
-        outcome.failure = "its board was asked to end" + place;
+        outcome.failure =
+            (host.wantsDown() ? "its board was asked to end" : "its board ended by itself") + place;
     else if (status != 0)
         outcome.failure = "exit status " + std::to_string(status) + place;
     else if (unasked && unasked->time >= host.accepted()) {

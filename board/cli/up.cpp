@@ -4,11 +4,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
-#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace kelo {
@@ -21,73 +20,69 @@ struct UpOptions {
     std::vector<std::string> daemon;
 };
 
-std::atomic<bool> interrupted;
+constexpr auto listPatience = std::chrono::seconds(1);
+constexpr int endingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
-void catchSignals()
-{
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
-        signal(number, [](int) { interrupted = true; });
-}
+volatile sig_atomic_t interrupted;
 
-void runQuietly(Host &host)
-{
-    while (!interrupted && !host.wantsDown())
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-}
+using DaemonArguments = std::optional<std::vector<std::string>>;
 
-/// Prints what happens on the board as it happens.
-void runPrinting(Host &host)
+/// Runs a board until its end is asked for, or a descriptor ends. `happened` is called when
+/// something has, `ready` once the daemon runs.
+void runBoard(const std::string &name, const DaemonArguments &daemon, size_t keptMegabytes,
+              int life, const std::function<void(Host &)> &happened,
+              const std::function<void()> &ready)
 {
-    EventPrinter printer(host.startTime());
-    size_t seen = 0;
+    for (const int number : endingSignals)
+        signal(number, [](int) { interrupted = 1; });
+    Host host(name, {keptMegabytes, "", [] { return interrupted != 0; }});
+    std::vector<Watch> watches;
+    for (const int number : endingSignals)
+        watches.push_back(Watch::onSignal(host.base(), number, [] { interrupted = 1; }));
+    if (life >= 0)
+        watches.emplace_back(host.base(), life, [] { interrupted = 1; });
+    if (daemon)
+        host.startDaemon(*daemon);
+    ready();
     while (!interrupted && !host.wantsDown()) {
-        for (const Event &event : host.board().next(seen, std::chrono::milliseconds(50)))
-            printer.print(event);
+        happened(host);
+        if (host.board().ended())
+            throw Failure("the board ended by itself");
+        host.turn(std::chrono::hours(1));
     }
+    happened(host);
 }
 
 int upForeground(const std::string &name, const UpOptions &options)
 {
-    catchSignals();
-    Host host(name, options.keep);
-    std::exception_ptr failure;
-    std::thread starter([&] {
-        try {
-            host.startDaemon(options.daemon);
-        } catch (...) {
-            failure = std::current_exception();
-            interrupted = true;
+    std::optional<EventPrinter> printer;
+    size_t seen = 0;
+    const auto print = [&](Host &host) {
+        if (!printer)
+            printer.emplace(host.startTime());
+        for (bool more = true; more;) {
+            const std::vector<Event> events = host.board().next(seen);
+            for (const Event &event : events)
+                printer->print(event);
+            more = !events.empty();
         }
-    });
-    runPrinting(host);
-    starter.join();
-    if (failure)
-        std::rethrow_exception(failure);
+        if (ferror(stdout))
+            interrupted = 1; // nobody reads it any more
+    };
+    runBoard(name, options.daemon, options.keep, -1, print, [] {});
     return 0;
 }
 
 int upDetached(const std::string &name, const UpOptions &options)
 {
-    Pipe ready = makePipe();
-    const pid_t child = fork();
-    if (child < 0)
-        throw std::system_error(errno, std::generic_category(), "fork");
-    if (child > 0) {
-        ready.write.reset();
-        return readAll(ready.read.get()).empty() ? 1 : 0;
-    }
-
-    setsid();
-    catchSignals();
-    Host host(name, options.keep);
-    host.startDaemon(options.daemon);
-    const Descriptor nothing(open("/dev/null", O_RDWR | O_CLOEXEC));
-    for (int fd = 0; fd <= 2; fd++)
-        dup2(nothing.get(), fd);
-    [[maybe_unused]] const ssize_t written = write(ready.write.get(), "r", 1);
-    ready.write.reset();
-    runQuietly(host);
+    startApart(name, options.daemon, options.keep, false);
     return 0;
+}
+
+std::string upTime(const std::map<std::string, std::string> &state)
+{
+    const auto start = state.find("start");
+    return start == state.end() ? "" : start->second;
 }
 
 int list(bool json)
@@ -95,27 +90,45 @@ int list(bool json)
     nlohmann::ordered_json boards = nlohmann::json::array();
     if (!json)
         printf("%-20s %8s %8s  %-12s %-6s %9s\n", "NAME", "PID", "DAEMON", "MODE", "LEDS", "UP");
+    // All are asked before any is heard: those that do not answer are waited for together.
+    std::vector<std::pair<std::string, std::optional<Connection>>> asked;
     for (const std::string &name : runningBoards()) {
-        std::map<std::string, std::string> state;
         try {
-            state = stateOf(name);
+            asked.emplace_back(name, Connection(name, "state"));
         } catch (const BoardGone &) {
-            continue; // it ended meanwhile
+            // It ended meanwhile.
+        }
+    }
+    const Clock::time_point end = Clock::now() + listPatience;
+    for (auto &[name, connection] : asked) {
+        std::map<std::string, std::string> state;
+        std::string remark;
+        try {
+            state = toState(connection->rest(end - Clock::now()));
+            if (state.contains("starting"))
+                remark = "starting";
+        } catch (const BoardGone &) {
+            continue;
+        } catch (const std::runtime_error &) {
+            remark = "no answer";
+            state["pid"] = std::to_string(connection->process());
         }
         const auto daemon = atoi(state["daemon"].c_str());
         const double up =
-            std::chrono::duration<double>(Clock::now() - toTime(state["start"])).count();
+            upTime(state).empty()
+                ? 0
+                : std::chrono::duration<double>(Clock::now() - toTime(upTime(state))).count();
+        const std::string mode = remark.empty() ? modeName(state["mode"]) : remark;
         if (json)
             boards.push_back({{"name", name},
                               {"pid", atoi(state["pid"].c_str())},
                               {"daemon", daemon ? nlohmann::json(daemon) : nlohmann::json()},
-                              {"mode", modeName(state["mode"])},
+                              {"mode", mode},
                               {"leds", state["leds"]},
                               {"up", up}});
         else
             printf("%-20s %8s %8s  %-12s %-6s %8.0fs\n", name.c_str(), state["pid"].c_str(),
-                   daemon ? state["daemon"].c_str() : "-", modeName(state["mode"]).c_str(),
-                   state["leds"].c_str(), up);
+                   daemon ? state["daemon"].c_str() : "-", mode.c_str(), state["leds"].c_str(), up);
     }
     if (json)
         puts(boards.dump().c_str());
@@ -123,6 +136,48 @@ int list(bool json)
 }
 
 } // namespace
+
+Descriptor startApart(const std::string &name, const DaemonArguments &daemonArguments,
+                      size_t keptMegabytes, bool tied)
+{
+    const SocketName usable(name);
+    Pipe ready = makePipe();
+    Pipe life = tied ? makePipe() : Pipe();
+    const pid_t child = fork();
+    if (child < 0)
+        throw std::system_error(errno, std::generic_category(), "fork");
+    if (child > 0) {
+        ready.write.reset();
+        const std::string answer = readAll(ready.read.get());
+        if (answer != "ok")
+            throw Failure(answer.empty() ? "the board ended as it started" : answer);
+        return std::move(life.write);
+    }
+
+    setsid();
+    ready.read.reset();
+    life.write.reset();
+    const auto tell = [&](const std::string &text) {
+        if (write(ready.write.get(), text.data(), text.size()) < 0)
+            _exit(1);
+        ready.write.reset();
+    };
+    try {
+        runBoard(
+            name, daemonArguments, keptMegabytes, life.read.get(), [](Host &) {},
+            [&] {
+                const Descriptor nothing(open("/dev/null", O_RDWR | O_CLOEXEC));
+                for (int fd = 0; fd <= 2; fd++)
+                    dup2(nothing.get(), fd);
+                tell("ok");
+            });
+        _exit(0);
+    } catch (const std::exception &error) {
+        if (ready.write)
+            tell(error.what());
+        _exit(1);
+    }
+}
 
 void addUp(Cli &cli)
 {
@@ -149,14 +204,7 @@ void addDown(Cli &cli)
 {
     CLI::App *const command =
         cli.add(runningGroup, "down", "End a board; returns once nothing of it is left", [&cli] {
-            request(cli.board, "down");
-            // Its name is free a moment after the rest is gone.
-            const auto end = Clock::now() + std::chrono::seconds(5);
-            const auto named = [&](const auto &names) {
-                return std::find(names.begin(), names.end(), cli.board) != names.end();
-            };
-            while (named(runningBoards()) && Clock::now() < end)
-                usleep(2000);
+            endBoard(cli.board);
             return 0;
         });
     command->add_option("NAME", cli.board, "Name of the board")->capture_default_str();

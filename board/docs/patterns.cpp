@@ -8,6 +8,7 @@
 #include <cmath>
 #include <exception>
 #include <stdexcept>
+#include <thread>
 
 namespace kelo::docs {
 

@@ -9,6 +9,8 @@
 
 namespace {
 
+using namespace kelo::device;
+
 /// Reads the values of a hardware file; returns how many were there, 0 without the file.
 [[gnu::format(scanf, 2, 3)]] int readValues(const char *path, const char *format, ...)
 {
@@ -29,14 +31,14 @@ int syscfg_getGponState()
 {
     noteCall("syscfg_getGponState\n");
     int state = -1;
-    return readValues("/board/gpon_state", "%d", &state) == 1 ? state : -1;
+    return readValues(gponPath, "%d", &state) == 1 ? state : -1;
 }
 
 int syscfg_getLaserInfo(float *rxPower, void *, void *, void *, void *)
 {
     noteCall("syscfg_getLaserInfo\n");
     float reading;
-    if (readValues("/board/laser_rx_dbm", "%f", &reading) != 1)
+    if (readValues(laserPath, "%f", &reading) != 1)
         return 0;
     *rxPower = reading;
     return 1;
@@ -46,7 +48,7 @@ int syscfg_getPortBytes(int port, unsigned long long *in, unsigned long long *ou
 {
     noteCall("syscfg_getPortBytes %d\n", port);
     char path[32];
-    snprintf(path, sizeof path, "/board/ports/%d", port);
+    snprintf(path, sizeof path, "%s%d", portsFolder, port);
     return readValues(path, "%llu %llu", in, out) == 2;
 }
 

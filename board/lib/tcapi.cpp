@@ -8,15 +8,17 @@
 
 namespace {
 
+using kelo::device::storeFolder;
+
 /// Replaces an attribute in one step, so that a reader finds the old value or the new one.
 int store(const char *node, const char *attribute, const char *value)
 {
     char path[256];
-    snprintf(path, sizeof path, "/board/store/%s", node);
+    snprintf(path, sizeof path, "%s%s", storeFolder, node);
     mkdir(path, 0755);
     char temporary[256];
-    snprintf(path, sizeof path, "/board/store/%s/%s", node, attribute);
-    snprintf(temporary, sizeof temporary, "/board/store/%s/.%s", node, attribute);
+    snprintf(path, sizeof path, "%s%s/%s", storeFolder, node, attribute);
+    snprintf(temporary, sizeof temporary, "%s%s/.%s", storeFolder, node, attribute);
     FILE *const file = fopen(temporary, "w");
     if (!file)
         return -1;
@@ -29,7 +31,7 @@ int store(const char *node, const char *attribute, const char *value)
 int tcapiSet(const char *node, const char *attribute, const char *value)
 {
     const int result = store(node, attribute, value);
-    noteCall("tcapiSet %s %s \"%s\"\n", node, attribute, value);
+    noteCall("tcapiSet %s %s \"%s\"%s\n", node, attribute, value, result == 0 ? "" : " refused");
     return result;
 }
 
@@ -38,6 +40,6 @@ int tcapiSetUint32(const char *node, const char *attribute, unsigned int value)
     char text[16];
     snprintf(text, sizeof text, "%u", value);
     const int result = store(node, attribute, text);
-    noteCall("tcapiSetUint32 %s %s %u\n", node, attribute, value);
+    noteCall("tcapiSetUint32 %s %s %u%s\n", node, attribute, value, result == 0 ? "" : " refused");
     return result;
 }

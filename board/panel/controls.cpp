@@ -1,5 +1,6 @@
 #include "controls.h"
 
+#include "device.h"
 #include "plot.h"
 #include "state.h"
 
@@ -47,10 +48,10 @@ std::string firstLine(const std::string &text)
 
 Access accessTo(const std::string &name)
 {
-    const std::optional<Place> place = findBoard(name);
-    if (!place)
+    const std::optional<Access> access = findBoard(name);
+    if (!access)
         throw BoardGone("the board \"" + name + "\" ended");
-    return Access(*place);
+    return *access;
 }
 
 } // namespace
@@ -218,7 +219,7 @@ void Controls::turnFault(const Fault &fault)
 void Controls::sendSignal(int number, const std::string &name)
 {
     later([this, number, name] {
-        ask("signal " + std::to_string(number));
+        ask("signal " + signalName(number));
         return "sent SIG" + name + " to the daemon";
     });
 }
@@ -226,10 +227,9 @@ void Controls::sendSignal(int number, const std::string &name)
 void Controls::startDaemon(const std::vector<std::string> &arguments)
 {
     later([this, arguments] {
-        std::string request = "start 1";
-        for (const std::string &argument : arguments)
-            request += " " + argument;
-        ask(request);
+        Words words{"start", "1"};
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        ask(toLine(words));
         return std::string("the daemon runs; ? lists the keys");
     });
 }
@@ -351,7 +351,8 @@ void Controls::moveTraffic()
         const int number = static_cast<int>(port) + 1;
         unsigned long long in;
         unsigned long long out;
-        const std::string file = readFile(board_.path("/board/ports/" + std::to_string(number)));
+        const std::string file =
+            board_.read(device::portsFolder + std::to_string(number)).value_or("");
         if (sscanf(file.c_str(), "%llu %llu", &in, &out) != 2)
             continue;
         const double phase = static_cast<double>(port) * 0.9;
@@ -376,8 +377,7 @@ void Controls::ask(const std::string &what) const
 
 void Controls::ip(const std::vector<std::string> &arguments) const
 {
-    if (!board_.place().isolated)
-        throw std::runtime_error("this board is on the machine's network, which stays as it is");
+    board_.require(Ability::Network);
     std::vector<std::string> command{"ip", "-6"};
     command.insert(command.end(), arguments.begin(), arguments.end());
     const Result result = board_.exec(command);

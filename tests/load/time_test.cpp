@@ -2,11 +2,13 @@
 // and it takes no more memory, descriptors or processes at the end than at the start.
 
 #include "board_test.h"
+#include "device.h"
 
 #include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <poll.h>
 #include <sstream>
@@ -66,8 +68,8 @@ protected:
         constexpr int room = 1 << 20; // for every LED write of a step
         static_assert(stepSeconds * 10 * 6 * sizeof "active 6 0" < room);
         ASSERT_EQ(room, fcntl(leds.get(), F_SETPIPE_SZ, room));
-        std::filesystem::remove(board.path("/board/calls"));
-        std::filesystem::create_symlink("/dev/null", board.path("/board/calls"));
+        std::filesystem::remove(board.path(kelo::device::channelPath));
+        std::filesystem::create_symlink("/dev/null", board.path(kelo::device::channelPath));
         std::filesystem::rename(board.path("/var/run"), board.path("/var/run.recorded"));
         std::filesystem::create_directory(board.path("/var/run"));
         renames = kelo::Descriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));

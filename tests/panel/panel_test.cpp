@@ -64,6 +64,15 @@ protected:
         return getpid();
     }
 
+    /// The panel, in front of a board of its own.
+    pid_t panel()
+    {
+        const std::string stat = kelo::readFile("/proc/" + std::to_string(process()) + "/stat");
+        pid_t parent = 0;
+        sscanf(stat.c_str() + stat.rfind(')'), ") %*c %d", &parent);
+        return parent;
+    }
+
     /// The terminal is as it was before the panel.
     void expectTerminalBack()
     {
@@ -443,16 +452,16 @@ TEST_P(PanelEnd, GivesTheTerminalBack)
         key("C-c");
         EXPECT_TRUE(shows("status 0"));
     } else if (way == "Term") {
-        kill(process(), SIGTERM);
+        kill(panel(), SIGTERM);
         EXPECT_TRUE(shows("status 0"));
     } else if (way == "Hangup") {
-        kill(process(), SIGHUP);
+        kill(panel(), SIGHUP);
         EXPECT_TRUE(shows("status 0"));
     } else if (way == "Segfault") {
-        kill(process(), SIGSEGV);
+        kill(panel(), SIGSEGV);
         EXPECT_TRUE(shows("status 139"));
     } else if (way == "Abort") {
-        kill(process(), SIGABRT);
+        kill(panel(), SIGABRT);
         EXPECT_TRUE(shows("status 134"));
     }
     expectTerminalBack();
@@ -465,7 +474,7 @@ INSTANTIATE_TEST_SUITE_P(Each, PanelEnd,
 TEST_F(PanelTest, EndsWithItsTerminal)
 {
     openAndWait();
-    const pid_t panel = process();
+    const pid_t panel = this->panel();
     terminal.reset();
     const auto end = std::chrono::steady_clock::now() + Terminal::deadline;
     while (kill(panel, 0) == 0 && std::chrono::steady_clock::now() < end)
@@ -478,7 +487,7 @@ TEST_F(PanelTest, EndsWithItsTerminalAlsoWhenNobodySaysSo)
 {
     open(80, 24, "--ignore-signal=HUP LC_ALL=C.UTF-8");
     ASSERT_TRUE(shows("the daemon runs"));
-    const pid_t panel = process();
+    const pid_t panel = this->panel();
     terminal.reset();
     const auto end = std::chrono::steady_clock::now() + Terminal::deadline;
     while (kill(panel, 0) == 0 && std::chrono::steady_clock::now() < end)

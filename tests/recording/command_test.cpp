@@ -145,10 +145,10 @@ TEST_F(RecordCommand, ARecordWithoutItsBeginningBeginsWithWhatHeld)
     done({"mode", "errora12"});
     done({"expect", "leds", "010000"});
     done({"set", "laser", "-26.5"});
-    std::string path = kb({"path", "/board/calls"}).output;
+    std::string path = kb({"path", "/dev/channel"}).output;
     path.pop_back();
-    for (int i = 0; i < 12; i++)
-        std::ofstream(path, std::ios::app) << "omci " + std::string(100000, 'y') + "\n";
+    for (int i = 0; i < 300; i++)
+        std::ofstream(path) << "\036omci " + std::string(4000, 'y') + "\n" << std::flush;
     const std::string loss = "is no longer kept\n";
     kelo::Result result{};
     const auto end = kelo::Clock::now() + std::chrono::seconds(30);

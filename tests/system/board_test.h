@@ -9,12 +9,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 
-/// Leaves a test out, with the reason, on a board that is a machine of its own.
-#define SKIP_ON_MACHINE(reason)                                                                    \
-    if (board.isMachine())                                                                         \
-    GTEST_SKIP() << "not on a machine of its own: " << (reason)
+/// Leaves a test out, with the reason, on a form of board that does not have something.
+#define NEEDS(ability)                                                                             \
+    if (const std::string reason = board.form().lacks(kelo::Ability::ability); !reason.empty())    \
+    GTEST_SKIP() << reason
 
 using namespace std::chrono_literals;
 using kelo::Event;
@@ -50,10 +49,10 @@ protected:
     void expectNoFindings()
     {
         board.stopDaemon();
-        for (const auto &entry : std::filesystem::directory_iterator(board.path("/tmp"))) {
-            if (!entry.path().filename().string().starts_with("findings"))
+        for (const std::string &name : board.list("/tmp")) {
+            if (!name.starts_with("findings"))
                 continue;
-            const std::string text = kelo::readFile(entry.path());
+            const std::string text = board.read("/tmp/" + name).value_or("");
             // A child that goes on as the shell gets no further than valgrind's greeting.
             const bool onlyGreets = text.find("Memcheck") != std::string::npos &&
                                     std::count(text.begin(), text.end(), '\n') <= 6;
@@ -78,6 +77,13 @@ protected:
         fromNow();
         board.startDaemon(arguments);
         ASSERT_TRUE(draws(2));
+    }
+
+    /// Waits for the counters' next snapshot.
+    testing::AssertionResult seesSnapshot()
+    {
+        return sees(
+            EventKind::Snapshot, [](const std::string &) { return true; }, "a snapshot");
     }
 
     /// Waits until an event of this kind satisfies the condition.
@@ -118,6 +124,33 @@ protected:
             "a log record with " + text);
     }
 
+    struct Thing {
+        EventKind kind;
+        std::string text; ///< a part of the event's
+    };
+
+    /// Waits until these things have happened in this order, whatever else did in between.
+    testing::AssertionResult happens(const std::vector<Thing> &things)
+    {
+        const auto found = [&](const std::vector<Event> &events) {
+            size_t next = 0;
+            for (size_t i = from; i < events.size() && next < things.size(); i++)
+                next += events[i].kind == things[next].kind &&
+                        events[i].text.find(things[next].text) != std::string::npos;
+            return next;
+        };
+        if (board.waitUntil(
+                [&](const std::vector<Event> &events) { return found(events) == things.size(); },
+                deadline))
+            return testing::AssertionSuccess();
+        const Thing &missing = things[found(board.events(0))];
+        auto failure = testing::AssertionFailure() << "no " << kindName(missing.kind) << " "
+                                                   << missing.text << " in its place:";
+        for (const Event &event : board.events(from))
+            failure << "\n  " << kindName(event.kind) << " " << event.text;
+        return failure;
+    }
+
     /// Writes a command into the display pipe and waits until the daemon has taken it and opened
     /// the pipe again: what comes while it is closed for a moment may be lost.
     void send(const std::string &command)
@@ -127,7 +160,7 @@ protected:
         ASSERT_TRUE(logs("received \"" + command.substr(0, 127)));
         ASSERT_TRUE(logs("received len: 0\n"));
         const auto end = kelo::Clock::now() + deadline;
-        while (board.daemonFile("stat").find(") S ") == std::string::npos)
+        while (board.ask({"daemon"}).at(2) != "S")
             ASSERT_LT(kelo::Clock::now(), end);
     }
 
@@ -212,9 +245,7 @@ protected:
 
     bool isFifo(const std::string &boardPath)
     {
-        if (board.isMachine())
-            return board.exec({"test", "-p", boardPath}).status == 0;
-        return std::filesystem::is_fifo(board.path(boardPath));
+        return board.statusOf(boardPath).starts_with("p ");
     }
 
     /// What the store holds; "(unset)" before it was set.

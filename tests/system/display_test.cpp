@@ -2,9 +2,7 @@
 
 #include "board_test.h"
 
-#include <filesystem>
-#include <fstream>
-#include <sys/stat.h>
+#include "device.h"
 
 namespace {
 
@@ -168,11 +166,7 @@ TEST_F(Display, PipeServesOneWriterAfterTheOther)
 TEST_F(Display, ShellCanWriteIntoThePipe)
 {
     start();
-    std::vector<std::string> shell{"/bin/sh", "-c",
-                                   "echo errora12 > /var/run/kelo-monitord.display"};
-    if (!board.isMachine())
-        shell.insert(shell.begin(), {"chroot", board.place().root});
-    ASSERT_EQ(0, board.exec(shell).status);
+    board.ask({"run", "sh", "-c", std::string("echo errora12 > ") + kelo::device::displayPath});
     EXPECT_TRUE(sees(EventKind::Mode, "4"));
 }
 
@@ -186,7 +180,7 @@ TEST_F(Display, LongChunkIsCutAt127BytesAndItsRestIsACommandOfItsOwn)
 
 TEST_F(Display, OldFileAtThePipesPathIsReplaced)
 {
-    std::ofstream(board.path("/var/run/kelo-monitord.display")) << "old";
+    board.put(kelo::device::displayPath, "old");
     start();
     EXPECT_TRUE(isFifo("/var/run/kelo-monitord.display"));
     send("reboot");
@@ -195,7 +189,7 @@ TEST_F(Display, OldFileAtThePipesPathIsReplaced)
 
 TEST_F(Display, WithoutAPipeTheDisplayGoesOn)
 {
-    std::filesystem::create_directory(board.path("/var/run/kelo-monitord.display"));
+    board.makeFolder(kelo::device::displayPath);
     start();
     EXPECT_TRUE(logs("Failed to create fifo \"/var/run/kelo-monitord.display\"\n"));
     EXPECT_TRUE(draws(4));
@@ -204,20 +198,18 @@ TEST_F(Display, WithoutAPipeTheDisplayGoesOn)
 
 TEST_F(Display, PipeThatCannotBeOpenedAgainStaysClosed)
 {
-    SKIP_ON_MACHINE("the pipe is reached through the daemon's descriptors");
     start();
-    std::filesystem::remove(board.path("/var/run/kelo-monitord.display"));
+    board.remove(kelo::device::displayPath);
     fromNow();
     // The daemon still holds the old pipe: reach it through its descriptor table.
-    const std::string fds = "/proc/" + std::to_string(board.daemon().value()) + "/fd/";
+    const std::string fds = board.daemonFolder() + "/fd/";
     std::string pipe;
-    for (const auto &entry : std::filesystem::directory_iterator(fds)) {
-        if (std::filesystem::is_fifo(entry) &&
-            std::filesystem::read_symlink(entry).string().find("display") != std::string::npos)
-            pipe = entry.path();
+    for (const std::string &fd : board.list(fds)) {
+        if (board.linkOf(fds + fd).find("display") != std::string::npos)
+            pipe = fds + fd;
     }
     ASSERT_NE("", pipe);
-    std::ofstream(pipe) << "reboot";
+    board.ask({"run", "sh", "-c", "echo reboot > " + pipe});
     EXPECT_TRUE(sees(EventKind::Mode, "2"));
     EXPECT_TRUE(logs("Failed to open socket \"/var/run/kelo-monitord.display\"\n"));
     EXPECT_TRUE(plays({"000111", "000000", "000111", "000000"}));
@@ -225,14 +217,13 @@ TEST_F(Display, PipeThatCannotBeOpenedAgainStaysClosed)
 
 TEST_F(Display, MissingLedFileIsNoReasonToStop)
 {
-    SKIP_ON_MACHINE("a driver's file cannot be removed");
+    NEEDS(FileFaults);
     // The daemon makes a file of that name where none is, as fopen(3) would.
-    std::filesystem::remove(board.path("/proc/tc3162/gpio_output"));
+    board.remove(kelo::device::ledPath);
     fromNow();
     board.startDaemon();
-    EXPECT_TRUE(sees(
-        EventKind::Snapshot, [](const std::string &) { return true; }, "a snapshot"));
-    EXPECT_EQ("active 4 1\n", kelo::readFile(board.path("/proc/tc3162/gpio_output")));
+    EXPECT_TRUE(seesSnapshot());
+    EXPECT_EQ("active 4 1\n", board.read(kelo::device::ledPath));
 }
 
 } // namespace

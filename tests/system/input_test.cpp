@@ -2,7 +2,7 @@
 
 #include "board_test.h"
 
-#include <filesystem>
+#include "device.h"
 
 namespace {
 
@@ -19,18 +19,13 @@ protected:
     /// The daemon's children that ended and were not waited for.
     size_t zombies()
     {
-        const std::string zombie = ") Z " + std::to_string(board.daemon().value()) + " ";
+        const kelo::Words daemon = board.ask({"daemon"});
+        const std::string processes = daemon.at(1).substr(0, daemon.at(1).rfind('/') + 1);
         size_t result = 0;
-        const auto look = [&](const std::string &stats) {
-            for (size_t at = 0; (at = stats.find(zombie, at)) != std::string::npos; at++)
-                result++;
-        };
-        if (board.isMachine()) {
-            look(board.exec({"sh", "-c", "cat /proc/[0-9]*/stat"}).output);
-        } else {
-            for (const auto &entry : std::filesystem::directory_iterator("/proc"))
-                look(kelo::readFile(entry.path() / "stat"));
-        }
+        for (const std::string &name : board.list(processes))
+            result += board.read(processes + name + "/stat")
+                          .value_or("")
+                          .find(") Z " + daemon.at(0) + " ") != std::string::npos;
         return result;
     }
 };
@@ -82,10 +77,10 @@ TEST_F(ResetButton, NegativeSampleIsAPressButNoLongHold)
 
 TEST_F(ResetButton, UnreadableButtonDuringAHoldCountsAsRelease)
 {
-    SKIP_ON_MACHINE("a driver's file cannot be removed");
+    NEEDS(FileFaults);
     press(2);
     ASSERT_TRUE(sees(EventKind::Mode, "2"));
-    std::filesystem::remove(board.path("/proc/tc3162/reset_button"));
+    board.remove(kelo::device::buttonPath);
     EXPECT_TRUE(sees(EventKind::Call, "syscfg_reboot"));
 }
 
@@ -98,8 +93,7 @@ TEST_F(ResetButton, ModeChosenDuringAHoldStaysUntilTheRelease)
     board.setButton(3);
     fromNow();
     // The hold is sampled on, which the counters' polls tell, and the mode stays.
-    ASSERT_TRUE(sees(
-        EventKind::Snapshot, [](const std::string &) { return true; }, "a snapshot"));
+    ASSERT_TRUE(seesSnapshot());
     EXPECT_EQ(0U, count(EventKind::Mode));
     board.setButton(0);
     EXPECT_TRUE(sees(EventKind::Mode, "2"));

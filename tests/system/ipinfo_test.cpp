@@ -2,7 +2,7 @@
 
 #include "board_test.h"
 
-#include <net/if.h>
+#include <csignal>
 
 namespace {
 

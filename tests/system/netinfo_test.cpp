@@ -2,7 +2,8 @@
 
 #include "board_test.h"
 
-#include <filesystem>
+#include "device.h"
+
 #include <sstream>
 
 namespace {
@@ -45,8 +46,7 @@ TEST_F(Snapshot, HasALineForEveryPortInOrder)
 TEST_F(Snapshot, FirstComesASecondAfterTheStart)
 {
     start();
-    ASSERT_TRUE(sees(
-        EventKind::Snapshot, [](const std::string &) { return true; }, "a snapshot"));
+    ASSERT_TRUE(seesSnapshot());
     kelo::Clock::time_point began;
     for (const Event &event : board.events(from)) {
         if (event.kind == EventKind::Mode)
@@ -99,8 +99,7 @@ TEST_F(Snapshot, UnreadablePortIsLeftOutAndCatchesUpLater)
 TEST_F(Snapshot, IsEmptyWhenNoPortCanBeRead)
 {
     start();
-    ASSERT_TRUE(sees(
-        EventKind::Snapshot, [](const std::string &) { return true; }, "a snapshot"));
+    ASSERT_TRUE(seesSnapshot());
     for (int port = 1; port <= 7; port++)
         board.removePort(port);
     EXPECT_TRUE(sees(EventKind::Snapshot, ""));
@@ -111,8 +110,8 @@ TEST_F(Snapshot, UnwritableFolderIsReportedEverySecondAndCountersWait)
     board.setPort(1, 10, 20);
     start();
     ASSERT_TRUE(snapshotWith("port=lan1,in=10,out=20,counterIn=10,counterOut=20"));
-    const std::string temporary = board.path("/var/run/kelo-monitord.netinfo.tmp");
-    std::filesystem::create_directory(temporary);
+    const std::string temporary = std::string(kelo::device::snapshotPath) + ".tmp";
+    board.makeFolder(temporary);
     board.setPort(1, 60, 90);
     fromNow();
     ASSERT_TRUE(board.waitUntil(
@@ -127,19 +126,17 @@ TEST_F(Snapshot, UnwritableFolderIsReportedEverySecondAndCountersWait)
         },
         deadline));
     EXPECT_EQ(0U, count(EventKind::Call, "syscfg_getPortBytes"));
-    std::filesystem::remove(temporary);
+    board.remove(temporary);
     EXPECT_TRUE(snapshotWith("port=lan1,in=50,out=70,counterIn=60,counterOut=90"));
 }
 
 TEST_F(Snapshot, ReaderNeverFindsAHalfWrittenOne)
 {
     start();
-    ASSERT_TRUE(sees(
-        EventKind::Snapshot, [](const std::string &) { return true; }, "a snapshot"));
-    const std::string file = board.path("/var/run/kelo-monitord.netinfo");
+    ASSERT_TRUE(seesSnapshot());
     const size_t snapshots = count(EventKind::Snapshot);
     while (count(EventKind::Snapshot) < snapshots + 2) {
-        const std::string text = kelo::readFile(file);
+        const std::string text = board.read(kelo::device::snapshotPath).value_or("");
         ASSERT_EQ(7U, portsOf(text).size()) << text;
         ASSERT_EQ('\n', text.back());
     }

@@ -187,7 +187,7 @@ TEST(Board, LivesOnWhenABuildReplacesItsRootFileSystem)
     std::filesystem::copy(built, copy,
                           std::filesystem::copy_options::recursive |
                               std::filesystem::copy_options::copy_symlinks);
-    kelo::Board board(kelo::Board::Options{copy});
+    kelo::Board board(kelo::Board::Options{copy, {}});
     std::filesystem::remove_all(copy);
     board.startDaemon();
     EXPECT_TRUE(board.waitUntil(

@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
  * The board's LED lines and reset button as the tc3162 platform driver offers them:
- *   /proc/tc3162/gpio_output   takes "active LINE LEVEL" commands; reading it gives every command
- *                              written so far, oldest first, each after its time in milliseconds,
- *                              and then waits for more
+ *   /proc/tc3162/gpio_output   takes "active LINE LEVEL" commands, and what else is written there.
+ *                              Reading it gives what was written, oldest first, one write(2) at a
+ *                              time, behind an octet 035, its time by the monotonic clock as
+ *                              "SECONDS NANOSECONDS" and a blank
  *   /proc/tc3162/reset_button  gives the button's value; writing a number moves the button
  */
 
 #include <linux/fs.h>
+#include <linux/kfifo.h>
 #include <linux/ktime.h>
 #include <linux/module.h>
 #include <linux/mutex.h>
@@ -17,32 +19,32 @@
 #include <linux/uaccess.h>
 #include <linux/wait.h>
 
-#define LOG_SIZE (1 << 20) /* a ring: what was overwritten is skipped by its readers */
+#define LOG_SIZE (1 << 20)
+#define ENTRY_MAX 2048
 
-static char log_bytes[LOG_SIZE];
-static loff_t log_end; /* bytes ever written */
-static int button;
 static DEFINE_MUTEX(lock);
 static DECLARE_WAIT_QUEUE_HEAD(grown);
+static STRUCT_KFIFO_REC_2(LOG_SIZE) entries;
+static char entry[64 + ENTRY_MAX]; /* under the lock */
+static int button;
 
 static ssize_t gpio_write(struct file *file, const char __user *from, size_t size, loff_t *position)
 {
-	char command[32], line[64];
-	int length, i;
+	struct timespec64 now;
+	size_t length;
 
-	if (size >= sizeof(command))
-		return -EINVAL;
-	if (copy_from_user(command, from, size))
-		return -EFAULT;
-	command[size] = '\0';
-	if (size > 0 && command[size - 1] == '\n')
-		command[size - 1] = '\0';
-	length = scnprintf(line, sizeof(line), "%lld %s\n", ktime_to_ms(ktime_get()), command);
-
+	if (size > ENTRY_MAX)
+		size = ENTRY_MAX;
 	mutex_lock(&lock);
-	for (i = 0; i < length; i++)
-		log_bytes[(size_t)(log_end + i) % LOG_SIZE] = line[i];
-	log_end += length;
+	ktime_get_ts64(&now);
+	length = scnprintf(entry, sizeof(entry), "\035%lld %ld ", (long long)now.tv_sec, now.tv_nsec);
+	if (copy_from_user(entry + length, from, size)) {
+		mutex_unlock(&lock);
+		return -EFAULT;
+	}
+	while (kfifo_avail(&entries) < length + size)
+		kfifo_skip(&entries); /* nobody reads */
+	kfifo_in(&entries, entry, length + size);
 	mutex_unlock(&lock);
 	wake_up_interruptible(&grown);
 	return size;
@@ -50,26 +52,32 @@ static ssize_t gpio_write(struct file *file, const char __user *from, size_t siz
 
 static ssize_t gpio_read(struct file *file, char __user *to, size_t size, loff_t *position)
 {
-	size_t start, length;
 	ssize_t result;
 
-	if (wait_event_interruptible(grown, *position < READ_ONCE(log_end)))
+	if (kfifo_is_empty(&entries) && (file->f_flags & O_NONBLOCK))
+		return -EAGAIN;
+	if (wait_event_interruptible(grown, !kfifo_is_empty(&entries)))
 		return -ERESTARTSYS;
 	mutex_lock(&lock);
-	if (log_end - *position > LOG_SIZE)
-		*position = log_end - LOG_SIZE;
-	start = (size_t)*position % LOG_SIZE;
-	length = min3(size, (size_t)(log_end - *position), (size_t)LOG_SIZE - start);
-	result = copy_to_user(to, log_bytes + start, length) ? -EFAULT : (ssize_t)length;
+	result = kfifo_out(&entries, entry, sizeof(entry));
+	if (result > size)
+		result = size;
+	if (copy_to_user(to, entry, result))
+		result = -EFAULT;
 	mutex_unlock(&lock);
-	if (result > 0)
-		*position += result;
 	return result;
+}
+
+static __poll_t gpio_poll(struct file *file, poll_table *table)
+{
+	poll_wait(file, &grown, table);
+	return EPOLLOUT | EPOLLWRNORM | (kfifo_is_empty(&entries) ? 0 : EPOLLIN | EPOLLRDNORM);
 }
 
 static const struct proc_ops gpio_ops = {
 	.proc_read = gpio_read,
 	.proc_write = gpio_write,
+	.proc_poll = gpio_poll,
 	.proc_lseek = no_llseek,
 };
 
@@ -108,6 +116,7 @@ static int __init tc3162_init(void)
 {
 	struct proc_dir_entry *folder = proc_mkdir("tc3162", NULL);
 
+	INIT_KFIFO(entries);
 	if (folder && proc_create("gpio_output", 0666, folder, &gpio_ops) &&
 	    proc_create("reset_button", 0666, folder, &button_ops))
 		return 0;

@@ -1,0 +1,141 @@
+// The orders in which things happen that other programs may rely on.
+
+#include "board_test.h"
+
+namespace {
+
+constexpr auto LOG = EventKind::Log;
+constexpr auto STORE = EventKind::Store;
+constexpr auto OMCI = EventKind::Omci;
+
+class Order : public BoardTest {
+protected:
+    /// The events since the last command, once everything that it caused has happened.
+    std::vector<Event> after(const std::string &command)
+    {
+        ip(command);
+        const size_t start = from;
+        settle();
+        std::vector<Event> result;
+        for (const Event &event : board.events(start)) {
+            if (event.text.find("192.0.2.") != std::string::npos)
+                break;
+            if (event.kind == LOG || event.kind == STORE || event.kind == OMCI)
+                result.push_back(event);
+        }
+        fromNow();
+        return result;
+    }
+
+    static testing::AssertionResult are(const std::vector<Event> &events,
+                                        const std::vector<Thing> &things)
+    {
+        bool equal = events.size() == things.size();
+        for (size_t i = 0; equal && i < events.size(); i++)
+            equal = events[i].kind == things[i].kind &&
+                    events[i].text.find(things[i].text) != std::string::npos;
+        if (equal)
+            return testing::AssertionSuccess();
+        auto failure = testing::AssertionFailure() << "instead:";
+        for (const Event &event : events)
+            failure << "\n  " << kindName(event.kind) << " " << event.text;
+        return failure;
+    }
+};
+
+TEST_F(Order, LedsAreDarkBeforeTheFirstSwitchIsLogged)
+{
+    start();
+    const std::vector<Event> events = board.events(from);
+    const auto first = std::find_if(events.begin(), events.end(), [](const Event &event) {
+        return event.kind == EventKind::Leds || event.kind == LOG;
+    });
+    ASSERT_NE(events.end(), first);
+    EXPECT_EQ(EventKind::Leds, first->kind);
+    EXPECT_TRUE(happens({{EventKind::Leds, "000000"},
+                         {LOG, "switch display mode 0 -> 1"},
+                         {EventKind::Mode, "1"},
+                         {EventKind::Call, "syscfg_getLaserInfo"},
+                         {EventKind::Leds, "110000"}}));
+}
+
+TEST_F(Order, AddressIsLoggedThenPublishedAndPublishedThenLoggedWhenItGoes)
+{
+    start();
+    fromNow();
+    EXPECT_TRUE(are(after("-6 addr add 2001:db8::1/64 dev nas0_0 nodad"),
+                    {{LOG, "New IPv6 address 2001:db8::1/64"},
+                     {STORE, "wanAddress \"2001:db8::1\""},
+                     {STORE, "wanAddressLen 64"},
+                     {OMCI, "set update_ip"}}));
+    EXPECT_TRUE(are(after("-6 addr del 2001:db8::1/64 dev nas0_0"),
+                    {{STORE, "wanAddress \"\""},
+                     {STORE, "wanAddressLen 0"},
+                     {OMCI, "set update_ip"},
+                     {LOG, "Removed IPv6 address 2001:db8::1/64"}}));
+}
+
+TEST_F(Order, DefaultRouteIsLoggedThenPublished)
+{
+    start();
+    fromNow();
+    EXPECT_TRUE(are(after("-6 route add default via fe80::1 dev nas0_0"),
+                    {{LOG, "New IPv6 default route via fe80::1"},
+                     {STORE, "wanGateway \"fe80::1\""},
+                     {OMCI, "set update_ip"}}));
+}
+
+TEST_F(Order, PurgeTellsOfTheLinkThenOfAddressesThenOfRoutes)
+{
+    start();
+    fromNow();
+    // What leaves a bridge is reported like a deleted link, and keeps what the kernel would take
+    // from that with reports of their own.
+    after("link set ppp0 master br0");
+    after("-6 addr add 2001:db8::1/64 dev ppp0 nodad");
+    after("-6 addr add 2001:db8::2/64 dev ppp0 nodad");
+    after("-6 route add 2001:db8:f::/48 via fe80::1 dev ppp0");
+    EXPECT_TRUE(
+        are(after("link set ppp0 nomaster"), {{LOG, "Removed interface ppp0("},
+                                              {STORE, "wanAddress \"\""},
+                                              {STORE, "wanAddressLen 0"},
+                                              {OMCI, "set update_ip"},
+                                              {LOG, "Removed IPv6 address 2001:db8::2/64"},
+                                              {STORE, "wanAddress \"\""},
+                                              {STORE, "wanAddressLen 0"},
+                                              {OMCI, "set update_ip"},
+                                              {LOG, "Removed IPv6 address 2001:db8::1/64"},
+                                              {LOG, "Removed IPv6 route 2001:db8:f::/48"}}));
+}
+
+TEST_F(Order, SnapshotComesRightBehindTheSevenPorts)
+{
+    start();
+    ASSERT_TRUE(seesSnapshot());
+    ASSERT_TRUE(happens({{EventKind::Snapshot, ""}, {EventKind::Snapshot, ""}}));
+    const std::vector<Event> events = board.events(from);
+    size_t snapshots = 0;
+    for (size_t i = 7; i < events.size(); i++) {
+        if (events[i].kind != EventKind::Snapshot)
+            continue;
+        snapshots++;
+        for (size_t port = 1; port <= 7; port++)
+            EXPECT_EQ("syscfg_getPortBytes " + std::to_string(port), events[i - 8 + port].text);
+    }
+    EXPECT_GE(snapshots, 2U);
+}
+
+TEST_F(Order, StoreThatRefusesIsRecordedAsThat)
+{
+    start();
+    board.remove("/board/store");
+    board.put("/board/store", "");
+    fromNow();
+    EXPECT_TRUE(are(after("-6 addr add 2001:db8::1/64 dev nas0_0 nodad"),
+                    {{LOG, "New IPv6 address 2001:db8::1/64"},
+                     {STORE, "wanAddress \"2001:db8::1\" refused"},
+                     {STORE, "wanAddressLen 64 refused"},
+                     {OMCI, "set update_ip"}}));
+}
+
+} // namespace
