@@ -1,5 +1,7 @@
 #include "recording.h"
 
+#include "device.h"
+
 #include <algorithm>
 #include <cmath>
 #include <ctime>
@@ -14,7 +16,6 @@ namespace {
 
 constexpr const char *ledNames[] = {"gpio6", "gpio7", "gpio8", "gpio2", "gpio3", "gpio4"};
 constexpr int MODE_BITS = 4;
-constexpr int GPON_UP = 5;
 
 /// The signals that a recording has, empty.
 std::vector<Signal> emptySignals()
@@ -82,7 +83,7 @@ void recordEvent(Recorder &recorder, const Event &event)
         recorder.set("rx_power_dbm", toNumber(event.text));
         break;
     case EventKind::Gpon:
-        recorder.set("link", atoi(event.text.c_str()) == GPON_UP ? "1" : "0");
+        recorder.set("link", atoi(event.text.c_str()) == device::gponUp ? "1" : "0");
         recorder.set("gpon_state", toNumber(event.text));
         break;
     case EventKind::Button:

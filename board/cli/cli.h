@@ -102,10 +102,6 @@ private:
     News news_;
 };
 
-/// What the daemon keeps in the configuration store.
-inline constexpr const char *storeAttributes[] = {"lanAddress", "lanAddressLen", "wanAddress",
-                                                  "wanAddressLen", "wanGateway"};
-
 /// The keywords of the display modes, in the order of their numbers.
 std::vector<std::string> modeKeywords();
 /// A display mode's keyword, or its number where it has none.

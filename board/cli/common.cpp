@@ -1,5 +1,7 @@
 #include "cli.h"
 
+#include "device.h"
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -8,13 +10,6 @@
 #include <cstdio>
 
 namespace kelo {
-
-namespace {
-
-constexpr const char *keywords[] = {"none",     "signal",  "reboot",   "restore",    "errora12",
-                                    "locateme", "ledtest", "facttest", "facttesterr"};
-
-} // namespace
 
 CLI::App *Cli::add(const char *group, const std::string &name, const std::string &description,
                    std::function<int()> action)
@@ -81,21 +76,23 @@ void EventPrinter::print(const Event &event)
 
 std::vector<std::string> modeKeywords()
 {
-    return {std::begin(keywords), std::end(keywords)};
+    return {std::begin(device::modeKeywords), std::end(device::modeKeywords)};
 }
 
 std::string modeName(const std::string &number)
 {
     const int mode = atoi(number.c_str());
-    const bool known = !number.empty() && mode >= 0 && mode < static_cast<int>(std::size(keywords));
-    return known ? keywords[mode] : number;
+    const bool known =
+        !number.empty() && mode >= 0 && mode < static_cast<int>(std::size(device::modeKeywords));
+    return known ? device::modeKeywords[mode] : number;
 }
 
 std::string modeNumber(const std::string &name)
 {
-    const auto *const keyword = std::find(std::begin(keywords), std::end(keywords), name);
-    if (keyword != std::end(keywords))
-        return std::to_string(keyword - keywords);
+    const auto *const keyword =
+        std::find(std::begin(device::modeKeywords), std::end(device::modeKeywords), name);
+    if (keyword != std::end(device::modeKeywords))
+        return std::to_string(keyword - device::modeKeywords);
     int number = 0;
     if (CLI::detail::lexical_cast(name, number))
         return std::to_string(number);

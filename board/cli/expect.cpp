@@ -2,6 +2,8 @@
 
 #include "cli.h"
 
+#include "device.h"
+
 #include "blink.h"
 #include "waveform.h"
 
@@ -16,7 +18,6 @@ namespace {
 
 constexpr auto shownBefore = std::chrono::seconds(8);
 constexpr char allowExitHelp[] = "The daemon may end though nobody asked it to";
-constexpr char statusNode[] = "Kelo_Ipv6Status";
 constexpr const char *functions[] = {"reboot", "restoreDefaultBg", "getLaserInfo", "getGponState",
                                      "getPortBytes"};
 
@@ -135,8 +136,10 @@ Condition logHas(const std::string &text)
 
 Condition storeHas(const std::string &attribute, const std::string &value)
 {
-    checkName("attribute", attribute, storeAttributes);
-    const auto stored = [=](const View &view) { return view.board.stored(statusNode, attribute); };
+    checkName("attribute", attribute, device::storeAttributes);
+    const auto stored = [=](const View &view) {
+        return view.board.stored(device::statusNode, attribute);
+    };
     return {"store " + attribute + " \"" + value + "\"",
             [=](const View &view) { return stored(view) == value; },
             [=](const View &view) {

@@ -12,8 +12,6 @@ namespace kelo {
 
 namespace {
 
-constexpr char statusNode[] = "Kelo_Ipv6Status";
-
 struct LookOptions {
     bool follow = false;
     std::string attribute;
@@ -74,7 +72,7 @@ int store(const Cli &cli, const std::string &attribute)
 {
     const Access board = cli.running();
     if (!attribute.empty()) {
-        const auto value = board.stored(statusNode, attribute);
+        const auto value = board.stored(device::statusNode, attribute);
         if (!value)
             throw Failure("the store has no \"" + attribute + "\"");
         if (cli.json)
@@ -84,9 +82,10 @@ int store(const Cli &cli, const std::string &attribute)
         return 0;
     }
     nlohmann::json node = nlohmann::json::object();
-    for (const std::string &name : board.list(std::string(device::storeFolder) + statusNode)) {
+    for (const std::string &name :
+         board.list(std::string(device::storeFolder) + device::statusNode)) {
         if (!name.starts_with("."))
-            node[name] = board.stored(statusNode, name).value_or("");
+            node[name] = board.stored(device::statusNode, name).value_or("");
     }
     if (cli.json) {
         printJson(node);
@@ -171,7 +170,8 @@ void addLook(Cli &cli)
     storeCommand->add_option("ATTRIBUTE", options->attribute,
                              "Only this one, for example wanAddress");
     cli.words[storeCommand] = [] {
-        return std::vector<std::string>(std::begin(storeAttributes), std::end(storeAttributes));
+        return std::vector<std::string>(std::begin(device::storeAttributes),
+                                        std::end(device::storeAttributes));
     };
     CLI::App *const snapshotCommand = cli.add(
         lookGroup, "snapshot", "Print the port counter snapshot", [&cli] { return snapshot(cli); });

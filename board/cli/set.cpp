@@ -1,5 +1,7 @@
 #include "cli.h"
 
+#include "device.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -7,8 +9,6 @@
 namespace kelo {
 
 namespace {
-
-constexpr const char *portNames[] = {"lan1", "lan2", "lan3", "lan4", "wan", "wifi2", "wifi5"};
 
 struct Values {
     std::string text;
@@ -70,8 +70,8 @@ void send(const Access &board, const std::string &text)
 
 int portNumber(const std::string &name)
 {
-    for (int port = 1; port <= static_cast<int>(std::size(portNames)); port++) {
-        if (name == portNames[port - 1] || name == std::to_string(port))
+    for (int port = 1; port <= static_cast<int>(std::size(device::portNames)); port++) {
+        if (name == device::portNames[port - 1] || name == std::to_string(port))
             return port;
     }
     throw UsageError("no port: \"" + name + "\" (lan1 to lan4, wan, wifi2, wifi5, or 1 to 7)");
@@ -119,7 +119,7 @@ void addSet(Cli &cli)
         ->required();
     port->add_option("OUT", values->out, "Bytes out")->capture_default_str();
     cli.words[port] = [] {
-        return std::vector<std::string>(std::begin(portNames), std::end(portNames));
+        return std::vector<std::string>(std::begin(device::portNames), std::end(device::portNames));
     };
 }
 

@@ -20,7 +20,6 @@ namespace {
 
 constexpr auto tickTime = std::chrono::milliseconds(250);
 constexpr auto pressTime = std::chrono::milliseconds(1300); // the daemon looks once a second
-constexpr int GPON_UP = 5;
 constexpr int GPON_DOWN = 3;
 constexpr double MAX_POWER = 10;
 constexpr double MIN_POWER = -45;
@@ -115,7 +114,7 @@ void Controls::turnReading(const std::string &laser)
 
 void Controls::turnLink(const std::string &gpon)
 {
-    const int next = atoi(gpon.c_str()) == GPON_UP ? GPON_DOWN : GPON_UP;
+    const int next = atoi(gpon.c_str()) == gponUp ? GPON_DOWN : gponUp;
     later([this, next] {
         board_.setGpon(next);
         return "GPON state is " + std::to_string(next);

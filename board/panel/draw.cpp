@@ -14,7 +14,6 @@ namespace {
 
 constexpr int LEFT = 8; ///< where values start; their names stand before that
 constexpr int LED_WIDTH = 11;
-constexpr int GPON_UP = 5;
 constexpr auto messageTime = std::chrono::seconds(6);
 constexpr char logPrefix[] = "kelo-monitord: ";
 constexpr int TIME_WIDTH = 10; ///< of a log line
@@ -152,7 +151,7 @@ private:
     void leds()
     {
         name(LED_ROW, "LEDs");
-        for (size_t led = 0; led < ledGpios.size(); led++) {
+        for (size_t led = 0; led < std::size(ledGpios); led++) {
             const int column = LEFT + static_cast<int>(led) * (LED_WIDTH + 1);
             const char flag = led < state_.leds.size() ? state_.leds[led] : '?';
             const bool lit = flag == '1';
@@ -179,7 +178,7 @@ private:
             return;
         }
         const auto number = static_cast<size_t>(*state_.mode);
-        const std::string keyword = number < modeKeywords.size() ? modeKeywords[number] : "?";
+        const std::string keyword = number < std::size(modeKeywords) ? modeKeywords[number] : "?";
         screen_.put(MODE_ROW, LEFT, width_, keyword, Colour::Cool, Screen::BOLD);
         screen_.put(
             MODE_ROW, LEFT + static_cast<int>(keyword.size()), width_ - LEFT,
@@ -201,19 +200,19 @@ private:
                     level < 0 ? Colour::Bad : levelColours[static_cast<size_t>(level)],
                     Screen::BOLD);
 
-        const bool up = atoi(state_.gpon.c_str()) == GPON_UP;
+        const bool up = atoi(state_.gpon.c_str()) == gponUp;
         screen_.put(POWER_ROW, width_ / 2, 10, "Link", Colour::Plain, Screen::BOLD);
         screen_.put(POWER_ROW, width_ / 2 + 6, width_ / 2 - 6,
                     (up ? "up" : "DOWN") + std::string(" (GPON state ") + state_.gpon + ")",
                     up ? Colour::Good : Colour::Bad, up ? 0 : Screen::BOLD);
-        gauge(level < 0 ? NO_SIGNAL_DBM : *power);
+        gauge(level < 0 ? noSignalDbm : *power);
     }
 
     /// The column of the gauge where a power lies.
     int gaugeColumn(double power) const
     {
         const int length = width_ - LEFT - 2;
-        const double part = std::clamp((power - NO_SIGNAL_DBM) / -NO_SIGNAL_DBM, 0.0, 1.0);
+        const double part = std::clamp((power - noSignalDbm) / -noSignalDbm, 0.0, 1.0);
         return LEFT + static_cast<int>(std::lround(part * length));
     }
 
@@ -221,10 +220,10 @@ private:
     {
         const int row = POWER_ROW + 1;
         const int filled = std::isnan(power) ? LEFT : gaugeColumn(power);
-        for (size_t level = 0; level <= levelThresholds.size(); level++) {
-            const int from = gaugeColumn(level == 0 ? NO_SIGNAL_DBM : levelThresholds[level - 1]);
+        for (size_t level = 0; level <= std::size(levelThresholds); level++) {
+            const int from = gaugeColumn(level == 0 ? noSignalDbm : levelThresholds[level - 1]);
             const int to =
-                gaugeColumn(level == levelThresholds.size() ? 0 : levelThresholds[level]);
+                gaugeColumn(level == std::size(levelThresholds) ? 0 : levelThresholds[level]);
             const Colour colour = levelColours[level];
             const int end = std::clamp(filled, from, to);
             screen_.fill(row, from, end - from, glyph("█", "#"), colour);
@@ -250,11 +249,11 @@ private:
                    (state_.button ? format(", still held, value %d", state_.button) : "") +
                    "; not looked at again before a restart (R)";
             colour = Colour::Accent;
-        } else if (state_.button >= RESTORE_VALUE) {
+        } else if (state_.button >= restoreValue) {
             text = format("HELD, value %d: restores defaults within 1 s", state_.button);
             colour = Colour::Bad;
         } else if (state_.button != 0) {
-            const double left = RESTORE_VALUE - state_.button -
+            const double left = restoreValue - state_.button -
                                 std::min(1.0, seconds(view_.now - state_.buttonSince));
             text = format("HELD, value %d: let go and it reboots, in %.0f s it restores defaults",
                           state_.button, std::ceil(std::max(0.0, left)));
@@ -323,7 +322,7 @@ private:
         }
         screen_.put(PORT_ROW, LEFT, 5, view_.traffic ? "busy" : "", Colour::Good);
         faultList(PORT_ROW + 4, LEFT + half, half);
-        for (size_t i = 0; i < portNames.size(); i++) {
+        for (size_t i = 0; i < std::size(portNames); i++) {
             const int row = PORT_ROW + 1 + static_cast<int>(i % 4);
             const int column = LEFT + static_cast<int>(i / 4) * half;
             screen_.put(row, column, 5, portNames[i]);

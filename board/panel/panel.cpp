@@ -90,7 +90,7 @@ private:
         help_.push_back({"", "4 errora12  5 locateme"});
         help_.push_back({"", "6 ledtest   7 facttest"});
         help_.push_back({"", "8 facttesterr"});
-        for (size_t mode = 0; mode < modeKeywords.size(); mode++)
+        for (size_t mode = 0; mode < std::size(modeKeywords); mode++)
             add('0' + static_cast<int>(mode), nullptr, nullptr,
                 [this, mode] { controls_.chooseMode(modeKeywords[mode]); });
         add('+', "+ -", "received power up, down", [this] { turnPower(POWER_STEP); });

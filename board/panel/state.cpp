@@ -113,9 +113,9 @@ std::optional<double> toPower(const std::string &laser)
 
 int levelOf(std::optional<double> power)
 {
-    if (!power || *power == 0 || *power <= NO_SIGNAL_DBM)
+    if (!power || *power == 0 || *power <= noSignalDbm)
         return -1;
-    return static_cast<int>(std::count_if(levelThresholds.begin(), levelThresholds.end(),
+    return static_cast<int>(std::count_if(std::begin(levelThresholds), std::end(levelThresholds),
                                           [&](double threshold) { return *power >= threshold; }));
 }
 

@@ -3,8 +3,8 @@
 #pragma once
 
 #include "board.h"
+#include "device.h"
 
-#include <array>
 #include <deque>
 #include <map>
 #include <optional>
@@ -12,19 +12,7 @@
 
 namespace kelo::panel {
 
-/// In the order of the daemon's LED writes.
-constexpr std::array<int, 6> ledGpios{6, 7, 8, 2, 3, 4};
-constexpr std::array<const char *, 9> modeKeywords{"none",    "signal",   "reboot",
-                                                   "restore", "errora12", "locateme",
-                                                   "ledtest", "facttest", "facttesterr"};
-constexpr std::array<const char *, 7> portNames{"lan1", "lan2",  "lan3", "lan4",
-                                                "wan",  "wifi2", "wifi5"};
-
-constexpr double NO_SIGNAL_DBM = -40;
-/// Where the levels 1 to 4 begin.
-constexpr std::array<double, 4> levelThresholds{-28, -25, -11, -8};
-/// The button value from which on the daemon restores instead of rebooting.
-constexpr int RESTORE_VALUE = 5;
+using namespace device;
 
 struct Traffic {
     bool readable = false;
