@@ -198,6 +198,7 @@ TEST_F(IpInfo, PortLeavingTheBridgeIsReportedLikeADeletedLink)
 TEST_F(IpInfo, WhatWasThereBeforeTheStartIsUnknown)
 {
     ip("-6 addr add 2001:db8::1/64 dev nas0_0 nodad");
+    ASSERT_TRUE(logs("New IPv6 address 2001:db8::1/64")); // it may take a while
     board.stopDaemon();
     start();
     fromNow();
