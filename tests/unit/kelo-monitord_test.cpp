@@ -239,7 +239,7 @@ TEST_F(Main, ComplainsOfAnUnknownOptionInTheParsersWords)
     char name[] = "kelo-monitord";
     char unknown[] = "-x";
     char *const arguments[] = {name, unknown, nullptr};
-    const std::string words = complaint([&] { getopt(2, arguments, "d"); });
+    const std::string words = complaint([&] { static_cast<void>(getopt(2, arguments, "d")); });
     EXPECT_FALSE(words.empty());
     EXPECT_EQ(complaint([] { runMain({"-x"}); }), words);
 }
