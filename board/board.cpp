@@ -12,7 +12,7 @@ namespace {
 constexpr size_t eventsAtOnce = 4096;
 
 constexpr const char *kindNames[] = {"leds",     "log",   "mode", "call",   "store", "omci",
-                                     "snapshot", "laser", "gpon", "button", "exit"};
+                                     "snapshot", "laser", "gpon", "button", "exit",  "note"};
 
 /// What an event takes in memory, as good as exactly.
 size_t sizeOf(const Event &event)
@@ -42,6 +42,14 @@ std::vector<Event> lastOfEach(EventRange begin, EventRange end)
 const char *kindName(EventKind kind)
 {
     return kindNames[static_cast<size_t>(kind)];
+}
+
+std::optional<EventKind> kindOf(const std::string &name)
+{
+    const auto *const found = std::find(std::begin(kindNames), std::end(kindNames), name);
+    if (found == std::end(kindNames))
+        return std::nullopt;
+    return static_cast<EventKind>(found - kindNames);
 }
 
 std::string subject(const Event &event)
@@ -159,14 +167,13 @@ bool Board::waitUntil(const std::function<bool(const std::vector<Event> &)> &con
 
 void Board::record(Clock::time_point time, const std::string &kind, const std::string &text)
 {
-    const auto *const name = std::find_if(std::begin(kindNames), std::end(kindNames),
-                                          [&](const char *known) { return kind == known; });
-    if (name == std::end(kindNames))
+    const std::optional<EventKind> known = kindOf(kind);
+    if (!known)
         return;
     // The order is the agent's, also where its clock was compared in between.
     if (!events_.empty())
         time = std::max(time, events_.back().time);
-    events_.push_back({time, static_cast<EventKind>(name - kindNames), text});
+    events_.push_back({time, *known, text});
     count_++;
     bytes_ += sizeOf(events_.back());
     if (bytes_ > keep_)

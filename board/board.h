@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,10 +30,12 @@ enum class EventKind {
     Button,   ///< the reset button was moved; text: its value
     Exit,     ///< the daemon ended; text: "status NUMBER" or "signal NAME", and "unasked" behind
               ///< that when nobody asked for it by way of the board
+    Note,     ///< a test said something; text: what, "failed: " before it if it did not come true
 };
 
 /// The kind's name in lower case: "leds", "log", ...
 const char *kindName(EventKind kind);
+std::optional<EventKind> kindOf(const std::string &name);
 
 struct Event {
     Clock::time_point time;

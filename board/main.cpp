@@ -141,6 +141,7 @@ int main(int argc, char **argv)
     addExpect(cli);
     addRecord(cli);
     addPlot(cli);
+    addReport(cli);
 
     addCompletion(cli);
     cli.app.set_version_flag("--version", KELO_VERSION, "Print the version");

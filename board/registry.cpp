@@ -288,12 +288,10 @@ std::optional<Event> fromLine(const std::string &line)
     if (first == std::string::npos || second == std::string::npos)
         return std::nullopt;
     const std::string kind = line.substr(first + 1, second - first - 1);
-    for (int i = 0; i <= static_cast<int>(EventKind::Exit); i++) {
-        if (kind == kindName(static_cast<EventKind>(i)))
-            return Event{toTime(line.substr(0, first)), static_cast<EventKind>(i),
-                         unescaped(line.substr(second + 1))};
-    }
-    return std::nullopt;
+    const std::optional<EventKind> known = kindOf(kind);
+    if (!known)
+        return std::nullopt;
+    return Event{toTime(line.substr(0, first)), *known, unescaped(line.substr(second + 1))};
 }
 
 std::string toText(Clock::time_point time)

@@ -8,6 +8,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -73,6 +74,7 @@ void addRun(Cli &cli);
 void addCompletion(Cli &cli);
 void addRecord(Cli &cli);
 void addPlot(Cli &cli);
+void addReport(Cli &cli);
 
 /// Tells events from those that only repeat what is known: the daemon's polling, and LEDs and
 /// snapshots that are as they were.
@@ -91,7 +93,8 @@ std::string shownText(const Event &event);
 /// Prints events that are news as lines that carry time and kind, or as JSON.
 class EventPrinter {
 public:
-    explicit EventPrinter(Clock::time_point start, bool json = false) : start_(start), json_(json)
+    explicit EventPrinter(Clock::time_point start, bool json = false, FILE *out = stdout)
+        : start_(start), json_(json), out_(out)
     {
     }
     void print(const Event &event);
@@ -99,6 +102,7 @@ public:
 private:
     Clock::time_point start_;
     bool json_;
+    FILE *out_;
     News news_;
 };
 

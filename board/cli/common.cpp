@@ -64,14 +64,16 @@ void EventPrinter::print(const Event &event)
         const nlohmann::ordered_json object{{"time", std::round(seconds * 1e6) / 1e6},
                                             {"kind", kindName(event.kind)},
                                             {"text", event.text}};
-        puts(object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+        fputs(
+            (object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n").c_str(),
+            out_);
     } else {
         std::istringstream lines(shownText(event));
         std::string line;
         while (std::getline(lines, line))
-            printf("%9.3f  %-8s  %s\n", seconds, kindName(event.kind), line.c_str());
+            fprintf(out_, "%9.3f  %-8s  %s\n", seconds, kindName(event.kind), line.c_str());
     }
-    fflush(stdout);
+    fflush(out_);
 }
 
 std::vector<std::string> modeKeywords()

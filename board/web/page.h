@@ -1,0 +1,37 @@
+/// A record of a board as one web page that plays the front panel back. It needs no network and no
+/// other file.
+
+#pragma once
+
+#include "board.h"
+
+#include <istream>
+#include <string>
+#include <vector>
+
+namespace kelo {
+
+/// What a note begins with that tells of an expectation that did not come true.
+constexpr char failedNote[] = "failed: ";
+
+/// Some events of a board, and the time that they span, in time since the board's start.
+struct Record {
+    std::string title;
+    std::vector<Event> events; ///< in the order in which they happened
+    Clock::time_point start;   ///< of the board
+    Clock::time_point begin;   ///< from when on the events are there
+    Clock::time_point end;
+};
+
+/// Returns the page. What only repeats what held before is left out, and so is the daemon's polling
+/// of the platform.
+std::string makePage(const Record &record);
+
+/// Writes the page into a file. Throws std::runtime_error in one line when it cannot.
+void savePage(const Record &record, const std::string &path);
+
+/// Reads a saved record: a recording (VCD), which has no log and no ports, or the lines that
+/// `kelo-board events --json` prints. Throws std::runtime_error that says what is wrong with it.
+Record readRecord(std::istream &in);
+
+} // namespace kelo
