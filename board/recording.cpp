@@ -370,8 +370,9 @@ Recording makeRecording(const std::vector<Event> &events, Clock::time_point end)
 void writeVcd(const Recording &recording, std::ostream &out)
 {
     const time_t now = time(nullptr);
+    tm local;
     char date[64];
-    strftime(date, sizeof date, "%F %T %z", localtime(&now));
+    strftime(date, sizeof date, "%F %T %z", localtime_r(&now, &local));
     out << "$date " << date << " $end\n"
         << "$version kelo-board $end\n"
         << "$timescale 10 us $end\n"

@@ -3,6 +3,8 @@
 #include "cli.h"
 
 #include "host.h"
+#include "recording.h"
+#include "web/page.h"
 
 #include <atomic>
 #include <csignal>
@@ -11,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <set>
 #include <thread>
 #include <unistd.h>
 
@@ -24,7 +27,16 @@ struct RunOptions {
     std::string junit;
     std::string limit = "2m";
     std::string form;
+    std::string filter;
+    std::string reports;   ///< folder for the page of every scenario
+    std::string artifacts; ///< folder for all that is kept of those that failed
+    unsigned repeat = 1;
     bool show = false;
+};
+
+struct Scenario {
+    std::string file;
+    std::string name; ///< of its results; no other has it
 };
 
 struct Outcome {
@@ -32,6 +44,7 @@ struct Outcome {
     double seconds = 0;
     std::string failure; ///< empty for a scenario that passed
     std::string output;
+    std::vector<Event> notes; ///< the output's lines, when they came
 };
 
 std::atomic<bool> interrupted;
@@ -41,6 +54,12 @@ void takeOutput(int descriptor, bool show, Outcome &outcome)
 {
     const std::string text = readAll(descriptor);
     outcome.output += text;
+    // An indented line explains the one before it from what the record has anyway.
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.starts_with("  "))
+            outcome.notes.push_back({Clock::now(), EventKind::Note, line});
+    }
     if (show) {
         fputs(text.c_str(), stdout);
         fflush(stdout);
@@ -141,17 +160,64 @@ void runScript(const std::string &file, const std::string &board, Host &host,
     }
 }
 
-Outcome runScenario(const std::string &file, const std::string &board, const RunOptions &options)
+/// What happened on the board and what the scenario said of it, with what failed marked.
+Record recordOf(const Host &host, const Outcome &outcome)
+{
+    const std::string complaint = "kelo-board: ";
+    std::vector<Event> notes = outcome.notes;
+    if (!outcome.failure.empty()) {
+        for (Event &note : notes) {
+            if (note.text.starts_with(complaint + "expected "))
+                note.text = failedNote + note.text.substr(complaint.size());
+        }
+        if (!notes.empty() && notes.back().text.starts_with(failedNote))
+            notes.back().text += "; " + outcome.failure;
+        else
+            notes.push_back({Clock::now(), EventKind::Note, failedNote + outcome.failure});
+    }
+    Record record{outcome.name, host.board().events(), host.startTime(), host.startTime(),
+                  Clock::now()};
+    record.events.insert(record.events.end(), notes.begin(), notes.end());
+    std::stable_sort(record.events.begin(), record.events.end(),
+                     [](const Event &a, const Event &b) { return a.time < b.time; });
+    return record;
+}
+
+/// Writes the files that were asked for.
+void keepRecord(const RunOptions &options, const Host &host, const Outcome &outcome)
+{
+    const bool failed = !options.artifacts.empty() && !outcome.failure.empty();
+    if (options.reports.empty() && !failed)
+        return;
+    const Record record = recordOf(host, outcome);
+    if (!options.reports.empty())
+        savePage(record, options.reports + "/" + outcome.name + ".html");
+    if (!failed)
+        return;
+    const std::string path = options.artifacts + "/" + outcome.name;
+    savePage(record, path + ".html");
+    std::ofstream vcd(path + ".vcd");
+    writeVcd(makeRecording(record.events, record.end), vcd);
+    FILE *const log = fopen((path + ".log").c_str(), "w");
+    EventPrinter printer(record.start, false, log ? log : stderr);
+    for (const Event &event : record.events)
+        printer.print(event);
+    if (!vcd.flush() || !log || fclose(log) != 0)
+        throw Failure("cannot write " + path + ".vcd and .log");
+}
+
+Outcome runScenario(const Scenario &scenario, const std::string &board, const RunOptions &options)
 {
     Outcome outcome;
-    outcome.name = std::filesystem::path(file).filename();
+    outcome.name = scenario.name;
     const Clock::time_point start = Clock::now();
     try {
         Host host(board);
         host.startDaemon({});
-        runScript(file, board, host, options, outcome);
+        runScript(scenario.file, board, host, options, outcome);
+        keepRecord(options, host, outcome);
     } catch (const std::exception &error) {
-        outcome.failure = error.what();
+        outcome.failure += (outcome.failure.empty() ? "" : "; ") + std::string(error.what());
     }
     outcome.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     return outcome;
@@ -214,6 +280,27 @@ void writeJunit(const std::string &path, const std::vector<Outcome> &outcomes)
         throw Failure("cannot write " + path);
 }
 
+/// The scenarios to run, again and again if they are to be repeated.
+std::vector<Scenario> chosen(const RunOptions &options)
+{
+    std::vector<Scenario> scenarios;
+    std::set<std::string> names;
+    for (unsigned round = 0; round < options.repeat; round++) {
+        for (const std::string &file : options.files) {
+            const std::string name = std::filesystem::path(file).filename();
+            if (name.find(options.filter) == std::string::npos)
+                continue;
+            std::string unique = name;
+            for (int number = 2; !names.insert(unique).second; number++)
+                unique = name + "-" + std::to_string(number);
+            scenarios.push_back({file, unique});
+        }
+    }
+    if (scenarios.empty())
+        throw UsageError("no scenario's name has \"" + options.filter + "\"");
+    return scenarios;
+}
+
 int runAll(const RunOptions &options)
 {
     toDuration(options.limit);
@@ -222,19 +309,27 @@ int runAll(const RunOptions &options)
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
         signal(number, [](int) { interrupted = true; });
 
-    std::vector<Outcome> outcomes(options.files.size());
+    const std::vector<Scenario> scenarios = chosen(options);
+    for (const std::string &folder : {options.reports, options.artifacts}) {
+        std::error_code error;
+        if (!folder.empty())
+            std::filesystem::create_directories(folder, error);
+        if (error)
+            throw Failure("cannot write into " + folder + ": " + error.message());
+    }
+    std::vector<Outcome> outcomes(scenarios.size());
     std::atomic<size_t> next{0};
     std::mutex printing;
     const auto work = [&] {
-        for (size_t i; !interrupted && (i = next++) < options.files.size();) {
+        for (size_t i; !interrupted && (i = next++) < scenarios.size();) {
             const std::string board = "run-" + std::to_string(getpid()) + "-" + std::to_string(i);
-            outcomes[i] = runScenario(options.files[i], board, options);
+            outcomes[i] = runScenario(scenarios[i], board, options);
             const std::lock_guard lock(printing);
             report(outcomes[i], options.show);
         }
     };
     const size_t jobs =
-        std::min<size_t>(options.show ? 1 : std::max(1U, options.jobs), options.files.size());
+        std::min<size_t>(options.show ? 1 : std::max(1U, options.jobs), scenarios.size());
     std::vector<std::thread> workers;
     for (size_t i = 0; i < jobs; i++)
         workers.emplace_back(work);
@@ -244,8 +339,7 @@ int runAll(const RunOptions &options)
     size_t failures = 0;
     for (Outcome &outcome : outcomes) {
         if (outcome.name.empty()) {
-            outcome.name =
-                std::filesystem::path(options.files[size_t(&outcome - outcomes.data())]).filename();
+            outcome.name = scenarios[size_t(&outcome - outcomes.data())].name;
             outcome.failure = "interrupted before it began";
         }
         failures += !outcome.failure.empty();
@@ -277,6 +371,20 @@ void addRun(Cli &cli)
     command->add_option("--limit", options->limit, "Longest time for one scenario")
         ->type_name("TIME")
         ->capture_default_str();
+    command->add_option("--filter", options->filter, "Run those whose names hold this")
+        ->type_name("WORD");
+    command->add_option("--repeat", options->repeat, "Run each so often")
+        ->type_name("COUNT")
+        ->check(CLI::Range(1, 100000));
+    command
+        ->add_option("--artifacts", options->artifacts,
+                     "Keep a page, a VCD and all events of every scenario that failed in this "
+                     "folder")
+        ->type_name("FOLDER");
+    command
+        ->add_option("--report", options->reports,
+                     "Keep a page of every scenario in this folder (see report)")
+        ->type_name("FOLDER");
     command->add_option("--on", options->form, "Form of the boards, such as host or mips")
         ->type_name("FORM");
     command->add_flag("--show", options->show, "Show what happens, one scenario after the other");

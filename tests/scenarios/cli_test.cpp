@@ -1132,6 +1132,84 @@ TEST_F(Run, SaysWhenTheReportCannotBeWritten)
     EXPECT_EQ("kelo-board: cannot write /nonexistent/report.xml\n", outcome.err);
 }
 
+TEST_F(Run, KeepsWhatThereIsOfTheScenariosThatFailed)
+{
+    const std::string good = file("good", "kelo-board expect mode signal\n");
+    const std::string bad = file("bad", "echo '== what is wrong'\nkelo-board mode none\n"
+                                        "kelo-board expect --within 100ms leds 101010\n");
+    const std::string kept = folder / "kept" / "here";
+    EXPECT_EQ(1, kb({"run", "--artifacts", kept, good, bad, bad}).status);
+    Words names;
+    for (const auto &entry : std::filesystem::directory_iterator(kept))
+        names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ((Words{"bad-2.html", "bad-2.log", "bad-2.vcd", "bad.html", "bad.log", "bad.vcd"}),
+              names);
+    const std::string failed = "failed: expected leds 101010 within 100ms, saw leds 000000";
+    for (const char *const name : {"/bad.html", "/bad.log"}) {
+        const std::string text = kelo::readFile(kept + name);
+        EXPECT_TRUE(has(text, "switch display mode 0 -> 1")) << name;
+        EXPECT_TRUE(has(text, "== what is wrong")) << name;
+        EXPECT_TRUE(has(text, failed)) << name;
+    }
+    EXPECT_TRUE(has(kelo::readFile(kept + "/bad.log"),
+                    "  note      " + failed + "; exit status 1; last command, line 3: kelo-board"));
+    EXPECT_TRUE(has(kelo::readFile(kept + "/bad.html"), "<!DOCTYPE html>"));
+    const Outcome again = kb({"report", kept + "/bad.vcd", "-o", "-"});
+    EXPECT_EQ(0, again.status) << again.err;
+    EXPECT_TRUE(has(again.out, "[\"mode\",\"0\"]"));
+}
+
+TEST_F(Run, AFailureThatSaidNothingIsMarkedAllTheSame)
+{
+    const std::string kept = folder / "kept";
+    EXPECT_EQ(1, kb({"run", "--artifacts", kept, "--limit", "500ms",
+                     file("false", "echo kelo-board: expected nothing\nfalse\n"),
+                     file("late", "echo first\nkelo-board wait 100s\n")})
+                     .status);
+    EXPECT_TRUE(
+        has(kelo::readFile(kept + "/false.log"), "failed: expected nothing; exit status 1"));
+    EXPECT_TRUE(has(kelo::readFile(kept + "/late.log"), "failed: still running after 500ms"));
+}
+
+TEST_F(Run, SavesAPageOfEveryScenarioIfAskedTo)
+{
+    const std::string pages = folder / "pages";
+    EXPECT_EQ(0, kb({"run", "--report", pages,
+                     file("good", "kelo-board expect --within 50ms leds 101010 || echo no\n")})
+                     .status);
+    const std::string page = kelo::readFile(pages + "/good.html");
+    EXPECT_TRUE(has(page, "<!DOCTYPE html>"));
+    EXPECT_TRUE(has(page, "\"kelo-board: expected leds 101010"));
+    EXPECT_FALSE(has(page, "\"failed: ")) << "it passed";
+}
+
+TEST_F(Run, RepeatsThoseThatAreChosen)
+{
+    const std::string one = file("first-one", "true\n");
+    const std::string other = file("other", "true\n");
+    const Outcome outcome = kb({"run", "--repeat", "3", "--filter", "one", one, other});
+    EXPECT_EQ(0, outcome.status);
+    for (const char *const name :
+         {"PASS  first-one (", "PASS  first-one-2 (", "PASS  first-one-3 ("})
+        EXPECT_TRUE(has(outcome.out, name));
+    EXPECT_TRUE(has(outcome.out, "3 scenarios, 0 failed\n"));
+    EXPECT_EQ(4U, linesOf(outcome.out).size());
+
+    const Outcome none = kb({"run", "--filter", "moon", one, other});
+    EXPECT_EQ(2, none.status);
+    EXPECT_EQ("kelo-board: no scenario's name has \"moon\"\n", none.err);
+}
+
+TEST_F(Run, SaysAtOnceWhenNothingCanBeKept)
+{
+    const Outcome outcome = kb({"run", "--artifacts", "/proc/nowhere",
+                                file("good", "touch " + (folder / "ran").string())});
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_EQ(1U, linesOf(outcome.err).size()) << outcome.err;
+    EXPECT_FALSE(std::filesystem::exists(folder / "ran"));
+}
+
 TEST_F(Run, EndsWhatAScenarioLeftBehind)
 {
     const std::string sign = folder / "left-behind";
