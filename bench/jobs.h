@@ -1,5 +1,6 @@
-/// What the daemon does when nothing happens, with nothing but the calls that this takes: every
-/// text is formatted into a buffer of the program's own, no stream is opened, nothing is allocated.
+/// What the daemon does when nothing happens, with nothing but the calls that this takes: texts are
+/// formatted into a buffer of the program's own, nothing is allocated. Only the LED lines go
+/// through stdio, as the driver's interface has it.
 
 #pragma once
 
@@ -26,9 +27,13 @@ void writeFile(const char *path, const char *text, int length)
 
 [[maybe_unused]] void writeLed(int gpio, bool on)
 {
-    char command[16];
-    writeFile("/proc/tc3162/gpio_output", command,
-              snprintf(command, sizeof command, "active %d %d\n", gpio, on ? 0 : 1));
+    FILE *const file = fopen("/proc/tc3162/gpio_output", "w");
+    if (!file)
+        return;
+    char buffer[128];
+    setvbuf(file, buffer, _IOFBF, sizeof buffer);
+    fprintf(file, "active %d %d\n", gpio, on ? 0 : 1);
+    fclose(file);
 }
 
 /// One tick of the signal mode.

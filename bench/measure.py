@@ -111,8 +111,6 @@ def measure_instructions():
             heap = long.heap_calls()
             heap.subtract(short.heap_calls())
             jobs["heap"] = {pair: count / seconds for pair, count in heap.items() if count > 0}
-            if name == "daemon":
-                jobs["printf share"] = 6 * long.per_call("__snprintf_chk") / jobs["tick"]
         if message:
             for kind in KINDS:
                 found = profile_of(name, lambda program: send_messages(program, kind))
