@@ -57,13 +57,11 @@ int report(const std::string &board, const Options &options)
 void addReport(Cli &cli)
 {
     const auto options = std::make_shared<Options>();
-    CLI::App *const command = cli.add(
-        lookGroup, "report", "Save what happened on a board as a web page that plays it back",
-        [&cli, options] { return report(cli.board, *options); });
-    command->add_option(
-        "FILE", options->file,
-        "Record to show: VCD, or what events --json printed; without it the running "
-        "board");
+    CLI::App *const command =
+        cli.add(lookGroup, "report", "Save what happened as a web page that plays it back",
+                [&cli, options] { return report(cli.board, *options); });
+    command->add_option("FILE", options->file,
+                        "A VCD, or lines of events --json; else the running board");
     command
         ->add_option("-o,--output", options->output,
                      "Page to write, such as run.html; - for standard output")

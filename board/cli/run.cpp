@@ -378,8 +378,7 @@ void addRun(Cli &cli)
         ->check(CLI::Range(1, 100000));
     command
         ->add_option("--artifacts", options->artifacts,
-                     "Keep a page, a VCD and all events of every scenario that failed in this "
-                     "folder")
+                     "Keep page, VCD and events of those that failed here")
         ->type_name("FOLDER");
     command
         ->add_option("--report", options->reports,
