@@ -28,7 +28,8 @@ Form::Agent startProcess(Words command, int life = -1)
     Pipe in = makePipe();
     Pipe out = makePipe();
     Pipe err = makePipe();
-    command.insert(command.begin(), {"setpriv", "--pdeathsig", "KILL"});
+    if (life < 0) // who has that pipe sees our end by it, and has a folder to clear away
+        command.insert(command.begin(), {"setpriv", "--pdeathsig", "KILL"});
     Form::Agent agent;
     agent.process = spawnApart(command, {in.read.get(), out.write.get(), err.write.get(), life});
     agent.in = std::move(in.write);

@@ -372,6 +372,8 @@ void process_end()
         return;
     for (const Command *command = commands; command; command = command->next)
         kill(-command->pid, SIGKILL);
+    if (daemonPid) // a plain chroot has no /proc to find it in
+        kill(daemonPid, SIGKILL);
     // Those that lose their parent by it come next.
     for (int round = 0; round < 3; round++)
         eachChild(killChild);

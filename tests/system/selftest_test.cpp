@@ -4,6 +4,7 @@
 #include "board_test.h"
 
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sys/mount.h>
@@ -177,6 +178,11 @@ TEST_F(Program, WithoutTheRightToNamespacesRootGetsAPlainBoard)
     kill(program, SIGKILL);
     kelo::waitFor(program);
     EXPECT_TRUE(within([&] { return processesWith("board-init plain").empty(); }));
+    const std::string folder = std::filesystem::temp_directory_path() / "kelo-board-";
+    const size_t at = root.find(folder);
+    ASSERT_NE(std::string::npos, at);
+    const std::string own = root.substr(at, folder.size() + strlen("XXXXXX"));
+    EXPECT_TRUE(within([&] { return !std::filesystem::exists(own); })) << own << " is left";
 }
 
 TEST(Board, LivesOnWhenABuildReplacesItsRootFileSystem)
