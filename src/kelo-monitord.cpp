@@ -76,14 +76,14 @@ int kelo_log(const char *file, int line, const char *function, const char *forma
 
 int main(int argc, char **argv)
 {
-    bool daemon = false;
+    int daemon = 0;
     for (;;) {
         const auto option = static_cast<signed char>(getopt(argc, argv, "d"));
         if (option == -1)
             break;
         if (option == 'd') {
             KELO_LOG("Launching as daemon...\n");
-            daemon = true;
+            daemon = 1;
         }
     }
     if (daemon)
