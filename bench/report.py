@@ -131,8 +131,9 @@ jobs is `event_floor.cpp`, that of the messages `floor.cpp`.
         lines.append((job, number(instructions["daemon"][job]), number(floor[job]),
                       ratio(instructions["daemon"][job], floor[job])))
     parts += [table(("job", "daemon", "floor", "ratio"), lines), """
-The daemon clears what the last message left in its receive buffer. A record of its log takes two
-formatting calls, one is enough for the floor's. The button's value is read by `fscanf`, a stream and
+The daemon clears what the last message left in its receive buffer. A record of its log takes three
+formatting calls, and its address is written out twice, once for the log and once for the hook; one of
+each is enough for the floor. The button's value is read by `fscanf`, a stream and
 a number parser for one digit; the floor reads into a buffer. Heap calls of a new address: """ + (
         ", ".join(f"{count:.0f} `{function}`" for (_, function), count in
                   instructions["daemon"]["new address, ignored interface", "heap"].items())
