@@ -1,5 +1,10 @@
 """Writes the results as docs/performance.md and its plot."""
 
+import os
+import platform
+import subprocess
+import time
+
 import matplotlib
 
 matplotlib.use("svg")
@@ -82,6 +87,17 @@ def goals(results):
     ]
 
 
+def first_line(*command):
+    return subprocess.run(command, check=True, capture_output=True, text=True).stdout.splitlines()[0]
+
+
+def conditions():
+    """When this was measured, what, and on what."""
+    machine = platform.uname()
+    return (f"Measured {time.strftime('%F')} at commit {first_line('git', 'describe', '--always', '--dirty')} on "
+            f"{machine.machine} with {os.cpu_count()} cores, Linux {machine.release}, {first_line('gcc', '--version')}.")
+
+
 def write(results, folder):
     calls, instructions = results["calls"], results["instructions"]
     beside, hour, day = results["beside"], results["hour"], results["day"]
@@ -89,14 +105,16 @@ def write(results, folder):
     parts = ["""# What the daemon costs
 
 `scripts/bench` measures this and writes this page. All figures are of one run on one machine, with
-the host's build and its C library; system calls, instructions and heap calls are counted, times
-are medians of runs in turns, with real-time priority where root ran it, and only their ratios mean
-something elsewhere. The platform libraries
-are ones that make no system call, so that only the daemon's own cost shows. The display is in the
-signal mode, with a signal and the link up.
+the host's build and its C library. System calls, instructions and heap calls are counted. Times are
+medians of runs in turns, with real-time priority where root ran it; only their ratios mean something
+elsewhere. The platform libraries make no system call here, so only the daemon's own cost shows. The
+display is in the signal mode, with a signal and the link up.
 
-The floors are kept in `bench/`: `floor.cpp` does the same with raw calls on epoll, `event_floor.cpp`
-the same timers on libevent, `empty.cpp` is a libevent program that only waits.
+The daemon is measured beside minimal rewrites, called its floors and kept in `bench/`: `floor.cpp`
+does the same with raw calls on epoll, `event_floor.cpp` has the same timers on libevent, and
+`empty.cpp` is a libevent program that only waits.
+
+""" + conditions() + """
 
 ![What the daemon costs](performance.svg)
 

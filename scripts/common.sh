@@ -115,3 +115,23 @@ build()
         exit 1
     fi
 }
+
+# proved WHAT RESULT: keeps what was found, and on what, for scripts/evidence.
+proved()
+{
+    mkdir -p build/evidence
+    printf '| %s | %s | %s, %s | %s, %d cores, Linux %s, gcc %s |\n' "$1" "$2" "$(date +%F)" \
+        "$(git describe --always --dirty 2> /dev/null || echo 'no commit')" \
+        "$(uname -m)" "$(nproc)" "$(uname -r)" "$(gcc -dumpfullversion)" > "build/evidence/${1//[^a-z0-9]/-}"
+}
+
+# prove WHAT FOLDER [CTEST-OPTION...]: runs the tests of a build folder.
+prove()
+{
+    local what=$1 folder=$2 status=0
+    shift 2
+    ctest --test-dir "$folder" --output-on-failure --no-tests=error "$@" | tee "$folder/test.log" || status=$?
+    proved "$what" "$(awk '/tests passed/ { failed = $4; all = $NF }
+        /^Total Test time/ { print all - failed " of " all " passed, " int($(NF - 1) + 0.5) " s" }' "$folder/test.log")"
+    return $status
+}
