@@ -767,7 +767,9 @@ TEST_F(OnBoard, ExpectSeesAWrongBeat)
           Words{"100000/010000/001000", "period", "1500ms", "for", "2s", "tolerance", "40%"}}) {
         Words arguments{"expect", "--within", "2s", "blink"};
         arguments.insert(arguments.end(), wrong.begin(), wrong.end());
-        EXPECT_EQ(1, on(arguments).status) << wrong[0] << " " << wrong[2];
+        const Outcome outcome = on(arguments);
+        EXPECT_EQ(1, outcome.status) << wrong[0] << " " << wrong[2];
+        EXPECT_TRUE(outcome.err.starts_with("kelo-board: expected blink")) << outcome.err;
     }
 }
 
@@ -820,7 +822,9 @@ TEST_F(OnBoard, ExpectCountsFromTheMark)
     succeeds({"mode", "none"});
     succeeds({"expect", "log", "received \"none\""});
     succeeds({"mark"});
-    EXPECT_EQ(1, on({"expect", "--within", "100ms", "log", "received \"none\""}).status);
+    const Outcome outcome = on({"expect", "--within", "100ms", "log", "received \"none\""});
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_TRUE(outcome.err.starts_with("kelo-board: expected log")) << outcome.err;
     succeeds({"mode", "none"});
     succeeds({"expect", "log", "received \"none\""});
 }
