@@ -8,6 +8,7 @@
 #include <cmath>
 #include <exception>
 #include <stdexcept>
+#include <mutex>
 #include <thread>
 
 namespace kelo::docs {
