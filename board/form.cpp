@@ -95,7 +95,11 @@ public:
         // Not on the template itself where that can be avoided: a build that assembles it anew
         // would unmount what is there.
         constexpr char usual[] = "/media";
-        const bool isFree = fs::is_directory(usual) && !rootfs_.starts_with(usual);
+        bool isFree = fs::is_directory(usual) && !rootfs_.starts_with(usual);
+        for (const char *const variable : {"KELO_BOARD_DAEMON", "KELO_BOARD_SDK"}) {
+            const char *const replacement = getenv(variable);
+            isFree = isFree && !(replacement && std::string(replacement).starts_with(usual));
+        }
         root_ = isFree ? usual : rootfs_;
     }
     explicit Isolated(const Words &words) : Local("", ""), asUser_(false)
@@ -202,6 +206,8 @@ public:
 
     Agent start() override
     {
+        if (getenv("KELO_BOARD_DAEMON") || getenv("KELO_BOARD_SDK"))
+            throw std::runtime_error("this board's daemon and libraries are part of its image");
         Agent machine = startProcess({"qemu-system-mipsel",
                                       "-M",
                                       "malta",

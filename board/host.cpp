@@ -104,6 +104,7 @@ void Host::launch(const Words &command, const Done &done)
     }
     starting_ = done;
     startPlace_ = board_->recorded();
+    drawn_ = 0;
     mark_ = Clock::now();
     startLimit_ =
         Watch(loop_.base(), startDeadline, [this] { started("the daemon did not get going"); });
@@ -121,7 +122,10 @@ void Host::lookWhetherStarted()
         if (events.empty())
             return;
         for (const Event &event : events) {
-            if (event.kind == EventKind::Call && event.text == firstTick)
+            // Platform libraries that are not the board's do not tell of calls. The LEDs are drawn
+            // at the start and then at the first tick.
+            if ((event.kind == EventKind::Call && event.text == firstTick) ||
+                (event.kind == EventKind::Leds && ++drawn_ == 2))
                 started("");
             else if (event.kind == EventKind::Exit && !(detaches && event.text == "status 0")) {
                 accepted_ = Clock::now(); // this tells of it

@@ -87,6 +87,7 @@ private:
     Clock::time_point accepted_{};
     Done starting_;         ///< waits for the daemon's first tick
     size_t startPlace_ = 0; ///< of the record
+    int drawn_ = 0;         ///< how often the LEDs were, since
     Watch startLimit_;
 };
 

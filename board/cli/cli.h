@@ -58,6 +58,9 @@ struct Cli {
     Access running() const;
 };
 
+/// Gives a subcommand that starts boards the options --daemon and --sdk.
+void addReplacements(CLI::App &command);
+
 void addUp(Cli &cli);
 void addPanel(Cli &cli);
 void addDown(Cli &cli);

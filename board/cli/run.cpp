@@ -386,6 +386,7 @@ void addRun(Cli &cli)
         ->type_name("FOLDER");
     command->add_option("--on", options->form, "Form of the boards, such as host or mips")
         ->type_name("FORM");
+    addReplacements(*command);
     command->add_flag("--show", options->show, "Show what happens, one scenario after the other");
 }
 

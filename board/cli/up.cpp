@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <filesystem>
 #include <system_error>
 #include <unistd.h>
 
@@ -179,6 +180,26 @@ Descriptor startApart(const std::string &name, const DaemonArguments &daemonArgu
     }
 }
 
+void addReplacements(CLI::App &command)
+{
+    // For this program as for its user: board-init and the forms look there.
+    const auto into = [](const char *variable) {
+        return [variable](const std::string &path) {
+            setenv(variable, std::filesystem::absolute(path).c_str(), 1);
+        };
+    };
+    command
+        .add_option_function<std::string>("--daemon", into("KELO_BOARD_DAEMON"),
+                                          "Daemon to run instead of the board's own")
+        ->type_name("FILE")
+        ->check(CLI::ExistingFile);
+    command
+        .add_option_function<std::string>("--sdk", into("KELO_BOARD_SDK"),
+                                          "Folder of platform libraries that replace the board's")
+        ->type_name("FOLDER")
+        ->check(CLI::ExistingDirectory);
+}
+
 void addUp(Cli &cli)
 {
     const auto options = std::make_shared<UpOptions>();
@@ -198,6 +219,7 @@ void addUp(Cli &cli)
         ->add_option("--daemon-option", options->daemon,
                      "Option for the daemon: --daemon-option=-d")
         ->type_name("OPTION");
+    addReplacements(*command);
 }
 
 void addDown(Cli &cli)
