@@ -318,8 +318,10 @@ std::string builtFile(const std::string &path)
 {
     for (fs::path folder = fs::read_symlink("/proc/self/exe").parent_path();
          folder.has_relative_path(); folder = folder.parent_path()) {
-        if (fs::exists(folder / path))
-            return folder / path;
+        for (const fs::path &file : {folder / path, folder / "lib/kelo-board" / path}) {
+            if (fs::exists(file))
+                return file;
+        }
     }
     throw std::runtime_error("there is no " + path + " beside this program: build it first");
 }

@@ -67,8 +67,8 @@ public:
 /// What keeps this user from namespaces, and how to allow them.
 std::string namespaceAdvice();
 
-/// A file of the build that this program belongs to, as "rootfs/usr/sbin/kelo-monitord". Throws
-/// std::runtime_error when it is not there.
+/// A file of the build or the installation that this program belongs to, as
+/// "rootfs/usr/sbin/kelo-monitord". Throws std::runtime_error when it is not there.
 std::string builtFile(const std::string &path);
 
 } // namespace kelo
