@@ -141,6 +141,14 @@ def test_boards_run_side_by_side_and_end_with_their_blocks():
     assert not {first.name, second.name} & set(listed())
 
 
+def test_boards_differ_in_name_form_and_options():
+    with start(name="by-hand", form="host", keep=1, options=["-d"]) as board:
+        assert board.name == "by-hand"
+        board.expect_log("Launching as daemon...")
+    with pytest.raises(BoardError, match="nonsense"):
+        start(form="nonsense")
+
+
 def test_a_name_that_is_taken_is_refused(board):
     with pytest.raises(BoardError, match="runs already"):
         start(name=board.name)
