@@ -191,9 +191,10 @@ class Board:
         """The port counter snapshot: a dict for each port, by the port's name."""
         return {port["port"]: port for port in json.loads(self.run("snapshot --json"))}
 
-    def events(self, command="events"):
-        """All that happened so far, a tuple for each: time in seconds, kind, text."""
-        return [Event(**json.loads(line)) for line in self.run(command + " --json").splitlines()]
+    def events(self, kind=None):
+        """All that happened so far, or all of a kind: each with time in seconds, kind and text."""
+        all_ = [Event(**json.loads(line)) for line in self.run("events --json").splitlines()]
+        return [event for event in all_ if kind in (None, event.kind)]
 
     def log(self):
         """The log records so far."""
