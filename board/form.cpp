@@ -14,6 +14,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
+Words join(Words words, const Words &more)
+{
+    words.insert(words.end(), more.begin(), more.end());
+    return words;
+}
+
 constexpr char filesElsewhere[] = "this board's files are on a machine of its own";
 
 fs::path userNamespace(const std::string &process)
@@ -141,8 +147,12 @@ public:
         if (userNamespace(std::to_string(holder_)) != userNamespace("self"))
             result.insert(result.end(), {"--user", "--preserve-credentials"});
         result.push_back("--");
-        result.insert(result.end(), command.begin(), command.end());
-        return result;
+        return join(std::move(result), command);
+    }
+
+    Words far(const Words &command) const override
+    {
+        return join({"nsenter", "--net=" + root_ + "/.far", "--"}, command);
     }
 
 private:
@@ -185,12 +195,14 @@ public:
 
     std::string lacks(Ability ability) const override
     {
-        return ability == Ability::Network
+        return ability == Ability::Network || ability == Ability::Programs
                    ? "this board is on the machine's own network and mounts, which stay as they are"
                    : "";
     }
 
     Words inside(const Words &command) const override { return command; }
+
+    Words far(const Words &command) const override { return command; }
 
 private:
     std::string reach() const override { return root_; }
@@ -247,6 +259,8 @@ public:
     std::string lacks(Ability ability) const override
     {
         switch (ability) {
+        case Ability::Programs:
+            return "programs of this machine do not run on the kernel of this board";
         case Ability::Files:
             return filesElsewhere;
         case Ability::FileFaults:
@@ -264,6 +278,11 @@ public:
     }
 
     Words inside(const Words &) const override { return {}; }
+
+    Words far(const Words &command) const override
+    {
+        return join({"ip", "netns", "exec", "far"}, command);
+    }
 
     pid_t outside(pid_t pid) const override { return pid; }
 

@@ -20,6 +20,7 @@ namespace kelo {
 enum class Ability {
     Always,    ///< all have this
     Network,   ///< a network and mounts of its own, which may be changed
+    Programs,  ///< the same, in which programs of this machine run
     Files,     ///< files that this machine reaches, and processes that it sees
     FileFaults ///< LED and button files that can be taken away
 };
@@ -59,6 +60,10 @@ public:
     /// A command line that runs in the board's network, with this machine's files; none where only
     /// the agent can run it, with the board's.
     virtual Words inside(const Words &command) const = 0;
+
+    /// A command line that `inside` takes, or the agent, to run at the far end of the board's
+    /// links.
+    virtual Words far(const Words &command) const = 0;
 
     /// A process as this machine numbers it.
     virtual pid_t outside(pid_t pid) const = 0;

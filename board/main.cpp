@@ -105,7 +105,9 @@ std::vector<std::string> arguments(int argc, char **argv)
     size_t command = 0;
     while (command < result.size() && result[command].starts_with("-"))
         command += result[command] == "-b" || result[command] == "--board" ? 2 : 1;
-    if (command + 1 < result.size() && (result[command] == "exec" || result[command] == "ip")) {
+    const auto takesCommand = [&] { return result[command] == "exec" || result[command] == "ip"; };
+    if (command + 1 < result.size() && takesCommand()) {
+        command += result[command + 1] == "--far" && command + 2 < result.size();
         const std::string &next = result[command + 1];
         if (next != "--" && next != "-h" && next != "--help")
             result.insert(result.begin() + static_cast<ptrdiff_t>(command) + 1, "--");
@@ -136,6 +138,7 @@ int main(int argc, char **argv)
     addMode(cli);
     addFault(cli);
     addExec(cli);
+    addProvider(cli);
     addDaemon(cli);
     addLook(cli);
     addExpect(cli);

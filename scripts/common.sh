@@ -86,7 +86,7 @@ build_packages=(g++ cmake ninja-build libevent-dev libcli11-dev nlohmann-json3-d
 # What the tests need beside that: those of the modules, and the others.
 unit_packages=(libgtest-dev libgmock-dev binutils)
 test_packages=("${unit_packages[@]}" faketime procps tmux strace sigrok-cli librsvg2-bin fonts-dejavu-core
-    mandoc libxml2-utils chromium python3-pytest)
+    mandoc libxml2-utils chromium python3-pytest radvd dnsmasq-base dhcpcd-base)
 
 # progress: shows on a terminal how far the build is whose output comes in.
 progress()

@@ -71,6 +71,7 @@ void addMode(Cli &cli);
 void addFault(Cli &cli);
 void addDaemon(Cli &cli);
 void addExec(Cli &cli);
+void addProvider(Cli &cli);
 void addLook(Cli &cli);
 void addExpect(Cli &cli);
 void addRun(Cli &cli);

@@ -7,8 +7,16 @@ namespace kelo {
 
 namespace {
 
-int runInside(const Access &board, const std::vector<std::string> &command)
+struct Command {
+    std::vector<std::string> words;
+    bool far = false;
+};
+
+int runInside(const Access &board, const Command &options)
 {
+    if (options.far)
+        board.require(Ability::Network);
+    const Words command = options.far ? board.form().far(options.words) : options.words;
     const Words local = board.inside(command);
     if (local.empty())
         return board.exec(command, [](const std::string &text) {
@@ -35,20 +43,23 @@ int signalNumber(std::string name)
 
 void addExec(Cli &cli)
 {
-    const auto command = std::make_shared<std::vector<std::string>>();
+    const auto command = std::make_shared<Command>();
+    constexpr char farEnd[] = "At the far end of the board's links";
     CLI::App *const exec = cli.add(hardwareGroup, "exec", "Run a command in the board's network",
                                    [&cli, command] { return runInside(cli.running(), *command); });
-    exec->add_option("COMMAND", *command, "Command and its arguments")->required();
+    exec->add_option("COMMAND", command->words, "Command and its arguments")->required();
+    exec->add_flag("--far", command->far, farEnd);
     exec->footer("For example: kelo-board exec ping -c 1 fe80::1%br0");
 
     CLI::App *const ip =
         cli.add(hardwareGroup, "ip", "Run ip(8) in the board's network", [&cli, command] {
             const Access board = cli.running();
             board.require(Ability::Network);
-            command->insert(command->begin(), "ip");
+            command->words.insert(command->words.begin(), "ip");
             return runInside(board, *command);
         });
-    ip->add_option("ARGUMENT", *command, "What ip is given")->required();
+    ip->add_option("ARGUMENT", command->words, "What ip is given")->required();
+    ip->add_flag("--far", command->far, farEnd);
     ip->footer("nas0_0 and ppp0 are the WAN, br0 is the LAN with the port lan1.\n"
                "For example: kelo-board ip -6 addr add 2001:db8::1/64 dev nas0_0");
 }

@@ -197,8 +197,9 @@ void Controls::turnWanLink()
             ip({"link", "del", "nas0_0"});
             return std::string("deleted the link nas0_0");
         }
-        ip({"link", "add", "nas0_0", "type", "veth", "peer", "name", "nas0_0_end"});
-        ip({"link", "set", "nas0_0_end", "up"});
+        // The first process is on the terminal's side.
+        ip({"link", "add", "nas0_0", "type", "veth", "peer", "name", "nas0_0", "netns", "1"}, true);
+        ip({"link", "set", "nas0_0", "up"}, true);
         ip({"link", "set", "nas0_0", "up"});
         return std::string("made the link nas0_0 again");
     });
@@ -374,12 +375,12 @@ void Controls::ask(const std::string &what) const
     request(name_, what);
 }
 
-void Controls::ip(const std::vector<std::string> &arguments) const
+void Controls::ip(const std::vector<std::string> &arguments, bool far) const
 {
     board_.require(Ability::Network);
     std::vector<std::string> command{"ip", "-6"};
     command.insert(command.end(), arguments.begin(), arguments.end());
-    const Result result = board_.exec(command);
+    const Result result = board_.exec(far ? board_.form().far(command) : command);
     if (result.status != 0)
         throw std::runtime_error("ip: " + firstLine(result.output));
 }

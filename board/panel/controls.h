@@ -90,7 +90,7 @@ private:
     /// Has the program that runs the board do something.
     void ask(const std::string &what) const;
     /// Changes the board's network.
-    void ip(const std::vector<std::string> &arguments) const;
+    void ip(const std::vector<std::string> &arguments, bool far = false) const;
     /// Addresses that a panel adds end in a number: the highest that an interface has, 0 if none.
     int lastAddress(const std::string &prefix, const std::string &interface) const;
     std::string addAddress(const std::string &prefix, const std::string &interface) const;

@@ -51,8 +51,8 @@ protected:
     static std::string flood(int pairs)
     {
         return "awk 'BEGIN { for (i = 0; i < " + std::to_string(pairs) +
-               "; i++) print \"addr add 203.0.113.1/32 dev lan1_end\\naddr del 203.0.113.1/32 dev "
-               "lan1_end\" }' | ip -batch -";
+               "; i++) print \"addr add 203.0.113.1/32 dev lan1\\naddr del 203.0.113.1/32 dev "
+               "lan1\" }' | ip -batch -";
     }
 
     /// Writes a command into the pipe as often as it takes to find it open.
@@ -111,7 +111,7 @@ TEST_F(Load, HundredThousandNetlinkMessagesOverrunTheSocketAndTheDaemonGoesOn)
     ASSERT_TRUE(board.signalDaemon(SIGCONT));
     EXPECT_TRUE(logs("Failed to receive netlink msg (-1)"));
     ASSERT_EQ(0, board.exec({"sh", "-c", flood(10000)}).status);
-    EXPECT_GT(count(EventKind::Log, "New IPv4 address 203.0.113.1/32 on lan1_end"), 0U);
+    EXPECT_GT(count(EventKind::Log, "New IPv4 address 203.0.113.1/32 on lan1"), 0U);
     expectAnswers();
     EXPECT_LE(residentKiB(), before + slackKiB);
     EXPECT_EQ(descriptorsBefore, descriptors());
@@ -227,9 +227,9 @@ protected:
     };
 
     static constexpr Kind kinds[] = {
-        {"addr %s 10.1.%d.%d/32 dev lan1_end\n", "IPv4 address 10.1.%d.%d/32 on lan1_end"},
-        {"addr %s 2001:db8:1::%d:%d/128 dev lan1_end nodad\n",
-         "IPv6 address 2001:db8:1::%d:%d/128 on lan1_end"},
+        {"addr %s 10.1.%d.%d/32 dev lan1\n", "IPv4 address 10.1.%d.%d/32 on lan1"},
+        {"addr %s 2001:db8:1::%d:%d/128 dev lan1 nodad\n",
+         "IPv6 address 2001:db8:1::%d:%d/128 on lan1"},
         {"route %s 10.2.%d.%d/32 via 198.18.0.2 dev nas0_0\n",
          "IPv4 route 10.2.%d.%d/32 via 198.18.0.2 on nas0_0"},
         {"route %s 2001:db8:2::%d:%d/128 via fe80::1 dev nas0_0\n",
@@ -262,7 +262,7 @@ protected:
             ASSERT_NO_FATAL_FAILURE(change(kind, true));
         // What is known already is found in the longest table, and not reported again.
         fromNow();
-        ip("-6 addr change 2001:db8:1::10:10/128 dev lan1_end valid_lft 1000 preferred_lft 900");
+        ip("-6 addr change 2001:db8:1::10:10/128 dev lan1 valid_lft 1000 preferred_lft 900");
         settle();
         EXPECT_EQ(0U, count(EventKind::Log, "2001:db8:1::10:10/"));
         for (const Kind &kind : kinds)

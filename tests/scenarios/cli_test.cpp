@@ -173,6 +173,13 @@ const BadUse badUses[] = {
     {"FaultName", {"fault", "rust"}, "no fault: \"rust\""},
     {"FaultState", {"fault", "led-missing", "maybe"}, "on or off, not \"maybe\""},
     {"ExecNothing", {"exec"}, "COMMAND is required"},
+    {"ProviderPrefix", {"provider", "start", "2001:db8::1/64"}, "no prefix: \"2001:db8::1/64\""},
+    {"ProviderLength", {"provider", "renumber", "2001:db8::/129"}, "no prefix"},
+    {"ProviderLink", {"provider", "start", "--on", "br0"}, "--on"},
+    {"ProviderTimes",
+     {"provider", "start", "--preferred", "3s", "--valid", "2s"},
+     "cannot be preferred for longer"},
+    {"ProviderRouter", {"provider", "start", "--router", "3h"}, "no length of time"},
     {"IpNothing", {"ip"}, "ARGUMENT is required"},
     {"ExpectNothing", {"expect"}, "a command is missing (see kelo-board expect --help)"},
     {"ExpectUnknown", {"expect", "noise"}, "unknown command: noise"},
@@ -581,6 +588,37 @@ TEST_F(OnBoard, CommandsSayWhatTheBoardCannotDo)
     succeeds({"start"});
     EXPECT_EQ(3, on({"exec", "sh", "-c", "exit 3"}).status);
     EXPECT_EQ(127, on({"exec", "/nonexistent"}).status);
+    fails({"provider", "renumber", "2001:db8::/64"}, "there is no provider on nas0_0");
+}
+
+TEST_F(OnBoard, CommandsRunAtTheFarEndOfItsLinks)
+{
+    const std::string here = on({"exec", "readlink", "/proc/self/ns/net"}).out;
+    const std::string there = on({"exec", "--far", "readlink", "/proc/self/ns/net"}).out;
+    EXPECT_TRUE(there.starts_with("net:["));
+    EXPECT_NE(here, there);
+    EXPECT_EQ(there, on({"exec", "--far", "--", "readlink", "/proc/self/ns/net"}).out);
+    succeeds({"ip", "--far", "-6", "addr", "add", "2001:db8::2/64", "dev", "nas0_0", "nodad"});
+    succeeds({"ip", "-6", "addr", "add", "2001:db8::1/64", "dev", "nas0_0", "nodad"});
+    succeeds({"expect", "store", "wanAddress", "2001:db8::1"});
+    EXPECT_FALSE(has(on({"log"}).out, "2001:db8::2"));
+    EXPECT_EQ(0, on({"exec", "--far", "ip", "route", "get", "2001:db8::1"}).status);
+}
+
+TEST_F(OnBoard, ProvidersEndWithIt)
+{
+    succeeds({"provider", "start", "--dhcp"});
+    succeeds({"dhcp", "start"});
+    const std::string own = on({"exec", "readlink", "/proc/self/ns/pid"}).out;
+    EXPECT_TRUE(has(on({"provider", "log"}).out, "radvd: "));
+    EXPECT_TRUE(has(on({"provider", "log"}).out, "dnsmasq: "));
+    EXPECT_TRUE(has(on({"provider", "log"}).out, "dhcpcd: "));
+    EXPECT_NE("", on({"exec", "sh", "-c", "cat /proc/[0-9]*/comm | grep -x radvd"}).out);
+    kb({"down", name});
+    // Whatever runs in a process namespace ends with its first process.
+    const Outcome left =
+        runCommand({"sh", "-c", "for p in /proc/[0-9]*; do readlink $p/ns/pid; done"});
+    EXPECT_FALSE(has(left.out, own.substr(0, own.find('\n'))));
 }
 
 TEST_F(OnBoard, ExpectNamesTheCycleThatItSawInstead)
@@ -791,7 +829,8 @@ protected:
 TEST_F(Plain, BoardLeavesTheMachineAlone)
 {
     for (const Words &arguments :
-         {Words{"ip", "link"}, Words{"burst"}, Words{"fault", "run-full"}}) {
+         {Words{"ip", "link"}, Words{"burst"}, Words{"fault", "run-full"},
+          Words{"exec", "--far", "true"}, Words{"provider", "start"}, Words{"dhcp", "start"}}) {
         const Outcome outcome = on(arguments);
         EXPECT_EQ(1, outcome.status);
         EXPECT_EQ(1U, linesOf(outcome.err).size()) << outcome.err;

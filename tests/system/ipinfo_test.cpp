@@ -65,10 +65,10 @@ TEST_F(IpInfo, PppIsWanToo)
 
 TEST_F(IpInfo, OtherInterfacesAndIpv4AreLoggedOnly)
 {
-    ip("-6 addr add 2001:db8::5/64 dev lan1_end");
+    ip("-6 addr add 2001:db8::5/64 dev lan1");
     ip("addr add 192.0.2.99/24 dev br0");
     ip("addr add 198.51.100.9/24 dev nas0_0");
-    EXPECT_TRUE(logs("New IPv6 address 2001:db8::5/64" + on("lan1_end")));
+    EXPECT_TRUE(logs("New IPv6 address 2001:db8::5/64" + on("lan1")));
     EXPECT_TRUE(logs("New IPv4 address 192.0.2.99/24" + on("br0")));
     EXPECT_TRUE(logs("New IPv4 address 198.51.100.9/24" + on("nas0_0")));
     settle();
@@ -211,7 +211,7 @@ TEST_F(IpInfo, BurstBeyondTheSocketsBufferIsReportedAndTheDaemonGoesOn)
 {
     ASSERT_TRUE(board.signalDaemon(SIGSTOP));
     const std::string batch = "i=0; while [ $i -lt 400 ]; do i=$((i + 1)); "
-                              "echo addr add 203.0.113.$((i % 250))/$((i % 8 + 24)) dev lan1_end; "
+                              "echo addr add 203.0.113.$((i % 250))/$((i % 8 + 24)) dev lan1; "
                               "done | ip -force -batch -";
     board.exec({"sh", "-c", batch});
     ASSERT_TRUE(board.signalDaemon(SIGCONT));
