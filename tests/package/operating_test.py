@@ -29,6 +29,8 @@ def board():
         new.set_port("wifi5", "none")
         new.expect_snapshot("lan1.counterIn", 2 ** 64 - 1)
         new.expect_snapshot("wifi5.in", "none")
+        new.mark()
+        new.expect_snapshot("lan1.in", 0)  # the differences are not the counters
         yield new
 
 
@@ -115,7 +117,8 @@ def test_collectd_is_told_the_counters(board, example, shell):
 
 def test_the_expression_takes_every_record(board):
     TRIED.add("record")
-    board.mode("locateme")
+    board.mode("locateme\n")
+    board.expect_mode("locateme")
     board.mode("signal")
     board.expect_log("switch display mode 5 -> 1")
     board.ip("-6", "addr", "add", "2001:db8::7/64", "dev", "br0", "nodad")
@@ -123,26 +126,30 @@ def test_the_expression_takes_every_record(board):
     log = board.log()
     assert RECORD.sub("", "".join(text + "\n" for text in log).replace("\n\n", "\n")) == ""
     found = [RECORD.fullmatch(text.rstrip("\n") + "\n").groups() for text in log]
-    assert ("switch display mode 5 -> 1", "display.cpp", "display_setMode") in [
-        (message, file, function) for message, file, _, function in found]
+    for message, function in (("switch display mode 5 -> 1", "display_setMode"),
+                              ('received "locateme\n"', "readDisplayMode")):
+        assert (message, "display.cpp", function) in [
+            (message, file, function) for message, file, _, function in found]
     assert any(message.startswith("New IPv6 address 2001:db8::7/64 on br0(")
                and (file, function) == ("ipinfo.cpp", "ipaddr_log")
                for message, file, _, function in found)
 
 
 ONE = "kelo-monitord: Failed to allocate memory [ipinfo.cpp:12 route_insert]\n"
-TWO = "kelo-monitord: received \"x\ny\"\n [display.cpp:3 readDisplayMode]\n"
+TWO = "kelo-monitord: rebooting...\n [input.cpp:3 doReboot]\n"
+THREE = "kelo-monitord: received \"signal\n\"\n [display.cpp:3 readDisplayMode]\n"
+LONG = "kelo-monitord: received \"" + 110 * "x" + "\"\n"
 ODD = "[warn] Epoll MOD(1) on fd 9 failed\n"
 
 
 @awks
 @pytest.mark.parametrize("log, lines", [
     (ONE + ONE, [ONE, ONE]),
-    ("kelo-monitord: rebooting...\n [input.cpp:3 doReboot]\n" + ONE,
-     ["kelo-monitord: rebooting... [input.cpp:3 doReboot]\n", ONE]),
-    (ODD + ONE + ODD, [ODD, ONE, ODD]),
-    (TWO, ["kelo-monitord: received \"x\n", "y\" [display.cpp:3 readDisplayMode]\n"]),
-], ids=["one", "two", "others", "quoted"])
+    (TWO + ONE, ["kelo-monitord: rebooting... [input.cpp:3 doReboot]\n", ONE]),
+    (ODD + ONE + ODD + ODD, [ODD, ONE, ODD, ODD]),
+    (THREE + ODD, ["kelo-monitord: received \"signal\" [display.cpp:3 readDisplayMode]\n", ODD]),
+    (LONG + ONE + LONG, [LONG, ONE, LONG]),
+], ids=["one", "two", "others", "quoted", "long"])
 def test_each_record_becomes_a_line(example, awk, log, lines):
     done = run(*awk, "-f", example("one-line.awk"), input=log)
     assert done.stdout == "".join(lines)
