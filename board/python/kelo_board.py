@@ -151,13 +151,22 @@ class Board:
         """More netlink messages than the daemon's socket holds."""
         self.run("burst", count)
 
-    def exec(self, *command):
-        """Runs a command in the board's network; returns what it printed."""
-        return self.run("exec", *command)
+    def exec(self, *command, far=False):
+        """Runs a command in the board's network, or at the far end of its links; returns what it
+        printed."""
+        return self.run("exec", *command, far=far)
 
-    def ip(self, *arguments):
-        """Runs ip(8) in the board's network."""
-        return self.run("ip", *arguments)
+    def ip(self, *arguments, far=False):
+        """Runs ip(8) there."""
+        return self.run("ip", *arguments, far=far)
+
+    def provider(self, action, *words, **options):
+        """A router and servers at the far end: board.provider("start", "2001:db8:1::/64")."""
+        return self.run("provider " + action, *words, **options)
+
+    def dhcp(self, action, **options):
+        """A DHCP client on the terminal's side: "start" or "stop"."""
+        self.run("dhcp " + action, **options)
 
     # --- The daemon
 

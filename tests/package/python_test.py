@@ -69,6 +69,14 @@ def test_addresses_are_published_in_order(board):
     assert "br0" in board.exec("ip", "link")
 
 
+def test_the_far_end_is_there(board):
+    assert "br0" not in board.exec("ip", "link", far=True)
+    assert "ppp0" in board.ip("-o", "link", far=True)
+    board.provider("flap", 1, on="ppp0")
+    with pytest.raises(BoardError, match='no prefix: "nonsense"'):
+        board.provider("renumber", "nonsense", on="ppp0")
+
+
 def test_the_button_is_held_pressed_and_released(board):
     board.hold()
     assert board.status()["button"] > 0
