@@ -214,42 +214,15 @@ private:
 /// a serial port of its own.
 class Booted : public Form {
 public:
-    explicit Booted(std::string folder) : folder_(std::move(folder)) {}
+    explicit Booted(std::string boot) : boot_(std::move(boot)) {}
 
     Agent start() override
     {
         if (getenv("KELO_BOARD_DAEMON") || getenv("KELO_BOARD_SDK"))
             throw std::runtime_error("this board's daemon and libraries are part of its image");
-        Agent machine = startProcess({"qemu-system-mipsel",
-                                      "-M",
-                                      "malta",
-                                      "-cpu",
-                                      "24Kc",
-                                      "-m",
-                                      "128",
-                                      "-display",
-                                      "none",
-                                      "-vga",
-                                      "none",
-                                      "-monitor",
-                                      "none",
-                                      "-nic",
-                                      "none",
-                                      "-no-reboot",
-                                      "-serial",
-                                      "null",
-                                      "-kernel",
-                                      folder_ + "/vmlinux",
-                                      "-initrd",
-                                      folder_ + "/initrd.gz",
-                                      "-append",
-                                      "console=ttyS0 panic=1 quiet nokaslr",
-                                      "-device",
-                                      "virtio-serial-pci",
-                                      "-chardev",
-                                      "stdio,id=agent,signal=off",
-                                      "-device",
-                                      "virtserialport,chardev=agent"});
+        Agent machine = startProcess({"sh", boot_, "/init", "-serial", "null", "-device",
+                                      "virtio-serial-pci", "-chardev", "stdio,id=agent,signal=off",
+                                      "-device", "virtserialport,chardev=agent"});
         machine.patience = 0;
         return machine;
     }
@@ -287,7 +260,7 @@ public:
     pid_t outside(pid_t pid) const override { return pid; }
 
 private:
-    std::string folder_;
+    std::string boot_; ///< the script that starts the machine
 };
 
 } // namespace
@@ -306,9 +279,8 @@ std::vector<std::unique_ptr<Form>> Form::named(const std::string &name)
     const char *const given = getenv("KELO_BOARD");
     const std::string form = !name.empty() ? name : given ? given : "host";
     std::vector<std::unique_ptr<Form>> forms;
-    if (form == "malta") {
-        forms.push_back(std::make_unique<Booted>(
-            fs::path(builtFile("malta/initrd.gz")).parent_path().string()));
+    if (form == "malta" || form == "device") {
+        forms.push_back(std::make_unique<Booted>(builtFile("machine/" + form + "/boot")));
         return forms;
     }
     // A path names a root file system; a name, that of a build.
