@@ -292,7 +292,11 @@ std::vector<std::unique_ptr<Form>> Form::named(const std::string &name)
     } else if (!fs::exists(rootfs + device::daemonPath)) {
         throw std::runtime_error("no board to start in " + rootfs + ": build it first");
     }
-    const std::string machine = form.starts_with("mips") ? form.substr(0, form.find('-')) : "";
+    const std::string cpu = form.substr(0, form.find('-'));
+    const std::string machine = cpu.starts_with("mips") ? cpu
+                                : cpu == "arm64"        ? "aarch64"
+                                : cpu == "armhf"        ? "arm"
+                                                        : "";
     // Only a user namespace can have an emulator of its own for programs of another machine; where
     // root is refused one, the board gets by without.
     const bool isRoot = geteuid() == 0;

@@ -3,7 +3,7 @@
 ///
 ///   host          a root file system in namespaces of its own, programs of this machine
 ///   asan, valgrind     the same, from another build
-///   mips, mipsel, mips-sf     the same, programs of another machine run by an emulator
+///   mips, arm64 and others     the same, programs of another machine run by an emulator
 ///   malta, device      a kernel of its own, booted in an emulated machine
 
 #pragma once

@@ -30,7 +30,7 @@ function(small target)
   target_link_options(${target} PRIVATE -no-pie
     LINKER:--gc-sections,--build-id=none,--no-eh-frame-hdr,--sort-section=alignment
     LINKER:-z,noexecstack)
-  if(CMAKE_SYSTEM_PROCESSOR MATCHES "mips") # others may have kernels with larger pages
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "mips|^arm$") # others may have kernels with larger pages
     target_link_options(${target} PRIVATE LINKER:-z,max-page-size=4096)
   endif()
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
