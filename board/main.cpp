@@ -130,6 +130,7 @@ int main(int argc, char **argv)
 
     addUp(cli);
     addPanel(cli);
+    addWeb(cli);
     addDown(cli);
     addList(cli);
     addRun(cli);

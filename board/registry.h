@@ -73,6 +73,8 @@ public:
     std::vector<std::string> rest(Clock::duration limit = requestLimit);
     /// What "ok" came with.
     const Words &answer() const { return answer_; }
+    /// Readable when there may be another line.
+    int descriptor() const { return socket_.get(); }
     /// The process that listens at the other end.
     pid_t process() const;
 

@@ -79,6 +79,7 @@ void addCompletion(Cli &cli);
 void addRecord(Cli &cli);
 void addPlot(Cli &cli);
 void addReport(Cli &cli);
+void addWeb(Cli &cli);
 
 /// Tells events from those that only repeat what is known: the daemon's polling, and LEDs and
 /// snapshots that are as they were.

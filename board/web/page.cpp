@@ -136,7 +136,7 @@ Record fromRecording(const Recording &recording)
 
 } // namespace
 
-std::string makePage(const Record &record)
+std::string makePage(const Record &record, bool isLive)
 {
     using nlohmann::json;
     json texts = json::array();
@@ -161,6 +161,7 @@ std::string makePage(const Record &record)
         events.push_back(place->second);
     }
     const json data{{"title", record.title},
+                    {"live", isLive},
                     {"made", localTime()},
                     {"begin", ticks(record.begin - record.start)},
                     {"end", ticks(record.end - record.start)},

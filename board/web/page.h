@@ -24,8 +24,8 @@ struct Record {
 };
 
 /// Returns the page. What only repeats what held before is left out, and so is the daemon's polling
-/// of the platform.
-std::string makePage(const Record &record);
+/// of the platform. A live page goes on with what its server sends, and has controls.
+std::string makePage(const Record &record, bool isLive = false);
 
 /// Writes the page into a file. Throws std::runtime_error in one line when it cannot.
 void savePage(const Record &record, const std::string &path);

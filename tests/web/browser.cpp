@@ -67,7 +67,8 @@ void Browser::open(const std::string &path, const std::string &fragment)
     complaints_.clear();
     // The same file with another fragment would not be loaded anew.
     send("Page.navigate", {{"url", "about:blank"}});
-    send("Page.navigate", {{"url", "file://" + path + (fragment.empty() ? "" : "#" + fragment)}});
+    const std::string scheme = path.starts_with("/") ? "file://" : "";
+    send("Page.navigate", {{"url", scheme + path + (fragment.empty() ? "" : "#" + fragment)}});
     evaluate("new Promise(done => document.readyState === 'complete' ? done()"
              " : addEventListener('load', () => done()))");
 }

@@ -24,7 +24,7 @@ public:
     Browser(const Browser &) = delete;
     Browser &operator=(const Browser &) = delete;
 
-    /// Loads a file and waits until its scripts ran; `fragment` goes behind a "#".
+    /// Loads a file, or an address, and waits until its scripts ran; `fragment` goes behind a "#".
     void open(const std::string &path, const std::string &fragment = "");
     /// The value of a JavaScript expression; what it promises, if it is a promise. Throws for one
     /// that throws.
