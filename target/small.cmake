@@ -1,6 +1,9 @@
 # Flags of a build for the device, where every byte is flash; what each of them saves was measured.
 # Another compiler gets those that it knows.
 include(CheckCXXCompilerFlag)
+include(CheckCXXSourceCompiles)
+option(KELO_HARDENED "Harden the program where that takes flash, too: position independence, full RELRO, \
+stack protector where the C library has it" OFF)
 
 # known(FLAG...): sets flags to those that the compiler takes without a warning.
 macro(known)
@@ -23,13 +26,30 @@ target_compile_options(kelo_device INTERFACE
 # small(TARGET): for the program itself.
 function(small target)
   set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
-  known(-mno-shared -mplt
-    -fno-move-loop-invariants -fmerge-all-constants -fno-jump-tables -fno-caller-saves
+  known(-fno-move-loop-invariants -fmerge-all-constants -fno-jump-tables -fno-caller-saves
     -fno-guess-branch-probability -fno-builtin-snprintf)
-  target_compile_options(${target} PRIVATE -fno-pie ${flags})
-  target_link_options(${target} PRIVATE -no-pie
+  target_compile_options(${target} PRIVATE ${flags})
+  target_compile_definitions(${target} PRIVATE $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
+  target_link_options(${target} PRIVATE
     LINKER:--gc-sections,--build-id=none,--no-eh-frame-hdr,--sort-section=alignment
-    LINKER:-z,noexecstack)
+    LINKER:-z,noexecstack,-z,relro)
+  if(KELO_HARDENED)
+    set(start Scrt1.o)
+    target_compile_options(${target} PRIVATE -fpie)
+    target_link_options(${target} PRIVATE -pie LINKER:-z,now)
+    # A compiler may know it though its C library lacks what it calls.
+    set(CMAKE_REQUIRED_FLAGS -fstack-protector-all)
+    check_cxx_source_compiles("int main() {}" KELO_HAS_STACK_PROTECTOR)
+    unset(CMAKE_REQUIRED_FLAGS)
+    if(KELO_HAS_STACK_PROTECTOR)
+      target_compile_options(${target} PRIVATE -fstack-protector-strong)
+    endif()
+  else()
+    set(start crt1.o)
+    known(-mno-shared -mplt)
+    target_compile_options(${target} PRIVATE -fno-pie ${flags})
+    target_link_options(${target} PRIVATE -no-pie)
+  endif()
   if(CMAKE_SYSTEM_PROCESSOR MATCHES "mips|^arm$") # others may have kernels with larger pages
     target_link_options(${target} PRIVATE LINKER:-z,max-page-size=4096)
   endif()
@@ -43,7 +63,7 @@ function(small target)
     if(CMAKE_SYSROOT)
       list(APPEND c_flags --sysroot=${CMAKE_SYSROOT})
     endif()
-    foreach(name crt1.o crti.o crtn.o)
+    foreach(name ${start} crti.o crtn.o)
       execute_process(COMMAND ${CMAKE_C_COMPILER} ${c_flags} -print-file-name=${name}
         OUTPUT_VARIABLE file OUTPUT_STRIP_TRAILING_WHITESPACE)
       target_link_options(${target} PRIVATE ${file})
