@@ -193,8 +193,8 @@ def test_there_is_a_method_for_every_command_and_condition():
         said = subprocess.run([PROGRAM, "complete", *words, ""], capture_output=True, text=True)
         return set(said.stdout.split())
 
-    of_many_boards = {"up", "down", "list", "run", "panel"}
+    for_a_person_or_many_boards = {"up", "down", "list", "run", "panel", "web"}
     names = {name for name in dir(kelo_board.Board) if not name.startswith("_")}
-    assert offered() - of_many_boards - {"set", "expect"} <= names
+    assert offered() - for_a_person_or_many_boards - {"set", "expect"} <= names
     assert {"set_" + word for word in offered("set")} <= names
     assert {"expect_" + word for word in offered("expect")} <= names
