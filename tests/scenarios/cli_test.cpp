@@ -605,6 +605,27 @@ TEST_F(OnBoard, CommandsRunAtTheFarEndOfItsLinks)
     EXPECT_EQ(0, on({"exec", "--far", "ip", "route", "get", "2001:db8::1"}).status);
 }
 
+TEST_F(OnBoard, ProviderSaysWhichPackageIsMissing)
+{
+    struct Missing {
+        std::string program;
+        std::string package;
+        Words command;
+    };
+    for (const auto &[program, package, command] :
+         {Missing{"dhcpcd", "dhcpcd-base", {"dhcp", "start"}},
+          Missing{"dnsmasq", "dnsmasq-base", {"provider", "start", "--dhcp"}},
+          Missing{"radvd", "radvd", {"provider", "start"}}}) {
+        // Nobody but the board notices.
+        succeeds({"exec", "mount", "--bind", "/dev/null", "/usr/sbin/" + program});
+        const Outcome outcome = on(command);
+        EXPECT_EQ(1, outcome.status);
+        EXPECT_EQ("kelo-board: there is no " + program +
+                      " on this machine: install Debian's package " + package + "\n",
+                  outcome.err);
+    }
+}
+
 TEST_F(OnBoard, ProvidersEndWithIt)
 {
     succeeds({"provider", "start", "--dhcp"});
