@@ -1,33 +1,28 @@
 #include "access.h"
 
-#include "device.h"
-
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
 
 namespace kelo {
 
+std::optional<std::string> Access::attempt(const Words &request) const
+{
+    try {
+        std::string text;
+        for (const std::string &word : ask(request))
+            text += (text.empty() ? "" : " ") + word;
+        return text;
+    } catch (const Refused &) {
+        return std::nullopt;
+    }
+}
+
 void Access::require(Ability ability) const
 {
     const std::string reason = form().lacks(ability);
     if (!reason.empty())
         throw std::runtime_error(reason);
-}
-
-void Access::put(const std::string &boardPath, const std::string &text) const
-{
-    ask({"put", boardPath, text});
-}
-
-void Access::setLaser(const std::string &dbm) const
-{
-    put(device::laserPath, dbm + "\n");
-}
-
-void Access::setGpon(int state) const
-{
-    put(device::gponPath, std::to_string(state) + "\n");
 }
 
 void Access::setPort(int port, unsigned long long in, unsigned long long out) const
@@ -43,16 +38,6 @@ void Access::removePort(int port) const
         remove(path);
 }
 
-void Access::setButton(int value) const
-{
-    ask({"button", std::to_string(value)});
-}
-
-void Access::writeKeyword(const std::string &text) const
-{
-    ask({"keyword", text});
-}
-
 std::optional<std::string> Access::stored(const std::string &node,
                                           const std::string &attribute) const
 {
@@ -60,60 +45,28 @@ std::optional<std::string> Access::stored(const std::string &node,
     return text ? std::optional(text->substr(0, text->find('\n'))) : std::nullopt;
 }
 
-std::optional<std::string> Access::read(const std::string &boardPath) const
+std::vector<std::string> Access::list(const std::string &path) const
 {
-    return link_->attempt({"read", boardPath});
-}
-
-void Access::remove(const std::string &boardPath) const
-{
-    ask({"remove", boardPath});
-}
-
-void Access::makeFolder(const std::string &boardPath) const
-{
-    ask({"folder", boardPath});
-}
-
-std::vector<std::string> Access::list(const std::string &boardPath) const
-{
-    std::istringstream lines(link_->attempt({"list", boardPath}).value_or(""));
+    std::istringstream lines(attempt({"list", path}).value_or(""));
     std::vector<std::string> names;
     for (std::string name; std::getline(lines, name);)
         names.push_back(name);
     return names;
 }
 
-std::string Access::statusOf(const std::string &boardPath) const
-{
-    return link_->attempt({"stat", boardPath}).value_or("");
-}
-
-std::string Access::linkOf(const std::string &boardPath) const
-{
-    return link_->attempt({"link", boardPath}).value_or("");
-}
-
-std::vector<std::string> Access::inside(const std::vector<std::string> &command) const
-{
-    return form().inside(command);
-}
-
-Result Access::exec(const std::vector<std::string> &command) const
+Result Access::exec(const Words &command) const
 {
     const Words local = inside(command);
     if (!local.empty())
-        return link_->run(local);
+        return run(local);
     Result result{0, {}};
     result.status = exec(command, [&](const std::string &text) { result.output += text; });
     return result;
 }
 
-int Access::exec(const std::vector<std::string> &command, const Printed &printed) const
+int Access::exec(const Words &command, const Printed &printed) const
 {
-    Words request{"run"};
-    request.insert(request.end(), command.begin(), command.end());
-    return atoi(link_->ask(request, printed, commandLimit).at(0).c_str());
+    return atoi(ask_(concat({"run"}, command), printed, commandLimit).at(0).c_str());
 }
 
 std::optional<pid_t> Access::daemon() const
@@ -128,12 +81,6 @@ std::string Access::daemonFolder() const
     return words.empty() ? "" : words.at(1);
 }
 
-std::string Access::daemonFile(const std::string &name) const
-{
-    const std::string folder = daemonFolder();
-    return folder.empty() ? "" : read(folder + "/" + name).value_or("");
-}
-
 std::string Access::daemonState() const
 {
     const Words words = ask({"daemon"});
@@ -145,7 +92,7 @@ std::string Access::daemonState() const
 
 bool Access::signalDaemon(int signal) const
 {
-    return link_->attempt({"signal", signalName(signal)}).has_value();
+    return attempt({"signal", signalName(signal)}).has_value();
 }
 
 std::string signalName(int signal)

@@ -70,24 +70,24 @@ std::string subject(const Event &event)
 }
 
 Board::Board(const Options &options, const Loop *loop)
-    : Access(nullptr), ownLoop_(loop ? nullptr : std::make_unique<Loop>()),
-      loop_(loop ? *loop : *ownLoop_), environment_(options.environment), keep_(options.keep)
+    : ownLoop_(loop ? nullptr : std::make_unique<Loop>()), loop_(loop ? *loop : *ownLoop_),
+      environment_(options.environment), keep_(options.keep)
 {
-    auto link = std::make_shared<AgentLink>(
+    agent_ = std::make_unique<AgentLink>(
         loop_, options.form,
         [this](Clock::time_point time, const std::string &kind, const std::string &text) {
             record(time, kind, text);
         },
         options.givenUp);
-    agent_ = link.get();
-    link_ = std::move(link);
+    form_ = agent_->form();
+    ask_ = [this](const Words &request, const Printed &printed, Clock::duration limit) {
+        return agent_->ask(request, printed, limit);
+    };
 }
 
 void Board::startDaemon(const std::vector<std::string> &arguments)
 {
-    std::vector<std::string> command{device::daemonPath};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    startBy(command);
+    startBy(concat({device::daemonPath}, arguments));
 }
 
 void Board::startBy(const std::vector<std::string> &command)
@@ -97,10 +97,7 @@ void Board::startBy(const std::vector<std::string> &command)
 
 Words Board::startRequest(const std::vector<std::string> &command) const
 {
-    Words request{"start"};
-    request.insert(request.end(), environment_.begin(), environment_.end());
-    request.insert(request.end(), command.begin(), command.end());
-    return request;
+    return concat(concat({"start"}, environment_), command);
 }
 
 void Board::stopDaemon()

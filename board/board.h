@@ -60,7 +60,7 @@ public:
     /// std::runtime_error that says what the machine refuses and how to allow it.
     explicit Board(const Options &options, const Loop *loop = nullptr);
     Board() : Board(Options()) {}
-    ~Board() { link_.reset(); } // the agent before the loop
+    ~Board() { form_.reset(); } // the agent, that has the other share, ends it
     Board(const Board &) = delete;
     Board &operator=(const Board &) = delete;
 
@@ -116,8 +116,8 @@ private:
     size_t bytes_ = 0;          ///< what they take
     size_t count_ = 0;          ///< how many there have been
     Clock::time_point keptSince_{};
-    AgentLink *agent_;
     std::function<void()> recorded_;
+    std::unique_ptr<AgentLink> agent_;
 };
 
 } // namespace kelo

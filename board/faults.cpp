@@ -25,63 +25,57 @@ void runScript(const Access &board, const char *script, const std::string &argum
 
 } // namespace
 
-const std::vector<Fault> &faults()
-{
-    static const std::vector<Fault> all = {
-        // In place of the file comes a link that leads nowhere, or the daemon would create it.
-        {"led-missing", "the LED file is not there", Ability::FileFaults,
-         REPLACE_LED_FILE "replace /gone/gpio_output", RESTORE_LED_FILE},
-        {"led-failing", "writes to the LED file fail", Ability::FileFaults,
-         "touch dev/full; mount --bind /dev/full dev/full\n" REPLACE_LED_FILE "replace /dev/full",
-         RESTORE_LED_FILE "umount -l dev/full"},
-        {"button-missing", "the button file is not there", Ability::FileFaults,
-         "mv proc/tc3162/reset_button proc/tc3162/.reset_button",
-         "mv proc/tc3162/.reset_button proc/tc3162/reset_button"},
-        {"run-full", "no space is left in /var/run", Ability::Network,
-         "cat /dev/zero > var/run/.filler 2> /dev/null || true", "rm var/run/.filler"},
-        {"run-readonly", "/var/run is read-only", Ability::Network,
-         "mount -o remount,bind,ro var/run", "mount -o remount,bind,rw var/run"},
-        {"store-refusing", "the configuration store takes no values", Ability::Network,
-         "mount --bind board/store board/store; mount -o remount,bind,ro board/store",
-         "umount board/store"},
-        {"omci-slow", "the omci command takes a second", Ability::Always,
-         "echo 'sleep 1' > board/omci", "rm board/omci"},
-        {"omci-failing", "the omci command fails", Ability::Always, "echo 'exit 1' > board/omci",
-         "rm board/omci"},
-        {"omci-missing", "there is no omci command", Ability::Always,
-         "mv usr/bin/omci usr/bin/.omci", "mv usr/bin/.omci usr/bin/omci"},
-    };
-    return all;
-}
+const std::vector<Fault> faults = {
+    // In place of the file comes a link that leads nowhere, or the daemon would create it.
+    {"led-missing", "the LED file is not there", Ability::FileFaults,
+     REPLACE_LED_FILE "replace /gone/gpio_output", RESTORE_LED_FILE},
+    {"led-failing", "writes to the LED file fail", Ability::FileFaults,
+     "touch dev/full; mount --bind /dev/full dev/full\n" REPLACE_LED_FILE "replace /dev/full",
+     RESTORE_LED_FILE "umount -l dev/full"},
+    {"button-missing", "the button file is not there", Ability::FileFaults,
+     "mv proc/tc3162/reset_button proc/tc3162/.reset_button",
+     "mv proc/tc3162/.reset_button proc/tc3162/reset_button"},
+    {"run-full", "no space is left in /var/run", Ability::Network,
+     "cat /dev/zero > var/run/.filler 2> /dev/null || true", "rm var/run/.filler"},
+    {"run-readonly", "/var/run is read-only", Ability::Network, "mount -o remount,bind,ro var/run",
+     "mount -o remount,bind,rw var/run"},
+    {"store-refusing", "the configuration store takes no values", Ability::Network,
+     "mount --bind board/store board/store; mount -o remount,bind,ro board/store",
+     "umount board/store"},
+    {"omci-slow", "the omci command takes a second", Ability::Always, "echo 'sleep 1' > board/omci",
+     "rm board/omci"},
+    {"omci-failing", "the omci command fails", Ability::Always, "echo 'exit 1' > board/omci",
+     "rm board/omci"},
+    {"omci-missing", "there is no omci command", Ability::Always, "mv usr/bin/omci usr/bin/.omci",
+     "mv usr/bin/.omci usr/bin/omci"},
+};
 
 const Fault *findFault(const std::string &name)
 {
-    for (const Fault &fault : faults()) {
+    for (const Fault &fault : faults) {
         if (name == fault.name)
             return &fault;
     }
     return nullptr;
 }
 
-bool hasFault(const Access &board, const Fault &fault)
+std::set<std::string> faultsOf(const Access &board)
 {
-    return !board.statusOf(std::string(folder) + fault.name).empty();
+    const std::vector<std::string> names = board.list(folder);
+    return {names.begin(), names.end()};
 }
 
 void setFault(const Access &board, const Fault &fault, bool on)
 {
-    if (hasFault(board, fault) == on)
+    if (faultsOf(board).contains(fault.name) == on)
         return;
     board.require(fault.needs);
     runScript(board, on ? fault.on : fault.off);
     const std::string note = std::string(folder) + fault.name;
-    if (!on) {
+    if (on)
+        board.put(note, "");
+    else
         board.remove(note);
-        return;
-    }
-    if (board.statusOf(folder).empty())
-        board.makeFolder(folder);
-    board.put(note, "");
 }
 
 void overrunNetlink(const Access &board, int changes)

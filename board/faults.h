@@ -4,6 +4,7 @@
 
 #include "access.h"
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -17,12 +18,13 @@ struct Fault {
     const char *off; ///< shell commands that undo them
 };
 
-const std::vector<Fault> &faults();
+extern const std::vector<Fault> faults;
 
 /// The fault of this name; null when there is none.
 const Fault *findFault(const std::string &name);
 
-bool hasFault(const Access &board, const Fault &fault);
+/// The names of the faults that a board has, sorted.
+std::set<std::string> faultsOf(const Access &board);
 
 /// Brings a fault about or mends it; nothing happens when it is so already. Throws
 /// std::runtime_error when the board cannot have it.

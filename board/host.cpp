@@ -4,8 +4,6 @@
 #include "registry.h"
 
 #include <algorithm>
-#include <map>
-#include <sstream>
 #include <stdexcept>
 #include <unistd.h>
 #include <utility>
@@ -74,14 +72,10 @@ void Host::startDaemon(const std::vector<std::string> &arguments, int speed)
 
 void Host::start(const std::vector<std::string> &arguments, int speed, const Done &done)
 {
-    Words command{device::daemonPath};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    const auto go = [=, this](const Words &prefix) {
+    const auto go = [=, this](const Words &environment) {
         arguments_ = arguments;
         speed_ = speed;
-        Words all = prefix;
-        all.insert(all.end(), command.begin(), command.end());
-        launch(all, done);
+        launch(concat(concat(environment, {device::daemonPath}), arguments), done);
     };
     if (speed == 1) {
         go({});
@@ -262,13 +256,13 @@ void Host::pass(const ClientPointer &client, const Words &request)
 
 void Host::tellState(const ClientPointer &client)
 {
-    const std::string pid = "pid " + std::to_string(getpid()) + "\nstart " + toText(startTime_);
+    const Words process{"pid", std::to_string(getpid()), "start", toText(startTime_)};
     if (!board_) {
-        client->stream->send("starting yes\n" + pid + "\nok\n");
+        client->stream->send("ok starting yes " + toLine(process) + "\n");
         return;
     }
     const std::weak_ptr<Client> weak = client;
-    board_->agent().send({"daemon"}, [this, weak, pid](const Answer &answer) {
+    board_->agent().send({"daemon"}, [this, weak, process](const Answer &answer) {
         const ClientPointer known = weak.lock();
         if (!known)
             return;
@@ -276,20 +270,18 @@ void Host::tellState(const ClientPointer &client)
             known->stream->send("error " + toRest(answer.error) + "\n");
             return;
         }
-        std::map<EventKind, std::string> last;
-        size_t end;
-        for (const Event &event : board_->heldAt(Clock::time_point::max(), end))
-            last[event.kind] = event.text;
-        std::ostringstream text;
-        for (const EventKind kind : {EventKind::Leds, EventKind::Mode, EventKind::Laser,
-                                     EventKind::Gpon, EventKind::Button, EventKind::Exit})
-            text << kindName(kind) << ' ' << toRest(last[kind]) << '\n';
         const bool runs = answer.words.size() > 2;
-        text << pid << "\ndaemon "
-             << (runs ? board_->form().outside(atoi(answer.words[0].c_str())) : 0) << "\nprocess "
-             << (runs ? answer.words[2] : "") << "\nsince " << toText(board_->keptSince())
-             << "\nmark " << toText(mark_) << "\naccepted " << toText(accepted_) << "\nok\n";
-        known->stream->send(text.str());
+        const pid_t daemon = runs ? board_->form().outside(atoi(answer.words[0].c_str())) : 0;
+        Words state =
+            concat(process, {"daemon", std::to_string(daemon), "process",
+                             runs ? answer.words[2] : "", "since", toText(board_->keptSince()),
+                             "mark", toText(mark_), "accepted", toText(accepted_)});
+        size_t end;
+        for (const Event &event : board_->heldAt(Clock::time_point::max(), end)) {
+            if (event.kind != EventKind::Store)
+                state.insert(state.end(), {kindName(event.kind), event.text});
+        }
+        known->stream->send("ok " + toLine(state) + "\n");
     });
 }
 

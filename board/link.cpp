@@ -25,18 +25,6 @@ Clock::duration toDuration(const std::string &seconds)
 
 } // namespace
 
-std::optional<std::string> Link::attempt(const Words &request)
-{
-    try {
-        std::string text;
-        for (const std::string &word : ask(request))
-            text += (text.empty() ? "" : " ") + word;
-        return text;
-    } catch (const Refused &) {
-        return std::nullopt;
-    }
-}
-
 AgentLink::AgentLink(const Loop &loop, const std::string &form, Happened happened,
                      const std::function<bool()> &givenUp)
     : loop_(loop), happened_(std::move(happened))
@@ -107,7 +95,7 @@ void AgentLink::compareClocks()
     Clock::duration shortest = Clock::duration::max();
     for (int i = 0; i < clockTries; i++) {
         const Clock::time_point before = Clock::now();
-        const Clock::duration there = toDuration(ask({"clock"}, {}, requestLimit).at(0));
+        const Clock::duration there = toDuration(ask({"clock"}).at(0));
         const Clock::duration length = Clock::now() - before;
         if (length >= shortest)
             continue;
@@ -148,28 +136,6 @@ Words AgentLink::ask(const Words &request, const Printed &printed, Clock::durati
     if (!got->ok)
         throw std::runtime_error(got->error);
     return got->words;
-}
-
-Result AgentLink::run(const Words &command)
-{
-    Pipe pipe = makePipe(O_NONBLOCK);
-    fcntl(pipe.write.get(), F_SETFL, 0);
-    const Descriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    const pid_t child = spawn(command, {nothing.get(), pipe.write.get(), pipe.write.get()});
-    pipe.write.reset();
-    Result result{0, {}};
-    bool open = true;
-    const Watch output(loop_.base(), pipe.read.get(), [&] {
-        char buffer[65536];
-        const ssize_t length = read(pipe.read.get(), buffer, sizeof buffer);
-        if (length > 0)
-            result.output.append(buffer, static_cast<size_t>(length));
-        open = length != 0;
-    });
-    while (open)
-        loop_.turn(Clock::now() + commandLimit);
-    result.status = waitFor(child);
-    return result;
 }
 
 void AgentLink::take(const std::string &line)

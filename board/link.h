@@ -1,4 +1,4 @@
-/// How the users of a board reach its agent: in the program that runs the board, or through it.
+/// A board's agent, as the program that runs the board has it.
 
 #pragma once
 
@@ -19,21 +19,6 @@ constexpr auto commandLimit = std::chrono::hours(24);
 /// Gets what a command prints, as it comes.
 using Printed = std::function<void(const std::string &)>;
 
-class Link {
-public:
-    virtual ~Link() = default;
-    virtual const Form &form() const = 0;
-    /// Sends a request to the agent and waits for its answer. Throws std::runtime_error that says
-    /// why there is none.
-    virtual Words ask(const Words &request, const Printed &printed = {},
-                      Clock::duration limit = requestLimit) = 0;
-    /// Runs a program of this machine to its end.
-    virtual Result run(const Words &command) = 0;
-
-    /// The answer's words as one text; nothing when the agent says that there is none.
-    std::optional<std::string> attempt(const Words &request);
-};
-
 /// What the agent answers to a request that it cannot do.
 struct Refused : std::runtime_error {
     using std::runtime_error::runtime_error;
@@ -52,18 +37,20 @@ using Happened =
     std::function<void(Clock::time_point, const std::string &kind, const std::string &text)>;
 
 /// An agent that this process started, and that ends with this object.
-class AgentLink : public Link {
+class AgentLink {
 public:
     /// Starts the agent of one of the forms, the first that the machine does not refuse. Throws
     /// std::runtime_error that says what is refused and how to allow it, or when `givenUp` says so
     /// meanwhile.
     AgentLink(const Loop &loop, const std::string &form, Happened happened,
               const std::function<bool()> &givenUp);
-    ~AgentLink() override;
+    ~AgentLink();
 
-    const Form &form() const override { return *form_; }
-    Words ask(const Words &request, const Printed &printed, Clock::duration limit) override;
-    Result run(const Words &command) override;
+    std::shared_ptr<const Form> form() const { return form_; }
+    /// Sends a request and waits for its answer. Throws std::runtime_error that says why there is
+    /// none.
+    Words ask(const Words &request, const Printed &printed = {},
+              Clock::duration limit = requestLimit);
 
     /// Sends a request; the answer comes later. Returns its number.
     unsigned long send(const Words &request, Answered answered, const Printed &printed = {},
@@ -87,7 +74,7 @@ private:
     void compareClocks();
 
     const Loop &loop_;
-    std::unique_ptr<Form> form_;
+    std::shared_ptr<Form> form_;
     Form::Agent agent_;
     Happened happened_;
     std::unique_ptr<Stream> stream_;

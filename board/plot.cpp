@@ -1,5 +1,6 @@
 #include "plot.h"
 
+#include "device.h"
 #include "process.h"
 #include "svg.h"
 
@@ -7,7 +8,6 @@
 #include <cmath>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <functional>
 #include <stdexcept>
 #include <sys/mman.h>
@@ -28,9 +28,6 @@ constexpr size_t EVENT_LANES = 5;
 constexpr double CROWD_WIDTH = 80; ///< of "+3 more"
 constexpr double SECOND = 100000;  ///< in RecordingTick
 
-constexpr const char *modeNames[] = {"none",     "signal",  "reboot",   "restore",    "errora12",
-                                     "locateme", "ledtest", "facttest", "facttesterr"};
-
 /// A stretch of time in which a signal holds a value.
 struct Span {
     double from;
@@ -41,7 +38,7 @@ struct Span {
 std::string modeText(const std::string &value)
 {
     const size_t mode = static_cast<size_t>(atoi(value.c_str()));
-    return mode < std::size(modeNames) ? modeNames[mode] : value;
+    return mode < std::size(device::modeKeywords) ? device::modeKeywords[mode] : value;
 }
 
 std::string powerText(const std::string &value)
@@ -291,13 +288,8 @@ void savePicture(const std::string &svg, const std::string &path)
     const bool bitmap = path.ends_with(".png");
     if (!bitmap && !path.ends_with(".svg"))
         throw std::runtime_error("a picture's name ends in .svg or .png: " + path);
-    if (!bitmap) {
-        std::ofstream file(path, std::ios::trunc);
-        file << svg;
-        if (!file.flush())
-            throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
-        return;
-    }
+    if (!bitmap)
+        return writeFile(path, svg);
     const Descriptor source(memfd_create("picture", MFD_CLOEXEC));
     const Descriptor nothing(open("/dev/null", O_WRONLY | O_CLOEXEC));
     const Descriptor target(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));

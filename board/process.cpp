@@ -2,9 +2,11 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <poll.h>
-#include <spawn.h>
+#include <stdexcept>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <system_error>
@@ -46,9 +48,7 @@ Pipe makePipe(int flags)
     return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
-namespace {
-
-pid_t start(const std::vector<std::string> &command, const Streams &streams, short flags)
+pid_t spawn(const std::vector<std::string> &command, const Streams &streams, short flags)
 {
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
@@ -72,18 +72,6 @@ pid_t start(const std::vector<std::string> &command, const Streams &streams, sho
     if (error)
         throw std::system_error(error, std::generic_category(), "cannot start " + command[0]);
     return child;
-}
-
-} // namespace
-
-pid_t spawn(const std::vector<std::string> &command, const Streams &streams)
-{
-    return start(command, streams, 0);
-}
-
-pid_t spawnApart(const std::vector<std::string> &command, const Streams &streams)
-{
-    return start(command, streams, POSIX_SPAWN_SETPGROUP);
 }
 
 int waitFor(pid_t child)
@@ -138,6 +126,14 @@ std::string readFile(const std::string &path)
 {
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     return file ? readAll(file.get()) : std::string();
+}
+
+void writeFile(const std::string &path, const std::string &text)
+{
+    std::ofstream file(path, std::ios::trunc);
+    file << text;
+    if (!file.flush())
+        throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
 }
 
 } // namespace kelo

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <spawn.h>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -46,11 +47,15 @@ struct Streams {
     int further = -1;
 };
 
-/// Starts a program, found through PATH. Throws std::system_error when it cannot be started.
-pid_t spawn(const std::vector<std::string> &command, const Streams &streams);
+/// Starts a program, found through PATH, with flags of posix_spawn(3). Throws std::system_error
+/// when it cannot be started.
+pid_t spawn(const std::vector<std::string> &command, const Streams &streams, short flags = 0);
 
 /// Starts a program that the terminal's Ctrl-C does not reach.
-pid_t spawnApart(const std::vector<std::string> &command, const Streams &streams);
+inline pid_t spawnApart(const std::vector<std::string> &command, const Streams &streams)
+{
+    return spawn(command, streams, POSIX_SPAWN_SETPGROUP);
+}
 
 /// Waits for a child's end; its exit status, or 128 and the signal's number as a shell has it.
 int waitFor(pid_t child);
@@ -74,5 +79,8 @@ std::string readAll(int fd);
 
 /// A whole file, empty when it cannot be read.
 std::string readFile(const std::string &path);
+
+/// Writes a whole file. Throws std::runtime_error in one line when it cannot.
+void writeFile(const std::string &path, const std::string &text);
 
 } // namespace kelo

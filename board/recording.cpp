@@ -77,7 +77,9 @@ void recordEvent(Recorder &recorder, const Event &event)
             recorder.set(ledNames[led], event.text[led] == '?' ? "x" : event.text.substr(led, 1));
         break;
     case EventKind::Mode:
-        recorder.set("mode", event.text);
+    case EventKind::Store:
+    case EventKind::Omci:
+        recorder.set(kindName(event.kind), event.text);
         break;
     case EventKind::Laser:
         recorder.set("rx_power_dbm", toNumber(event.text));
@@ -96,12 +98,6 @@ void recordEvent(Recorder &recorder, const Event &event)
         else if (event.text.starts_with("syscfg_restore"))
             recorder.set("restore", event.text);
         break;
-    case EventKind::Store:
-        recorder.set("store", event.text);
-        break;
-    case EventKind::Omci:
-        recorder.set("omci", event.text);
-        break;
     case EventKind::Exit:
         recorder.set("daemon_exit", "exit " + event.text);
         break;
@@ -109,23 +105,6 @@ void recordEvent(Recorder &recorder, const Event &event)
         break;
     }
 }
-
-/// Identifier codes in the file: letters only, since some readers take "#" for a time.
-class Codes {
-public:
-    std::string next()
-    {
-        std::string code;
-        for (int number = count_++;; number = number / 26 - 1) {
-            code += static_cast<char>('a' + number % 26);
-            if (number < 26)
-                return code;
-        }
-    }
-
-private:
-    int count_ = 0;
-};
 
 std::string bitOf(const std::string &value, int bit)
 {
@@ -149,40 +128,36 @@ struct Write {
     std::string text;
 };
 
-/// Declares a signal and gives what to write for its changes.
-std::vector<Write> declare(const Signal &signal, Codes &codes, std::ostream &out)
+/// Declares a signal and gives what to write for its changes. A variable's code in the file is a
+/// letter, since some readers take "#" for a time; there are less than 26 of them.
+std::vector<Write> declare(const Signal &signal, char &code, std::ostream &out)
 {
     std::vector<Write> writes;
-    if (signal.type == Signal::Type::Bits) {
-        for (int bit = MODE_BITS - 1; bit >= 0; bit--) {
-            const std::string code = codes.next();
-            out << "$var wire 1 " << code << ' ' << signal.name << " [" << bit << "] $end\n";
-            writes.push_back({0, "x" + code});
-            for (const Signal::Change &change : signal.changes)
-                writes.push_back({change.time, bitOf(change.value, bit) + code});
-        }
-        return writes;
-    }
-    const std::string code = codes.next();
-    const char *const type = signal.type == Signal::Type::Bit    ? "wire 1 "
-                             : signal.type == Signal::Type::Real ? "real 64 "
-                                                                 : "event 1 ";
-    out << "$var " << type << code << ' ' << signal.name << " $end\n";
-    if (signal.type == Signal::Type::Bit)
-        writes.push_back({0, "x" + code});
-    if (signal.type == Signal::Type::Real)
-        writes.push_back({0, "rnan " + code});
-    for (const Signal::Change &change : signal.changes) {
-        switch (signal.type) {
-        case Signal::Type::Real:
-            writes.push_back({change.time, "r" + change.value + " " + code});
-            break;
-        case Signal::Type::Event:
-            writes.push_back({change.time, "1" + code});
-            break;
-        default:
-            writes.push_back({change.time, change.value + code});
-        }
+    const auto variable = [&](const std::string &type, const std::string &index,
+                              const std::string &unknown, const auto &textOf) {
+        out << "$var " << type << ' ' << code << ' ' << signal.name << index << " $end\n";
+        if (!unknown.empty())
+            writes.push_back({0, unknown + code});
+        for (const Signal::Change &change : signal.changes)
+            writes.push_back({change.time, textOf(change.value) + code});
+        code++;
+    };
+    switch (signal.type) {
+    case Signal::Type::Bit:
+        variable("wire 1", "", "x", [](const std::string &value) { return value; });
+        break;
+    case Signal::Type::Bits:
+        for (int bit = MODE_BITS - 1; bit >= 0; bit--)
+            variable("wire 1", " [" + std::to_string(bit) + "]", "x",
+                     [=](const std::string &value) { return bitOf(value, bit); });
+        break;
+    case Signal::Type::Real:
+        variable("real 64", "", "rnan ",
+                 [](const std::string &value) { return "r" + value + " "; });
+        break;
+    case Signal::Type::Event:
+        variable("event 1", "", "", [](const std::string &) { return std::string("1"); });
+        break;
     }
     return writes;
 }
@@ -367,8 +342,9 @@ Recording makeRecording(const std::vector<Event> &events, Clock::time_point end)
     return recording;
 }
 
-void writeVcd(const Recording &recording, std::ostream &out)
+std::string toVcd(const Recording &recording)
 {
+    std::ostringstream out;
     const time_t now = time(nullptr);
     tm local;
     char date[64];
@@ -385,10 +361,10 @@ void writeVcd(const Recording &recording, std::ostream &out)
             out << "$comment event " << signal.name << " at " << change.time << ": "
                 << commentText(change.value) << " $end\n";
     }
-    Codes codes;
+    char code = 'a';
     std::vector<Write> writes;
     for (const Signal &signal : recording.signals) {
-        const std::vector<Write> more = declare(signal, codes, out);
+        const std::vector<Write> more = declare(signal, code, out);
         writes.insert(writes.end(), more.begin(), more.end());
     }
     out << "$upscope $end\n$enddefinitions $end\n";
@@ -404,6 +380,7 @@ void writeVcd(const Recording &recording, std::ostream &out)
     }
     if (recording.length > time)
         out << '#' << recording.length << '\n';
+    return out.str();
 }
 
 Recording readVcd(std::istream &in)

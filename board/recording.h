@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <istream>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -45,7 +44,8 @@ struct Recording {
 /// left out, and so is its log.
 Recording makeRecording(const std::vector<Event> &events, Clock::time_point end);
 
-void writeVcd(const Recording &recording, std::ostream &out);
+/// The file.
+std::string toVcd(const Recording &recording);
 
 /// Throws std::runtime_error that says what is wrong with the file, when it is not one of a board.
 Recording readVcd(std::istream &in);

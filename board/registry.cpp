@@ -14,7 +14,7 @@ namespace kelo {
 
 namespace {
 
-constexpr auto startLimit = std::chrono::seconds(25);
+constexpr Clock::duration startLimit = std::chrono::seconds(25);
 constexpr auto downPatience = std::chrono::milliseconds(1500);
 
 std::string prefix()
@@ -50,44 +50,6 @@ bool ownPeer(int fd)
     return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && peer.uid == geteuid();
 }
 
-[[noreturn]] void throwGone(const std::string &board)
-{
-    throw BoardGone("no board named \"" + board + "\" is running (start one: kelo-board up " +
-                    board + ")");
-}
-
-/// Reaches a board's agent through the program that runs it.
-class RemoteLink : public Link {
-public:
-    RemoteLink(std::string board, const Words &place)
-        : board_(std::move(board)), form_(Form::of(place))
-    {
-    }
-
-    const Form &form() const override { return *form_; }
-
-    Words ask(const Words &request, const Printed &printed, Clock::duration limit) override
-    {
-        Connection connection(board_, toLine(request));
-        try {
-            const Clock::time_point end = Clock::now() + limit;
-            while (const auto line = connection.line(end)) {
-                if (line->starts_with("out ") && printed)
-                    printed(unescaped(line->substr(4)));
-            }
-        } catch (const BoardEnded &) {
-            return connection.answer();
-        }
-        throw NoAnswer("the board \"" + board_ + "\" does not answer");
-    }
-
-    Result run(const Words &command) override { return kelo::run(command); }
-
-private:
-    std::string board_;
-    std::unique_ptr<Form> form_;
-};
-
 } // namespace
 
 SocketName::SocketName(const std::string &board) : path(prefix() + board)
@@ -117,14 +79,15 @@ Descriptor acceptClient(int listening)
     return client;
 }
 
-Connection::Connection(const std::string &board, const std::string &request)
+Connection::Connection(const std::string &board, const Words &request)
     : board_(board), socket_(openSocket())
 {
     const Address address{SocketName(board)};
-    const std::string line = request + "\n";
+    const std::string line = toLine(request) + "\n";
     if (connect(socket_.get(), address.get(), address.length) < 0 || !ownPeer(socket_.get()) ||
         send(socket_.get(), line.data(), line.size(), MSG_NOSIGNAL) != ssize_t(line.size()))
-        throwGone(board);
+        throw BoardGone("no board named \"" + board + "\" is running (start one: kelo-board up " +
+                        board + ")");
 }
 
 pid_t Connection::process() const
@@ -169,43 +132,63 @@ std::optional<std::string> Connection::line(Clock::time_point deadline)
     return result;
 }
 
-std::vector<std::string> Connection::rest(Clock::duration limit)
+Words Connection::answer(Clock::duration limit, const Printed &printed)
 {
     const Clock::time_point end = Clock::now() + limit;
-    std::vector<std::string> lines;
     try {
-        while (auto next = line(end))
-            lines.push_back(std::move(*next));
+        while (const auto next = line(end)) {
+            if (next->starts_with("out ") && printed)
+                printed(unescaped(next->substr(4)));
+        }
     } catch (const BoardEnded &) {
-        return lines;
+        return answer_;
     }
     throw NoAnswer("the board \"" + board_ + "\" does not answer");
 }
 
-void request(const std::string &board, const std::string &text)
+RecordReader::RecordReader(const std::string &board, Clock::time_point since)
+    : connection_(board, {"watch", toText(since)})
 {
-    Connection(board, text).rest(startLimit);
+}
+
+std::optional<Event> RecordReader::next(Clock::time_point deadline)
+{
+    while (const auto line = connection_.line(isUpToDate_ ? deadline : Clock::now() + startLimit)) {
+        if (*line != "now")
+            return fromLine(*line);
+        isUpToDate_ = true;
+    }
+    if (!isUpToDate_)
+        throw NoAnswer("the board does not answer");
+    return std::nullopt;
 }
 
 void request(const std::string &board, const Words &words)
 {
-    request(board, toLine(words));
+    Connection(board, words).answer(startLimit);
 }
 
-std::optional<Access> findBoard(const std::string &name)
+Access openBoard(const std::string &name)
+{
+    return {Form::of(Connection(name, {"place"}).answer()),
+            [name](const Words &request, const Printed &printed, Clock::duration limit) {
+                return Connection(name, request).answer(limit, printed);
+            }};
+}
+
+bool isRunning(const std::string &name)
 {
     try {
-        Connection connection(name, "place");
-        connection.rest();
-        return Access(std::make_shared<RemoteLink>(name, connection.answer()));
+        openBoard(name);
+        return true;
     } catch (const BoardGone &) {
-        return std::nullopt;
+        return false;
     }
 }
 
 void endBoard(const std::string &name)
 {
-    Connection connection(name, "down");
+    Connection connection(name, {"down"});
     const pid_t host = connection.process();
     const std::string process = std::to_string(host);
     // What it runs ends with it; whoever stopped it may have stopped that too.
@@ -215,7 +198,7 @@ void endBoard(const std::string &name)
     for (pid_t child; children >> child;)
         ends.push_back(endOf(child));
     try {
-        connection.rest(downPatience);
+        connection.answer(downPatience);
         return;
     } catch (const std::runtime_error &) {
         makeEnd(ends.front(), 1);
@@ -224,18 +207,16 @@ void endBoard(const std::string &name)
         makeEnd(end, downPatience.count());
 }
 
-std::map<std::string, std::string> stateOf(const std::string &board, Clock::duration limit)
+std::map<std::string, std::string> stateOf(const std::string &board)
 {
-    return toState(Connection(board, "state").rest(limit));
+    return toState(Connection(board, {"state"}).answer());
 }
 
-std::map<std::string, std::string> toState(const std::vector<std::string> &lines)
+std::map<std::string, std::string> toState(const Words &answer)
 {
     std::map<std::string, std::string> state;
-    for (const std::string &line : lines) {
-        const size_t space = std::min(line.find(' '), line.size());
-        state[line.substr(0, space)] = unescaped(line.substr(std::min(space + 1, line.size())));
-    }
+    for (size_t i = 0; i + 1 < answer.size(); i += 2)
+        state[answer[i]] = answer[i + 1];
     return state;
 }
 
@@ -243,12 +224,11 @@ void readEvents(const std::string &board, Clock::time_point &from, std::vector<E
                 const std::function<bool()> &goesOn)
 {
     from = std::max(from, toTime(stateOf(board)["since"]));
-    Connection connection(board, "watch " + toText(from));
-    for (bool isUpToDate = false; !isUpToDate || (goesOn && goesOn());) {
-        const auto line = connection.line(isUpToDate ? Clock::now() + std::chrono::milliseconds(50)
-                                                     : Clock::time_point::max());
-        isUpToDate |= line == "now";
-        std::optional<Event> event = line ? fromLine(*line) : std::nullopt;
+    RecordReader record(board, from);
+    const auto patience = std::chrono::milliseconds(goesOn ? 50 : 0);
+    for (bool more = true; more;) {
+        auto event = record.next(Clock::now() + patience);
+        more = !record.isUpToDate() || (goesOn ? goesOn() : event.has_value());
         // An attribute that was stored before, or a daemon that ended, is no news.
         const bool isNews = event && event->time >= from;
         if (!event ||
@@ -257,6 +237,11 @@ void readEvents(const std::string &board, Clock::time_point &from, std::vector<E
         event->time = std::max(event->time, from);
         events.push_back(std::move(*event));
     }
+}
+
+Past::Past(const std::string &board) : start(toTime(stateOf(board)["start"])), from(start)
+{
+    readEvents(board, from, events);
 }
 
 std::vector<std::string> runningBoards()

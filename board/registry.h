@@ -5,7 +5,7 @@
 /// A client sends one request, a line of words, and reads lines until one that begins with "ok"
 /// says that it was done, or "error TEXT" why not:
 ///   place           "ok WORD...", which make its form
-///   state           one "KEY TEXT" line for everything a board has one of
+///   state           "ok KEY VALUE...", everything a board has one of
 ///   watch SINCE     the record: the events that held at that time, then those from there on,
 ///                   "TIME KIND TEXT" each, then "now", then events as they come; "ok" when the
 ///                   board's end was asked for
@@ -63,16 +63,14 @@ struct NoAnswer : std::runtime_error {
 class Connection {
 public:
     /// Throws BoardGone when no board of this name runs.
-    Connection(const std::string &board, const std::string &request);
+    Connection(const std::string &board, const Words &request);
 
     /// The next line; nothing when the deadline comes first. Throws BoardEnded at "ok", BoardGone
     /// at an end without, and std::runtime_error for an error that the board answers.
     std::optional<std::string> line(Clock::time_point deadline = Clock::time_point::max());
-    /// Every line up to "ok", whose words become `answer`. Throws NoAnswer when it does not come in
-    /// time, and what `line` throws.
-    std::vector<std::string> rest(Clock::duration limit = requestLimit);
-    /// What "ok" came with.
-    const Words &answer() const { return answer_; }
+    /// Waits for "ok" and returns what it came with. Throws NoAnswer when it does not come in time,
+    /// and what `line` throws.
+    Words answer(Clock::duration limit = requestLimit, const Printed &printed = {});
     /// Readable when there may be another line.
     int descriptor() const { return socket_.get(); }
     /// The process that listens at the other end.
@@ -85,22 +83,37 @@ private:
     Words answer_;
 };
 
-/// Sends a request, words as they are, and waits until it is done.
-void request(const std::string &board, const std::string &text);
+/// The record of a running board from a time on, with what held then before it.
+class RecordReader {
+public:
+    RecordReader(const std::string &board, Clock::time_point since);
+
+    /// The next event. Nothing when the deadline comes first, which does not hold before all that
+    /// happened so far has been read. Throws as Connection does.
+    std::optional<Event> next(Clock::time_point deadline);
+    /// Whether what comes next is news.
+    bool isUpToDate() const { return isUpToDate_; }
+
+private:
+    Connection connection_;
+    bool isUpToDate_ = false;
+};
+
+/// Sends a request and waits until it is done.
 void request(const std::string &board, const Words &words);
 
-/// Access to the board of this name; nothing when none runs.
-std::optional<Access> findBoard(const std::string &name);
+/// Access to the board of this name. Throws BoardGone when none runs.
+Access openBoard(const std::string &name);
+bool isRunning(const std::string &name);
 
 /// What a board has one of: "leds", "mode", "button", "laser", "gpon", "daemon" (its process, 0
 /// while none runs), "process" (its state as in /proc), "pid" (of the program that runs the board),
 /// "start", "mark" and "since", from when on the record is kept, and "accepted", of the last
 /// request of that name (times). A board that comes up has "starting" instead.
-std::map<std::string, std::string> stateOf(const std::string &board,
-                                           Clock::duration limit = requestLimit);
+std::map<std::string, std::string> stateOf(const std::string &board);
 
-/// The same from the lines of its answer.
-std::map<std::string, std::string> toState(const std::vector<std::string> &lines);
+/// The same from the words of its answer.
+std::map<std::string, std::string> toState(const Words &answer);
 
 /// Ends a board in whatever state it is; returns once nothing of it is left. Throws BoardGone when
 /// none runs.
@@ -111,6 +124,14 @@ void endBoard(const std::string &name);
 /// what happens further is added for as long as that says so. Throws BoardGone as Connection does.
 void readEvents(const std::string &board, Clock::time_point &from, std::vector<Event> &events,
                 const std::function<bool()> &goesOn = nullptr);
+
+/// What happened on a board up to now.
+struct Past {
+    explicit Past(const std::string &board); ///< throws BoardGone as Connection does
+    Clock::time_point start;                 ///< of the board
+    Clock::time_point from;                  ///< from when on its record is kept
+    std::vector<Event> events;
+};
 
 /// Names of the running boards, sorted.
 std::vector<std::string> runningBoards();

@@ -25,6 +25,12 @@ std::string escaped(const std::string &text, bool isWord)
 
 } // namespace
 
+Words concat(Words words, const Words &more)
+{
+    words.insert(words.end(), more.begin(), more.end());
+    return words;
+}
+
 std::string toWord(const std::string &text)
 {
     return text.empty() ? "\\-" : escaped(text, true);

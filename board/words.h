@@ -10,6 +10,9 @@ namespace kelo {
 
 using Words = std::vector<std::string>;
 
+/// Words, and more of them behind.
+Words concat(Words words, const Words &more);
+
 /// A text as one word, or as the rest of a line, which keeps its blanks.
 std::string toWord(const std::string &text);
 std::string toRest(const std::string &text);

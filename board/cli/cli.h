@@ -8,7 +8,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -41,13 +44,16 @@ struct Cli {
     bool json = false;           ///< for a program that reads the output
     int status = 0;              ///< the program's exit status
 
-    /// Adds a subcommand; `action` gives the exit status. Values that its options write to live in
-    /// the action: see addMode for the pattern.
+    /// Adds a subcommand. Values that its options write to live in the action: see addMode for the
+    /// pattern.
     CLI::App *add(const char *group, const std::string &name, const std::string &description,
-                  std::function<int()> action);
+                  std::function<void()> action);
     /// The same for a subcommand of a subcommand.
     CLI::App *addTo(CLI::App &parent, const std::string &name, const std::string &description,
-                    std::function<int()> action);
+                    std::function<void()> action);
+    /// The same for one that has the program that runs the board do something.
+    CLI::App *addRequest(const char *group, const std::string &name, const std::string &description,
+                         const Words &what);
     /// Gives a subcommand the option --json.
     void addJson(CLI::App &command);
 
@@ -55,7 +61,7 @@ struct Cli {
     std::map<const CLI::App *, std::function<std::vector<std::string>()>> words;
 
     /// The board of the command line. Throws BoardGone when it does not run.
-    Access running() const;
+    Access running() const { return openBoard(board); }
 };
 
 /// Gives a subcommand that starts boards the options --daemon and --sdk.
@@ -132,8 +138,22 @@ bool isUnasked(const Event &event);
 /// Such an end in a line, and the last log records before it in a line each.
 std::string unaskedText(const Event &exit, const std::vector<Event> &events);
 
-/// Says on standard error that a record is kept from a time after the board's start only.
-void sayRecordBegins(Clock::duration time);
+/// Says on standard error when a record is not kept from the board's start on.
+void sayRecordBegins(Clock::time_point start, Clock::time_point kept);
+
+/// What a function reads from a file. Throws Failure, with the file's name, when it cannot.
+template <class Saved>
+Saved readSaved(const std::string &path, Saved (*read)(std::istream &))
+{
+    std::ifstream file(path);
+    if (!file)
+        throw Failure("cannot read " + path + ": " + strerror(errno));
+    try {
+        return read(file);
+    } catch (const std::runtime_error &error) {
+        throw Failure(path + ": " + error.what());
+    }
+}
 
 /// Starts a board in a process and a session of its own, and returns once its daemon runs; without
 /// arguments for the daemon, it does not. A tied board ends with the descriptor that is returned.

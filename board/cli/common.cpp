@@ -12,7 +12,7 @@
 namespace kelo {
 
 CLI::App *Cli::add(const char *group, const std::string &name, const std::string &description,
-                   std::function<int()> action)
+                   std::function<void()> action)
 {
     CLI::App *const command = addTo(app, name, description, std::move(action));
     command->group(group);
@@ -20,10 +20,10 @@ CLI::App *Cli::add(const char *group, const std::string &name, const std::string
 }
 
 CLI::App *Cli::addTo(CLI::App &parent, const std::string &name, const std::string &description,
-                     std::function<int()> action)
+                     std::function<void()> action)
 {
     CLI::App *const command = parent.add_subcommand(name, description);
-    command->callback([this, action = std::move(action)] { status = action(); });
+    command->callback(std::move(action));
     return command;
 }
 
@@ -32,13 +32,10 @@ void Cli::addJson(CLI::App &command)
     command.add_flag("--json", json, "Print JSON");
 }
 
-Access Cli::running() const
+CLI::App *Cli::addRequest(const char *group, const std::string &name,
+                          const std::string &description, const Words &what)
 {
-    const std::optional<Access> access = findBoard(board);
-    if (!access)
-        throw BoardGone("no board named \"" + board + "\" is running (start one: kelo-board up " +
-                        board + ")");
-    return *access;
+    return add(group, name, description, [this, what] { request(board, what); });
 }
 
 bool News::is(const Event &event)
@@ -130,10 +127,11 @@ Clock::duration toDuration(const std::string &text)
         std::chrono::duration<double>(number * seconds));
 }
 
-void sayRecordBegins(Clock::duration time)
+void sayRecordBegins(Clock::time_point start, Clock::time_point kept)
 {
-    fprintf(stderr, "kelo-board: what happened before second %.3f is no longer kept\n",
-            std::chrono::duration<double>(time).count());
+    if (kept > start)
+        fprintf(stderr, "kelo-board: what happened before second %.3f is no longer kept\n",
+                std::chrono::duration<double>(kept - start).count());
 }
 
 bool isUnasked(const Event &event)
@@ -164,17 +162,11 @@ void letPass(const std::string &board, Clock::duration time, bool allowExit)
     auto state = stateOf(board);
     const Clock::time_point from = std::max(toTime(state["mark"]), toTime(state["accepted"]));
     std::vector<Event> events;
-    Connection connection(board, "watch " + toText(allowExit ? Clock::now() : from));
-    // At first what was is read, however little time is to pass.
-    for (bool isUpToDate = false;;) {
-        const auto line = connection.line(isUpToDate ? end : Clock::time_point::max());
-        if (!line)
-            return;
-        isUpToDate |= line == "now";
-        const std::optional<Event> event = allowExit ? std::nullopt : fromLine(*line);
-        if (event && event->kind == EventKind::Log)
+    RecordReader record(board, allowExit ? Clock::now() : from);
+    while (const auto event = record.next(end)) {
+        if (event->kind == EventKind::Log)
             events.push_back(*event);
-        if (event && isUnasked(*event) && event->time >= from)
+        if (!allowExit && isUnasked(*event) && event->time >= from)
             throw Failure(unaskedText(*event, events));
     }
 }

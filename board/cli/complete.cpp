@@ -72,7 +72,6 @@ void addCompletion(Cli &cli)
         cli.add("", "complete", "Print the words that may stand last", [&cli, words] {
             for (const std::string &word : candidates(cli, *words))
                 puts(word.c_str());
-            return 0;
         });
     command->add_option("WORD", *words, "What was typed so far");
 }

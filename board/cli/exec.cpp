@@ -45,8 +45,9 @@ void addExec(Cli &cli)
 {
     const auto command = std::make_shared<Command>();
     constexpr char farEnd[] = "At the far end of the board's links";
-    CLI::App *const exec = cli.add(hardwareGroup, "exec", "Run a command in the board's network",
-                                   [&cli, command] { return runInside(cli.running(), *command); });
+    CLI::App *const exec =
+        cli.add(hardwareGroup, "exec", "Run a command in the board's network",
+                [&cli, command] { cli.status = runInside(cli.running(), *command); });
     exec->add_option("COMMAND", command->words, "Command and its arguments")->required();
     exec->add_flag("--far", command->far, farEnd);
     exec->footer("For example: kelo-board exec ping -c 1 fe80::1%br0");
@@ -56,7 +57,7 @@ void addExec(Cli &cli)
             const Access board = cli.running();
             board.require(Ability::Network);
             command->words.insert(command->words.begin(), "ip");
-            return runInside(board, *command);
+            cli.status = runInside(board, *command);
         });
     ip->add_option("ARGUMENT", command->words, "What ip is given")->required();
     ip->add_flag("--far", command->far, farEnd);
@@ -69,8 +70,7 @@ void addDaemon(Cli &cli)
     const auto name = std::make_shared<std::string>();
     CLI::App *const signalCommand =
         cli.add(daemonGroup, "signal", "Send the daemon a signal", [&cli, name] {
-            request(cli.board, Words{"signal", signalName(signalNumber(*name))});
-            return 0;
+            request(cli.board, {"signal", signalName(signalNumber(*name))});
         });
     signalCommand->add_option("SIGNAL", *name, "Name or number: TERM, STOP, CONT, 9")->required();
     cli.words[signalCommand] = [] {
@@ -79,25 +79,17 @@ void addDaemon(Cli &cli)
 
     const auto options = std::make_shared<std::vector<std::string>>();
     const auto speed = std::make_shared<int>(1);
-    CLI::App *const start = cli.add(daemonGroup, "start", "Start the daemon; returns once it runs",
-                                    [&cli, options, speed] {
-                                        Words words{"start", std::to_string(*speed)};
-                                        words.insert(words.end(), options->begin(), options->end());
-                                        request(cli.board, words);
-                                        return 0;
-                                    });
+    CLI::App *const start = cli.add(
+        daemonGroup, "start", "Start the daemon; returns once it runs", [&cli, options, speed] {
+            request(cli.board, concat({"start", std::to_string(*speed)}, *options));
+        });
     start->add_option("OPTION", *options, "Options for the daemon, after --");
     start->add_option("--speed", *speed, "How many times faster than real its clock runs")
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();
-    cli.add(daemonGroup, "stop", "End the daemon and wait until it is gone", [&cli] {
-        request(cli.board, "stop");
-        return 0;
-    });
-    cli.add(daemonGroup, "restart", "End the daemon and start it again as it was started", [&cli] {
-        request(cli.board, "restart");
-        return 0;
-    });
+    cli.addRequest(daemonGroup, "stop", "End the daemon and wait until it is gone", {"stop"});
+    cli.addRequest(daemonGroup, "restart", "End the daemon and start it again as it was started",
+                   {"restart"});
 }
 
 } // namespace kelo

@@ -38,18 +38,12 @@ struct View {
     Clock::time_point exitsFrom; ///< from when on an end of the daemon has to be asked for
     bool isWhole;                ///< whether everything since the mark is there
 
-    const Event *last(EventKind kind) const
+    std::string last(EventKind kind) const
     {
-        for (auto event = events.rbegin(); event != events.rend(); ++event) {
-            if (event->kind == kind)
-                return &*event;
-        }
-        return nullptr;
-    }
-    std::string lastText(EventKind kind) const
-    {
-        const Event *const event = last(kind);
-        return event ? event->text : "";
+        const auto event =
+            std::find_if(events.rbegin(), events.rend(),
+                         [=](const Event &candidate) { return candidate.kind == kind; });
+        return event == events.rend() ? "" : event->text;
     }
     void needMark() const
     {
@@ -104,26 +98,27 @@ void checkPattern(const std::string &pattern)
         throw UsageError("no LED pattern: \"" + pattern + "\" (six digits 0 and 1)");
 }
 
-Condition ledsShow(const std::string &pattern)
+Condition ledsShow(Options &options)
 {
+    const std::string pattern = options.words[0];
     checkPattern(pattern);
     return {"leds " + pattern,
-            [=](const View &view) { return view.lastText(EventKind::Leds) == pattern; },
-            [](const View &view) { return "leds " + orNothing(view.lastText(EventKind::Leds)); }};
+            [=](const View &view) { return view.last(EventKind::Leds) == pattern; },
+            [](const View &view) { return "leds " + orNothing(view.last(EventKind::Leds)); }};
 }
 
-Condition modeIs(const std::string &name)
+Condition modeIs(Options &options)
 {
-    const std::string number = modeNumber(name);
-    return {"mode " + name,
-            [=](const View &view) { return view.lastText(EventKind::Mode) == number; },
-            [](const View &view) {
-                return "mode " + orNothing(modeName(view.lastText(EventKind::Mode)));
-            }};
+    const std::string number = modeNumber(options.words[0]);
+    return {
+        "mode " + options.words[0],
+        [=](const View &view) { return view.last(EventKind::Mode) == number; },
+        [](const View &view) { return "mode " + orNothing(modeName(view.last(EventKind::Mode))); }};
 }
 
-Condition logHas(const std::string &text)
+Condition logHas(Options &options)
 {
+    const std::string text = options.words[0];
     return {"log \"" + text + "\"",
             [=](const View &view) {
                 return joined(view.marked(EventKind::Log), "").find(text) != std::string::npos;
@@ -134,8 +129,10 @@ Condition logHas(const std::string &text)
             }};
 }
 
-Condition storeHas(const std::string &attribute, const std::string &value)
+Condition storeHas(Options &options)
 {
+    const std::string attribute = options.words[0];
+    const std::string value = options.words[1];
     checkName("attribute", attribute, device::storeAttributes);
     const auto stored = [=](const View &view) {
         return view.board.stored(device::statusNode, attribute);
@@ -148,11 +145,11 @@ Condition storeHas(const std::string &attribute, const std::string &value)
             }};
 }
 
-Condition omciRuns(const std::string &text)
+Condition omciRuns(Options &options)
 {
-    const unsigned long long count = toNumber(text);
+    const unsigned long long count = toNumber(options.words[0]);
     const auto runs = [](const View &view) { return view.marked(EventKind::Omci).size(); };
-    return {"omci " + text, [=](const View &view) { return runs(view) == count; },
+    return {"omci " + options.words[0], [=](const View &view) { return runs(view) == count; },
             [=](const View &view) { return "omci run " + std::to_string(runs(view)) + " times"; }};
 }
 
@@ -173,8 +170,10 @@ std::optional<std::string> snapshotField(const std::string &snapshot, const std:
     return std::nullopt;
 }
 
-Condition snapshotShows(const std::string &name, const std::string &value)
+Condition snapshotShows(Options &options)
 {
+    const std::string name = options.words[0];
+    const std::string value = options.words[1];
     const size_t dot = name.find('.');
     const std::string port = name.substr(0, dot);
     const std::string field = dot == std::string::npos ? "" : name.substr(dot + 1);
@@ -205,17 +204,17 @@ Condition snapshotShows(const std::string &name, const std::string &value)
             }};
 }
 
-Condition calls(const std::string &function)
+Condition calls(Options &options)
 {
+    const std::string function = options.words[0];
     const std::string name = function.starts_with("syscfg_") ? function : "syscfg_" + function;
     checkName("call", name.substr(7, name.find(' ') - 7), functions);
     return {"calls " + function,
             [=](const View &view) {
-                for (const std::string &call : view.marked(EventKind::Call)) {
-                    if (call == name || call.starts_with(name + " "))
-                        return true;
-                }
-                return false;
+                const std::vector<std::string> made = view.marked(EventKind::Call);
+                return std::any_of(made.begin(), made.end(), [&](const std::string &call) {
+                    return (call + " ").starts_with(name + " ");
+                });
             },
             [](const View &view) {
                 return "calls " + orNothing(joined(view.marked(EventKind::Call), ", "));
@@ -237,9 +236,11 @@ int exitStatus(const std::string &text)
     return atoi(which.c_str());
 }
 
-Condition exits(const std::string &status)
+Condition exits(Options &options)
 {
+    const std::string status = options.words[0];
     toNumber(status);
+    options.allowExit = true;
     const auto last = [](const View &view) {
         const auto exitTexts = view.marked(EventKind::Exit);
         return exitTexts.empty() ? "" : std::to_string(exitStatus(exitTexts.back()));
@@ -303,7 +304,7 @@ std::string cycleOf(const std::vector<Event> &frames)
     return "";
 }
 
-Condition blinks(const Options &options)
+Condition blinks(Options &options)
 {
     const Beat beat = toBeat(options.words[0], options.more);
     struct Watching {
@@ -315,7 +316,7 @@ Condition blinks(const Options &options)
     return {joined({"blink", options.words[0], joined(options.more)}),
             [=](const View &view) {
                 if (!watching->watch) {
-                    watching->watch.emplace(beat, Clock::now(), view.lastText(EventKind::Leds));
+                    watching->watch.emplace(beat, Clock::now(), view.last(EventKind::Leds));
                     watching->seen = view.events.size();
                 }
                 for (; watching->seen < view.events.size(); watching->seen++) {
@@ -378,7 +379,7 @@ std::vector<Step> toSteps(const std::vector<std::string> &words)
 }
 
 /// Of the events since the mark that any of the steps is about, the first are these, one by one.
-Condition happensInOrder(const Options &options)
+Condition happensInOrder(Options &options)
 {
     const std::vector<Step> steps = toSteps(options.more);
     const auto involved = [steps](const View &view) {
@@ -421,14 +422,20 @@ Condition happensInOrder(const Options &options)
 
 /// Waits until the condition holds, for as long as it has to; gives whether it did. Throws Failure
 /// when the daemon ends unasked.
-bool await(Connection &connection, const Condition &condition, bool negate, Clock::time_point limit,
+bool await(RecordReader &record, const Condition &condition, bool negate, Clock::time_point limit,
            Clock::duration length, View &view)
 {
-    bool upToDate = false;
     bool held = false;
     Clock::time_point since;
     for (;;) {
-        if (upToDate) {
+        // The store changes without telling, so look again now and then.
+        const auto patience = std::chrono::milliseconds(record.isUpToDate() ? 50 : 0);
+        if (const auto event = record.next(Clock::now() + patience)) {
+            view.events.push_back(*event);
+            if (isUnasked(*event) && event->time >= view.exitsFrom)
+                throw Failure(unaskedText(*event, view.events));
+        }
+        if (record.isUpToDate()) {
             const Clock::time_point now = Clock::now();
             const bool heldBefore = std::exchange(held, condition.holds(view) != negate);
             if (held && !heldBefore)
@@ -438,16 +445,6 @@ bool await(Connection &connection, const Condition &condition, bool negate, Cloc
             if (!held && now >= limit)
                 return false;
         }
-        // The store changes without telling, so look again now and then.
-        const auto line = connection.line(upToDate ? Clock::now() + std::chrono::milliseconds(50)
-                                                   : Clock::time_point::max());
-        if (line == "now")
-            upToDate = true;
-        else if (line)
-            view.events.push_back(fromLine(*line).value());
-        if (line && line != "now" && isUnasked(view.events.back()) &&
-            view.events.back().time >= view.exitsFrom)
-            throw Failure(unaskedText(view.events.back(), view.events));
     }
 }
 
@@ -466,11 +463,10 @@ int expect(const Cli &cli, const Options &options, const Condition &condition)
                                 : std::max(mark, toTime(state["accepted"])),
               toTime(state["since"]) <= mark};
 
-    Connection connection(cli.board, "watch " + toText(std::min(view.mark, begin - shownBefore)));
-    if (await(connection, condition, options.negate, begin + within + condition.takes, length,
-              view)) {
+    RecordReader record(cli.board, std::min(view.mark, begin - shownBefore));
+    if (await(record, condition, options.negate, begin + within + condition.takes, length, view)) {
         if (options.allowExit)
-            request(cli.board, "accept");
+            request(cli.board, {"accept"});
         return 0;
     }
 
@@ -488,7 +484,7 @@ struct Kind {
     const char *name;
     const char *description;
     std::vector<std::pair<const char *, const char *>> arguments; ///< names and descriptions
-    std::function<Condition(Options &)> make;
+    Condition (*make)(Options &);
     std::pair<const char *, const char *> more{}; ///< any number of words behind those
     const char *footer = "";
 };
@@ -499,11 +495,11 @@ const std::vector<Kind> &kinds()
         {"leds",
          "The six LEDs show a pattern",
          {{"FLAGS", "GPIO 6, 7, 8, 2, 3, 4, 1 is lit: 000111"}},
-         [](const Options &options) { return ledsShow(options.words[0]); }},
+         ledsShow},
         {"blink",
          "The LEDs go through patterns in a steady beat",
          {{"FLAGS/FLAGS...", "The patterns of one cycle: 010101/110000"}},
-         [](const Options &options) { return blinks(options); },
+         blinks,
          {"BEAT", "What is known of the beat, see below"},
          "BEAT is any of:\n"
          "  period TIME        of the whole cycle (1s)\n"
@@ -512,40 +508,37 @@ const std::vector<Kind> &kinds()
         {"mode",
          "The display is in a mode",
          {{"KEYWORD", "locateme and so on, or its number"}},
-         [](const Options &options) { return modeIs(options.words[0]); }},
+         modeIs},
         {"log",
          "The daemon's log has a text, since the mark",
          {{"TEXT", "Part of a record"}},
-         [](const Options &options) { return logHas(options.words[0]); }},
+         logHas},
         {"store",
          "The configuration store holds a value",
          {{"ATTRIBUTE", "Such as wanAddress, lanAddressLen, wanGateway"},
           {"VALUE", "Its value; '' for an empty one"}},
-         [](const Options &options) { return storeHas(options.words[0], options.words[1]); }},
+         storeHas},
         {"omci",
          "The omci command ran a number of times, since the mark",
          {{"COUNT", "How often, exactly"}},
-         [](const Options &options) { return omciRuns(options.words[0]); }},
+         omciRuns},
         {"snapshot",
          "A port counter snapshot shows a number, since the mark",
          {{"PORT.FIELD", "Field in, out, counterIn or counterOut: lan1.in"},
           {"VALUE", "The number; none for a port that is left out"}},
-         [](const Options &options) { return snapshotShows(options.words[0], options.words[1]); }},
+         snapshotShows},
         {"calls",
          "The daemon made a call, since the mark",
          {{"FUNCTION", "reboot or restoreDefaultBg"}},
-         [](const Options &options) { return calls(options.words[0]); }},
+         calls},
         {"exit",
          "The daemon ended, since the mark",
          {{"STATUS", "Its exit status; 128 and the number for a signal"}},
-         [](Options &options) {
-             options.allowExit = true;
-             return exits(options.words[0]);
-         }},
+         exits},
         {"order",
          "Events happened in this order, since the mark",
          {},
-         [](const Options &options) { return happensInOrder(options); },
+         happensInOrder,
          {"EVENT", "A kind, and if need be words of its text: store wanAddress"},
          "Of all events that any EVENT is about, those since the mark begin with these, in\n"
          "this order; what else happens does not matter. Kinds and texts are those that\n"
@@ -576,11 +569,10 @@ void addExpect(Cli &cli)
     command->footer("TIME is 3, 1.5s, 250ms or 2m. The mark is the daemon's start, or later where\n"
                     "kelo-board mark put it.");
     for (const Kind &kind : kinds()) {
-        const auto make = kind.make;
         CLI::App *const condition =
-            cli.addTo(*command, kind.name, kind.description, [&cli, options, make] {
-                const Condition wanted = make(*options);
-                return expect(cli, *options, wanted);
+            cli.addTo(*command, kind.name, kind.description, [&cli, options, make = kind.make] {
+                const Condition wanted = make(*options); // it may allow an end of the daemon
+                cli.status = expect(cli, *options, wanted);
             });
         for (size_t i = 0; i < kind.arguments.size(); i++)
             condition
@@ -599,16 +591,12 @@ void addExpect(Cli &cli)
                 [&cli, options] {
                     letPass(cli.board, toDuration(options->length), options->allowExit);
                     if (options->allowExit)
-                        request(cli.board, "accept");
-                    return 0;
+                        request(cli.board, {"accept"});
                 });
     wait->add_option("TIME", options->length, "How long: 3, 1.5s, 250ms, 2m")->required();
     wait->add_flag("--allow-exit", options->allowExit, allowExitHelp);
 
-    cli.add(testGroup, "mark", "Let expect look at nothing older than this", [&cli] {
-        request(cli.board, "mark");
-        return 0;
-    });
+    cli.addRequest(testGroup, "mark", "Let expect look at nothing older than this", {"mark"});
 }
 
 } // namespace kelo

@@ -16,22 +16,21 @@ struct FaultOptions {
     int changes = 500;
 };
 
-int list(const Cli &cli)
+void list(const Cli &cli)
 {
-    const Access board = cli.running();
+    const std::set<std::string> present = faultsOf(cli.running());
     nlohmann::ordered_json object;
-    for (const Fault &fault : faults()) {
-        const bool on = hasFault(board, fault);
+    for (const Fault &fault : faults) {
+        const bool on = present.contains(fault.name);
         object[fault.name] = on;
         if (!cli.json)
             printf("%-15s  %-3s  %s\n", fault.name, on ? "on" : "off", fault.description);
     }
     if (cli.json)
         puts(object.dump().c_str());
-    return 0;
 }
 
-int turn(const Cli &cli, const FaultOptions &options)
+void turn(const Cli &cli, const FaultOptions &options)
 {
     if (options.name.empty())
         return list(cli);
@@ -41,7 +40,6 @@ int turn(const Cli &cli, const FaultOptions &options)
     if (options.state != "on" && options.state != "off")
         throw UsageError("a fault is on or off, not \"" + options.state + "\"");
     setFault(cli.running(), *fault, options.state == "on");
-    return 0;
 }
 
 } // namespace
@@ -51,28 +49,26 @@ void addFault(Cli &cli)
     const auto options = std::make_shared<FaultOptions>();
     CLI::App *const command =
         cli.add(hardwareGroup, "fault", "Break something on the board, or mend it",
-                [&cli, options] { return turn(cli, *options); });
+                [&cli, options] { turn(cli, *options); });
     command->add_option("FAULT", options->name, "Which; without, all are listed");
     command->add_option("STATE", options->state, "on or off")->capture_default_str();
     cli.addJson(*command);
     std::string footer = "Faults:";
-    for (const Fault &fault : faults())
+    for (const Fault &fault : faults)
         footer += std::string("\n  ") + fault.name + std::string(17 - strlen(fault.name), ' ') +
                   fault.description;
     footer += "\nSee also: set port PORT none, signal STOP, burst, start --speed";
     command->footer(footer);
     cli.words[command] = [] {
         std::vector<std::string> words{"on", "off"};
-        for (const Fault &fault : faults())
+        for (const Fault &fault : faults)
             words.push_back(fault.name);
         return words;
     };
 
     CLI::App *const burst =
-        cli.add(hardwareGroup, "burst", "Overrun the daemon's netlink socket", [&cli, options] {
-            overrunNetlink(cli.running(), options->changes);
-            return 0;
-        });
+        cli.add(hardwareGroup, "burst", "Overrun the daemon's netlink socket",
+                [&cli, options] { overrunNetlink(cli.running(), options->changes); });
     burst->add_option("COUNT", options->changes, "How many addresses come and go")
         ->check(CLI::Range(1, 60000))
         ->capture_default_str();

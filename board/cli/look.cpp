@@ -25,26 +25,23 @@ bool readerIsGone()
 }
 
 /// Prints the record of a board, of one kind or of all, and goes on as it grows if asked to.
-int printRecord(const Cli &cli, bool follow, std::optional<EventKind> kind)
+void printRecord(const Cli &cli, bool follow, std::optional<EventKind> kind)
 {
     auto state = stateOf(cli.board);
     const Clock::time_point start = toTime(state["start"]);
-    const Clock::time_point since = toTime(state["since"]);
-    if (since > start)
-        sayRecordBegins(since - start);
+    sayRecordBegins(start, toTime(state["since"]));
     EventPrinter printer(start, cli.json);
-    Connection connection(cli.board, "watch " + toText(start));
+    RecordReader record(cli.board, start);
+    const auto patience = std::chrono::milliseconds(follow ? 200 : 0);
     try {
-        for (;;) {
-            const auto line = connection.line(Clock::now() + std::chrono::milliseconds(200));
-            if ((line == "now" && !follow) || readerIsGone())
-                return 0;
-            const std::optional<Event> event = line ? fromLine(*line) : std::nullopt;
+        while (!readerIsGone()) {
+            const auto event = record.next(Clock::now() + patience);
+            if (!event && !follow)
+                break;
             if (event && (!kind || event->kind == *kind))
                 printer.print(*event);
         }
     } catch (const BoardEnded &) {
-        return 0;
     }
 }
 
@@ -53,22 +50,29 @@ void printJson(const nlohmann::ordered_json &value)
     puts(value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
 }
 
-int leds(const Cli &cli)
+/// Prints texts by their names, in columns or as JSON.
+void print(const nlohmann::ordered_json &texts, bool json, int width)
+{
+    if (json)
+        return printJson(texts);
+    for (const auto &[name, text] : texts.items())
+        printf("%-*s  %s\n", width, name.c_str(), text.get<std::string>().c_str());
+}
+
+void leds(const Cli &cli)
 {
     const std::string flags = stateOf(cli.board)["leds"];
     if (!cli.json) {
         puts(flags.c_str());
-        return 0;
+        return;
     }
-    constexpr const char *gpios[] = {"6", "7", "8", "2", "3", "4"};
     nlohmann::ordered_json lit;
-    for (size_t i = 0; i < std::min(flags.size(), std::size(gpios)); i++)
-        lit[gpios[i]] = flags[i] == '1';
+    for (size_t led = 0; led < std::min(flags.size(), std::size(device::ledGpios)); led++)
+        lit[std::to_string(device::ledGpios[led])] = flags[led] == '1';
     printJson({{"leds", flags}, {"gpio", lit}});
-    return 0;
 }
 
-int store(const Cli &cli, const std::string &attribute)
+void store(const Cli &cli, const std::string &attribute)
 {
     const Access board = cli.running();
     if (!attribute.empty()) {
@@ -79,7 +83,7 @@ int store(const Cli &cli, const std::string &attribute)
             printJson(*value);
         else
             puts(value->c_str());
-        return 0;
+        return;
     }
     nlohmann::json node = nlohmann::json::object();
     for (const std::string &name :
@@ -87,17 +91,11 @@ int store(const Cli &cli, const std::string &attribute)
         if (!name.starts_with("."))
             node[name] = board.stored(device::statusNode, name).value_or("");
     }
-    if (cli.json) {
-        printJson(node);
-        return 0;
-    }
-    for (const auto &[name, value] : node.items())
-        printf("%-14s  %s\n", name.c_str(), value.get<std::string>().c_str());
-    return 0;
+    print(node, cli.json, 14);
 }
 
 /// Prints the port counter snapshot: the file itself, or an object for every port.
-int snapshot(const Cli &cli)
+void snapshot(const Cli &cli)
 {
     const auto file = cli.running().read(device::snapshotPath);
     if (!file)
@@ -105,7 +103,7 @@ int snapshot(const Cli &cli)
     const std::string &text = *file;
     if (!cli.json) {
         fputs(text.c_str(), stdout);
-        return 0;
+        return;
     }
     nlohmann::ordered_json ports = nlohmann::json::array();
     std::istringstream lines(text);
@@ -123,7 +121,6 @@ int snapshot(const Cli &cli)
         ports.push_back(port);
     }
     printJson(ports);
-    return 0;
 }
 
 /// A reading as a number, as text where it is none, or null where there is no reading.
@@ -133,7 +130,7 @@ nlohmann::json reading(const std::string &text)
     return text.empty() ? nlohmann::json() : number.is_number() ? number : nlohmann::json(text);
 }
 
-int status(const Cli &cli)
+void status(const Cli &cli)
 {
     auto state = stateOf(cli.board);
     nlohmann::ordered_json object{{"name", cli.board},
@@ -144,13 +141,7 @@ int status(const Cli &cli)
         object[key] = cli.json ? reading(state[key]) : nlohmann::json(state[key]);
     if (!state["exit"].empty() && object["daemon"] == "ended")
         object["exit"] = state["exit"];
-    if (cli.json) {
-        printJson(object);
-        return 0;
-    }
-    for (const auto &[key, value] : object.items())
-        printf("%-8s  %s\n", key.c_str(), value.get<std::string>().c_str());
-    return 0;
+    print(object, cli.json, 8);
 }
 
 } // namespace
@@ -159,14 +150,14 @@ void addLook(Cli &cli)
 {
     const auto options = std::make_shared<LookOptions>();
 
-    CLI::App *const statusCommand = cli.add(lookGroup, "status", "Print what the board is doing",
-                                            [&cli] { return status(cli); });
+    CLI::App *const statusCommand =
+        cli.add(lookGroup, "status", "Print what the board is doing", [&cli] { status(cli); });
     CLI::App *const ledsCommand =
         cli.add(lookGroup, "leds", "Print the LEDs: GPIO 6, 7, 8, 2, 3, 4; 1 is lit",
-                [&cli] { return leds(cli); });
+                [&cli] { leds(cli); });
     CLI::App *const storeCommand =
         cli.add(lookGroup, "store", "Print the IPv6 status in the configuration store",
-                [&cli, options] { return store(cli, options->attribute); });
+                [&cli, options] { store(cli, options->attribute); });
     storeCommand->add_option("ATTRIBUTE", options->attribute,
                              "Only this one, for example wanAddress");
     cli.words[storeCommand] = [] {
@@ -174,13 +165,13 @@ void addLook(Cli &cli)
                                         std::end(device::storeAttributes));
     };
     CLI::App *const snapshotCommand = cli.add(
-        lookGroup, "snapshot", "Print the port counter snapshot", [&cli] { return snapshot(cli); });
+        lookGroup, "snapshot", "Print the port counter snapshot", [&cli] { snapshot(cli); });
     CLI::App *const logCommand =
         cli.add(lookGroup, "log", "Print the daemon's log",
-                [&cli, options] { return printRecord(cli, options->follow, EventKind::Log); });
+                [&cli, options] { printRecord(cli, options->follow, EventKind::Log); });
     CLI::App *const eventsCommand =
         cli.add(lookGroup, "events", "Print everything that happened on the board",
-                [&cli, options] { return printRecord(cli, options->follow, std::nullopt); });
+                [&cli, options] { printRecord(cli, options->follow, std::nullopt); });
     const auto file = std::make_shared<std::string>("/");
     cli.add(lookGroup, "path", "Print where a board's file is for this machine",
             [&cli, file] {
@@ -188,7 +179,6 @@ void addLook(Cli &cli)
                 if (!std::filesystem::exists(std::filesystem::symlink_status(path)))
                     throw Failure("the board has no " + *file);
                 puts(path.c_str());
-                return 0;
             })
         ->add_option("FILE", *file, "The file as the daemon names it")
         ->capture_default_str();

@@ -7,20 +7,19 @@ namespace kelo {
 
 namespace {
 
-int panelOf(const std::string &board, const std::vector<std::string> &daemonArguments)
+void panelOf(const std::string &board, const std::vector<std::string> &daemonArguments)
 {
-    if (!findBoard(board)) {
+    if (!isRunning(board)) {
         // Apart, so that stopping the panel leaves the board running; it ends with the panel.
         const Descriptor life = startApart(board, std::nullopt, Host::KEPT_MEGABYTES, true);
         panel::run(board, daemonArguments);
-        if (findBoard(board))
+        if (isRunning(board))
             endBoard(board);
     } else if (daemonArguments.empty()) {
         panel::run(board, std::nullopt);
     } else {
         throw Failure("the board \"" + board + "\" runs already: --daemon-option is for a new one");
     }
-    return 0;
 }
 
 } // namespace
@@ -29,7 +28,7 @@ void addPanel(Cli &cli)
 {
     const auto arguments = std::make_shared<std::vector<std::string>>();
     CLI::App *const command = cli.add(runningGroup, "panel", "Show a front panel; ? lists its keys",
-                                      [&cli, arguments] { return panelOf(cli.board, *arguments); });
+                                      [&cli, arguments] { panelOf(cli.board, *arguments); });
     command->add_option("NAME", cli.board, "Name of the board; a new one if it does not run")
         ->capture_default_str();
     command

@@ -37,7 +37,7 @@ void checkPrefix(const std::string &text)
         throw UsageError("no prefix: \"" + text + "\" (such as 2001:db8:1::/64)");
 }
 
-int start(const Cli &cli, const Options &options)
+void start(const Cli &cli, const Options &options)
 {
     Provider provider = options.provider;
     std::for_each(provider.prefixes.begin(), provider.prefixes.end(), checkPrefix);
@@ -49,7 +49,6 @@ int start(const Cli &cli, const Options &options)
     if (provider.router > 9000)
         throw UsageError("a router's lifetime is at most 9000 seconds");
     startProvider(cli.running(), provider);
-    return 0;
 }
 
 } // namespace
@@ -73,11 +72,10 @@ void addProvider(Cli &cli)
     }
     const auto tell = [&cli, &chosen = chosen, options](const Words &words) {
         fputs(tellProvider(cli.running(), chosen.link, words).c_str(), stdout);
-        return 0;
     };
 
     CLI::App *const begin = cli.addTo(*provider, "start", "Start it, anew if it runs",
-                                      [&cli, options] { return start(cli, *options); });
+                                      [&cli, options] { start(cli, *options); });
     begin->add_option("PREFIX", chosen.prefixes, "What it advertises")->capture_default_str();
     begin->add_option("--preferred", options->preferred, "How long addresses stay preferred")
         ->type_name("TIME")
@@ -92,29 +90,27 @@ void addProvider(Cli &cli)
     cli.addTo(*provider, "renumber", "Advertise another prefix; the old one is deprecated",
               [&chosen, tell] {
                   std::for_each(chosen.prefixes.begin(), chosen.prefixes.end(), checkPrefix);
-                  Words words{"renumber"};
-                  words.insert(words.end(), chosen.prefixes.begin(), chosen.prefixes.end());
-                  return tell(words);
+                  tell(concat({"renumber"}, chosen.prefixes));
               })
         ->add_option("PREFIX", chosen.prefixes, "The new one")
         ->required();
     cli.addTo(*provider, "stop", "End it with a goodbye: what it advertised is withdrawn",
-              [tell] { return tell({"stop"}); });
-    cli.addTo(*provider, "silence", "End it without a word", [tell] { return tell({"silence"}); });
+              [tell] { tell({"stop"}); });
+    cli.addTo(*provider, "silence", "End it without a word", [tell] { tell({"silence"}); });
     cli.addTo(*provider, "vanish", "End it without a word and delete the link",
-              [tell] { return tell({"vanish"}); });
+              [tell] { tell({"vanish"}); });
     cli.addTo(*provider, "flap", "Let the link be down for a time",
               [tell, options] {
-                  return tell({"flap", std::to_string(seconds(options->down))});
+                  tell({"flap", std::to_string(seconds(options->down))});
               })
         ->add_option("TIME", options->down, "How long")
         ->capture_default_str();
     cli.addTo(*provider, "log", "Print what the servers and the client said",
-              [tell] { return tell({"log"}); });
+              [tell] { tell({"log"}); });
 
     cli.addTo(*client, "start", "Ask for addresses by DHCPv6 and DHCPv4",
-              [tell] { return tell({"ask"}); });
-    cli.addTo(*client, "stop", "Give them back and end", [tell] { return tell({"release"}); });
+              [tell] { tell({"ask"}); });
+    cli.addTo(*client, "stop", "Give them back and end", [tell] { tell({"release"}); });
 }
 
 } // namespace kelo

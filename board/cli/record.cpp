@@ -25,28 +25,19 @@ struct PlotOptions {
     double to = -1;
 };
 
-Clock::time_point startOf(const std::string &board)
-{
-    return toTime(stateOf(board)["start"]);
-}
-
 /// What happened on a running board from its start until now.
 Recording recordingOf(const std::string &board)
 {
-    const Clock::time_point start = startOf(board);
-    Clock::time_point from = start;
-    std::vector<Event> events;
-    readEvents(board, from, events);
-    if (from > start)
-        sayRecordBegins(from - start);
-    return makeRecording(events, Clock::now());
+    const Past past(board);
+    sayRecordBegins(past.start, past.from);
+    return makeRecording(past.events, Clock::now());
 }
 
 volatile sig_atomic_t interrupted;
 
-int record(const std::string &board, const RecordOptions &options)
+void record(const std::string &board, const RecordOptions &options)
 {
-    Clock::time_point from = startOf(board);
+    openBoard(board); // a file is made for a running board only
     const Clock::duration length =
         options.length.empty() ? Clock::duration::zero() : toDuration(options.length);
     // The file before the wait: it would be a pity to find out after an hour.
@@ -59,13 +50,13 @@ int record(const std::string &board, const RecordOptions &options)
     std::ostream &out = options.file == "-" ? std::cout : file;
     std::exception_ptr failure;
     if (options.length.empty()) {
-        writeVcd(recordingOf(board), out);
+        out << toVcd(recordingOf(board));
     } else {
         // Cut off, the recording has what there was.
         for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
             signal(number, [](int) { interrupted = 1; });
         std::vector<Event> events;
-        from = Clock::now();
+        Clock::time_point from = Clock::now();
         const Clock::time_point end = from + length;
         try {
             readEvents(board, from, events, [&] { return !interrupted && Clock::now() < end; });
@@ -73,28 +64,15 @@ int record(const std::string &board, const RecordOptions &options)
         } catch (...) {
             failure = std::current_exception();
         }
-        writeVcd(makeRecording(events, Clock::now()), out);
+        out << toVcd(makeRecording(events, Clock::now()));
     }
     if (!out.flush())
         throw Failure("cannot write " + options.file + ": " + strerror(errno));
     if (failure)
         std::rethrow_exception(failure);
-    return 0;
 }
 
-Recording readRecording(const std::string &path)
-{
-    std::ifstream file(path);
-    if (!file)
-        throw Failure("cannot read " + path + ": " + strerror(errno));
-    try {
-        return readVcd(file);
-    } catch (const std::runtime_error &error) {
-        throw Failure(path + ": " + error.what());
-    }
-}
-
-int drawPlot(const std::string &board, const PlotOptions &options)
+void drawPlot(const std::string &board, const PlotOptions &options)
 {
     if (!options.output.ends_with(".svg") && !options.output.ends_with(".png"))
         throw UsageError("a picture's name ends in .svg or .png, not so \"" + options.output +
@@ -102,7 +80,7 @@ int drawPlot(const std::string &board, const PlotOptions &options)
     if (!(options.from >= 0) || (options.to >= 0 && options.to <= options.from))
         throw UsageError("a picture goes from 0 or later to later than that");
     const Recording recording =
-        options.file.empty() ? recordingOf(board) : readRecording(options.file);
+        options.file.empty() ? recordingOf(board) : readSaved(options.file, readVcd);
     const auto ticks = [&](double seconds) {
         const double tick = seconds * static_cast<double>(RecordingTick::period::den);
         return tick < static_cast<double>(recording.length) ? static_cast<int64_t>(tick)
@@ -113,7 +91,6 @@ int drawPlot(const std::string &board, const PlotOptions &options)
         throw Failure("the recording ends before that");
     savePicture(plot(recording, from, options.to < 0 ? recording.length : ticks(options.to)),
                 options.output);
-    return 0;
 }
 
 } // namespace
@@ -122,7 +99,7 @@ void addRecord(Cli &cli)
 {
     const auto options = std::make_shared<RecordOptions>();
     CLI::App *const command = cli.add(lookGroup, "record", "Save what happened on a board as VCD",
-                                      [&cli, options] { return record(cli.board, *options); });
+                                      [&cli, options] { record(cli.board, *options); });
     command
         ->add_option("FILE", options->file,
                      "File to write, such as board.vcd; - for standard output")
@@ -138,7 +115,7 @@ void addPlot(Cli &cli)
     const auto options = std::make_shared<PlotOptions>();
     CLI::App *const command =
         cli.add(lookGroup, "plot", "Draw a recording, or what happened on the board so far",
-                [&cli, options] { return drawPlot(cli.board, *options); });
+                [&cli, options] { drawPlot(cli.board, *options); });
     command->add_option("FILE", options->file, "Recording to draw; without it the running board");
     command->add_option("-o,--output", options->output, "Picture to write: .svg or .png")
         ->required();

@@ -191,19 +191,18 @@ void keepRecord(const RunOptions &options, const Host &host, const Outcome &outc
         return;
     const Record record = recordOf(host, outcome);
     if (!options.reports.empty())
-        savePage(record, options.reports + "/" + outcome.name + ".html");
+        writeFile(options.reports + "/" + outcome.name + ".html", makePage(record));
     if (!failed)
         return;
     const std::string path = options.artifacts + "/" + outcome.name;
-    savePage(record, path + ".html");
-    std::ofstream vcd(path + ".vcd");
-    writeVcd(makeRecording(record.events, record.end), vcd);
+    writeFile(path + ".html", makePage(record));
+    writeFile(path + ".vcd", toVcd(makeRecording(record.events, record.end)));
     FILE *const log = fopen((path + ".log").c_str(), "w");
     EventPrinter printer(record.start, false, log ? log : stderr);
     for (const Event &event : record.events)
         printer.print(event);
-    if (!vcd.flush() || !log || fclose(log) != 0)
-        throw Failure("cannot write " + path + ".vcd and .log");
+    if (!log || fclose(log) != 0)
+        throw Failure("cannot write " + path + ".log");
 }
 
 Outcome runScenario(const Scenario &scenario, const std::string &board, const RunOptions &options)
@@ -358,7 +357,7 @@ void addRun(Cli &cli)
     const auto options = std::make_shared<RunOptions>();
     CLI::App *const command =
         cli.add(testGroup, "run", "Run scenarios, each on a fresh board, side by side",
-                [options] { return runAll(*options); });
+                [&cli, options] { cli.status = runAll(*options); });
     command->add_option("FILE", options->files, "Shell scripts of kelo-board commands")
         ->required()
         ->check(CLI::ExistingFile);

@@ -30,7 +30,7 @@ std::string powerText(const std::string &text)
     return text;
 }
 
-int setPort(const Cli &cli, const std::string &name, const std::string &in, const std::string &out)
+void setPort(const Cli &cli, const std::string &name, const std::string &in, const std::string &out)
 {
     const int port = portNumber(name);
     if (in == "none") {
@@ -40,20 +40,18 @@ int setPort(const Cli &cli, const std::string &name, const std::string &in, cons
         const unsigned long long outCount = toNumber(out);
         cli.running().setPort(port, inCount, outCount);
     }
-    return 0;
 }
 
-int press(const std::string &board, const std::string &time)
+void press(const std::string &board, const std::string &time)
 {
     const Clock::duration duration = toDuration(time);
-    request(board, "hold");
+    request(board, {"hold"});
     // Let go well before the value grows once more, which it does every second.
     letPass(board,
             std::min<Clock::duration>(duration, std::chrono::ceil<std::chrono::seconds>(duration) -
                                                     std::chrono::milliseconds(300)),
             true);
-    request(board, "release");
-    return 0;
+    request(board, {"release"});
 }
 
 void send(const Access &board, const std::string &text)
@@ -89,29 +87,22 @@ void addSet(Cli &cli)
               [&cli, values] {
                   const std::string power = powerText(values->text);
                   cli.running().setLaser(power);
-                  return 0;
               })
         ->add_option("DBM", values->text, "dBm, such as -18.5; nan, or none for no reading")
         ->required();
 
     cli.addTo(*set, "gpon", "GPON ONU state",
-              [&cli, values] {
-                  cli.running().setGpon(values->number);
-                  return 0;
-              })
+              [&cli, values] { cli.running().setGpon(values->number); })
         ->add_option("STATE", values->number, "5 is link up, anything else is down")
         ->required();
 
     cli.addTo(*set, "button", "Reset button, to the very value",
-              [&cli, values] {
-                  cli.running().setButton(values->number);
-                  return 0;
-              })
+              [&cli, values] { cli.running().setButton(values->number); })
         ->add_option("VALUE", values->number, "0 is released, from 5 on a long hold")
         ->required();
 
     CLI::App *const port = cli.addTo(*set, "port", "Byte counters of a port", [&cli, values] {
-        return setPort(cli, values->text, values->in, values->out);
+        setPort(cli, values->text, values->in, values->out);
     });
     port->add_option("PORT", values->text, "lan1 to lan4, wan, wifi2, wifi5, or 1 to 7")
         ->required();
@@ -132,20 +123,14 @@ void addButton(Cli &cli)
     const auto time = std::make_shared<std::string>("2s");
     CLI::App *const pressCommand =
         cli.add(hardwareGroup, "press", "Press the reset button and let go of it",
-                [&cli, time] { return press(cli.board, *time); });
+                [&cli, time] { press(cli.board, *time); });
     pressCommand->add_option("TIME", *time, "How long; the daemon looks once a second")
         ->capture_default_str();
     pressCommand->footer(effect);
-    cli.add(hardwareGroup, "hold", "Hold the reset button down; its value grows every second",
-            [&cli] {
-                request(cli.board, "hold");
-                return 0;
-            })
+    cli.addRequest(hardwareGroup, "hold",
+                   "Hold the reset button down; its value grows every second", {"hold"})
         ->footer(effect);
-    cli.add(hardwareGroup, "release", "Let go of the reset button", [&cli] {
-        request(cli.board, "release");
-        return 0;
-    });
+    cli.addRequest(hardwareGroup, "release", "Let go of the reset button", {"release"});
 }
 
 void addMode(Cli &cli)
@@ -160,7 +145,6 @@ void addMode(Cli &cli)
                         throw Failure("the daemon does not run (kelo-board start)");
                     else
                         send(cli.running(), *keyword);
-                    return 0;
                 });
     command->add_option("KEYWORD", *keyword, "One of those below, or any text");
     command->footer("Keywords:\n"

@@ -54,7 +54,7 @@ void runBoard(const std::string &name, const DaemonArguments &daemon, size_t kep
     happened(host);
 }
 
-int upForeground(const std::string &name, const UpOptions &options)
+void upForeground(const std::string &name, const UpOptions &options)
 {
     std::optional<EventPrinter> printer;
     size_t seen = 0;
@@ -71,22 +71,9 @@ int upForeground(const std::string &name, const UpOptions &options)
             interrupted = 1; // nobody reads it any more
     };
     runBoard(name, options.daemon, options.keep, -1, print, [] {});
-    return 0;
 }
 
-int upDetached(const std::string &name, const UpOptions &options)
-{
-    startApart(name, options.daemon, options.keep, false);
-    return 0;
-}
-
-std::string upTime(const std::map<std::string, std::string> &state)
-{
-    const auto start = state.find("start");
-    return start == state.end() ? "" : start->second;
-}
-
-int list(bool json)
+void list(bool json)
 {
     nlohmann::ordered_json boards = nlohmann::json::array();
     if (!json)
@@ -95,7 +82,7 @@ int list(bool json)
     std::vector<std::pair<std::string, std::optional<Connection>>> asked;
     for (const std::string &name : runningBoards()) {
         try {
-            asked.emplace_back(name, Connection(name, "state"));
+            asked.emplace_back(name, Connection(name, {"state"}));
         } catch (const BoardGone &) {
             // It ended meanwhile.
         }
@@ -105,7 +92,7 @@ int list(bool json)
         std::map<std::string, std::string> state;
         std::string remark;
         try {
-            state = toState(connection->rest(end - Clock::now()));
+            state = toState(connection->answer(end - Clock::now()));
             if (state.contains("starting"))
                 remark = "starting";
         } catch (const BoardGone &) {
@@ -116,9 +103,9 @@ int list(bool json)
         }
         const auto daemon = atoi(state["daemon"].c_str());
         const double up =
-            upTime(state).empty()
-                ? 0
-                : std::chrono::duration<double>(Clock::now() - toTime(upTime(state))).count();
+            state.contains("start")
+                ? std::chrono::duration<double>(Clock::now() - toTime(state["start"])).count()
+                : 0;
         const std::string mode = remark.empty() ? modeName(state["mode"]) : remark;
         if (json)
             boards.push_back({{"name", name},
@@ -133,7 +120,6 @@ int list(bool json)
     }
     if (json)
         puts(boards.dump().c_str());
-    return 0;
 }
 
 } // namespace
@@ -205,8 +191,10 @@ void addUp(Cli &cli)
     const auto options = std::make_shared<UpOptions>();
     CLI::App *const command =
         cli.add(runningGroup, "up", "Start a board and print what happens on it", [&cli, options] {
-            return options->detach ? upDetached(cli.board, *options)
-                                   : upForeground(cli.board, *options);
+            if (options->detach)
+                startApart(cli.board, options->daemon, options->keep, false);
+            else
+                upForeground(cli.board, *options);
         });
     command->add_option("NAME", cli.board, "Name of the new board")->capture_default_str();
     command->add_flag("-d,--detach", options->detach,
@@ -225,10 +213,8 @@ void addUp(Cli &cli)
 void addDown(Cli &cli)
 {
     CLI::App *const command =
-        cli.add(runningGroup, "down", "End a board; returns once nothing of it is left", [&cli] {
-            endBoard(cli.board);
-            return 0;
-        });
+        cli.add(runningGroup, "down", "End a board; returns once nothing of it is left",
+                [&cli] { endBoard(cli.board); });
     command->add_option("NAME", cli.board, "Name of the board")->capture_default_str();
     cli.words[command] = runningBoards;
 }
@@ -236,7 +222,7 @@ void addDown(Cli &cli)
 void addList(Cli &cli)
 {
     CLI::App *const command =
-        cli.add(runningGroup, "list", "List the running boards", [&cli] { return list(cli.json); });
+        cli.add(runningGroup, "list", "List the running boards", [&cli] { list(cli.json); });
     command->alias("ps");
     cli.addJson(*command);
 }

@@ -12,10 +12,10 @@ struct Options {
     int port = 0;
 };
 
-int serve(const std::string &board, const Options &options)
+void serve(const std::string &board, const Options &options)
 {
     Descriptor life;
-    if (!findBoard(board)) // one that ends with the page
+    if (!isRunning(board)) // one that ends with the page
         life = startApart(board, std::vector<std::string>(), Host::KEPT_MEGABYTES, true);
     Server server(board, options.address, options.port);
     puts(server.url().c_str());
@@ -27,7 +27,6 @@ int serve(const std::string &board, const Options &options)
     } catch (const BoardGone &) {
         // That is why it is done here.
     }
-    return 0;
 }
 
 } // namespace
@@ -37,7 +36,7 @@ void addWeb(Cli &cli)
     const auto options = std::make_shared<Options>();
     CLI::App *const command =
         cli.add(runningGroup, "web", "Show the front panel in a browser; prints the address",
-                [&cli, options] { return serve(cli.board, *options); });
+                [&cli, options] { serve(cli.board, *options); });
     command->add_option("NAME", cli.board, "Name of the board; a new one if it does not run")
         ->capture_default_str();
     command->add_option("--port", options->port, "Where to listen; 0 is any free one")

@@ -6,11 +6,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <sstream>
 #include <stdexcept>
 
@@ -37,26 +34,15 @@ std::string toText(double power)
     return text;
 }
 
-constexpr char wanPrefix[] = "2001:db8::";
-constexpr char lanPrefix[] = "2001:db8:1::";
-
 std::string firstLine(const std::string &text)
 {
     return text.substr(0, text.find('\n'));
 }
 
-Access accessTo(const std::string &name)
-{
-    const std::optional<Access> access = findBoard(name);
-    if (!access)
-        throw BoardGone("the board \"" + name + "\" ended");
-    return *access;
-}
-
 } // namespace
 
 Controls::Controls(const std::string &name)
-    : name_(name), board_(accessTo(name)), worker_(&Controls::work, this)
+    : name_(name), board_(openBoard(name)), worker_(&Controls::work, this)
 {
     later([this] { return tick(); });
 }
@@ -72,43 +58,47 @@ Controls::~Controls()
     worker_.join();
 }
 
-void Controls::chooseMode(const std::string &keyword)
+void Controls::request(const Words &words, const std::string &done)
 {
-    later([this, keyword] {
-        board_.writeKeyword(keyword);
-        return "wrote \"" + keyword + "\" into the display pipe";
+    later([this, words, done] {
+        ask(words);
+        return done;
+    });
+}
+
+void Controls::changeNetwork(const Words &arguments, const std::string &done)
+{
+    later([this, arguments, done] {
+        ip(arguments);
+        return done;
     });
 }
 
 void Controls::turnPower(const std::string &laser, double by)
 {
     const double power = toPower(laser).value_or(MIN_POWER - by);
-    const std::string next = toText(std::clamp(power + by, MIN_POWER, MAX_POWER));
-    later([this, next] {
-        board_.setLaser(next);
-        return "received power is " + next + " dBm";
-    });
+    setPower(toText(std::clamp(power + by, MIN_POWER, MAX_POWER)));
 }
 
 void Controls::turnPowerToBand(const std::string &laser, int direction)
 {
     const int band = levelOf(toPower(laser)) + 1;
     const int next = std::clamp(band + direction, 0, static_cast<int>(bandMiddles.size()) - 1);
-    const std::string power = toText(bandMiddles[static_cast<size_t>(next)]);
-    later([this, power] {
-        board_.setLaser(power);
-        return "received power is " + power + " dBm";
-    });
+    setPower(toText(bandMiddles[static_cast<size_t>(next)]));
 }
 
 void Controls::turnReading(const std::string &laser)
 {
     if (!laser.empty())
         reading_ = laser;
-    const std::string next = laser.empty() ? reading_ : "";
-    later([this, next] {
-        board_.setLaser(next);
-        return next.empty() ? "there is no reading" : "received power is " + next + " dBm";
+    setPower(laser.empty() ? reading_ : "");
+}
+
+void Controls::setPower(const std::string &dbm)
+{
+    later([this, dbm] {
+        board_.setLaser(dbm);
+        return dbm.empty() ? "there is no reading" : "received power is " + dbm + " dBm";
     });
 }
 
@@ -124,12 +114,12 @@ void Controls::turnLink(const std::string &gpon)
 void Controls::press()
 {
     later([this] {
-        ask("hold");
+        ask({"hold"});
         pressing_ = true;
         later(
             [this] {
                 pressing_ = false;
-                ask("release");
+                ask({"release"});
                 return std::string("pressed the reset button and let go of it");
             },
             pressTime);
@@ -137,55 +127,26 @@ void Controls::press()
     });
 }
 
-void Controls::hold()
+void Controls::addAddress(const Network &network)
 {
-    later([this] {
-        ask("hold");
-        return std::string("holding the reset button; r lets go of it");
+    later([this, network] {
+        const std::string address =
+            network.prefix + std::to_string(lastAddress(network) + 1) + "/64";
+        ip({"addr", "add", address, "dev", network.interface, "nodad"});
+        return "added " + address + " to " + network.interface;
     });
 }
 
-void Controls::release()
+void Controls::removeAddress(const Network &network)
 {
-    later([this] {
-        ask("release");
-        return std::string("let go of the reset button");
-    });
-}
-
-void Controls::addWanAddress()
-{
-    later([this] { return addAddress(wanPrefix, "nas0_0"); });
-}
-
-void Controls::removeWanAddress()
-{
-    later([this] { return removeAddress(wanPrefix, "nas0_0"); });
-}
-
-void Controls::addLanAddress()
-{
-    later([this] { return addAddress(lanPrefix, "br0"); });
-}
-
-void Controls::removeLanAddress()
-{
-    later([this] { return removeAddress(lanPrefix, "br0"); });
-}
-
-void Controls::addDefaultRoute()
-{
-    later([this] {
-        ip({"route", "add", "default", "via", "fe80::1", "dev", "nas0_0"});
-        return std::string("added a default route via fe80::1 over nas0_0");
-    });
-}
-
-void Controls::removeDefaultRoute()
-{
-    later([this] {
-        ip({"route", "del", "default", "dev", "nas0_0"});
-        return std::string("removed the default route over nas0_0");
+    later([this, network] {
+        const int last = lastAddress(network);
+        if (last == 0)
+            throw std::runtime_error(std::string("no panel added an address to ") +
+                                     network.interface);
+        const std::string address = network.prefix + std::to_string(last) + "/64";
+        ip({"addr", "del", address, "dev", network.interface});
+        return "removed " + address + " from " + network.interface;
     });
 }
 
@@ -208,7 +169,7 @@ void Controls::turnWanLink()
 void Controls::turnFault(const Fault &fault)
 {
     later([this, fault] {
-        const bool on = !hasFault(board_, fault);
+        const bool on = !faultsOf(board_).contains(fault.name);
         setFault(board_, fault, on);
         lookUp();
         return std::string(fault.name) + (on ? " is on: " : " is off; it was: ") +
@@ -216,29 +177,16 @@ void Controls::turnFault(const Fault &fault)
     });
 }
 
-void Controls::sendSignal(int number, const std::string &name)
-{
-    later([this, number, name] {
-        ask("signal " + signalName(number));
-        return "sent SIG" + name + " to the daemon";
-    });
-}
-
 void Controls::startDaemon(const std::vector<std::string> &arguments)
 {
-    later([this, arguments] {
-        Words words{"start", "1"};
-        words.insert(words.end(), arguments.begin(), arguments.end());
-        ask(toLine(words));
-        return std::string("the daemon runs; ? lists the keys");
-    });
+    request(concat({"start", "1"}, arguments), "the daemon runs; ? lists the keys");
 }
 
 void Controls::restartDaemon()
 {
     later([this] {
         tell("restarting the daemon ...", false);
-        ask("restart");
+        ask({"restart"});
         return std::string("the daemon was restarted");
     });
 }
@@ -246,11 +194,8 @@ void Controls::restartDaemon()
 void Controls::saveRecording(const std::string &path)
 {
     later([this, path] {
-        std::ofstream file(path, std::ios::trunc);
         const auto [whole, remark] = recording();
-        writeVcd(whole, file);
-        if (!file.flush())
-            throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
+        writeFile(path, toVcd(whole));
         return "saved the recording in " + path + remark;
     });
 }
@@ -312,7 +257,7 @@ void Controls::work()
     lock.unlock();
     if (pressing_) {
         try {
-            ask("release");
+            ask({"release"});
         } catch (const std::exception &) {
             // The board is gone, and its button.
         }
@@ -331,13 +276,7 @@ std::string Controls::tick()
 
 void Controls::lookUp()
 {
-    Look look;
-    look.process = board_.daemon();
-    look.daemon = board_.daemonState();
-    for (const Fault &fault : faults()) {
-        if (hasFault(board_, fault))
-            look.faults.push_back(fault.name);
-    }
+    Look look{board_.daemonState(), board_.daemon(), faultsOf(board_)};
     const std::lock_guard lock(mutex_);
     look_ = std::move(look);
 }
@@ -370,24 +309,25 @@ void Controls::tell(const std::string &text, bool failure)
     message_ = Message{text, failure, Clock::now()};
 }
 
-void Controls::ask(const std::string &what) const
+void Controls::ask(const Words &words) const
 {
-    request(name_, what);
+    kelo::request(name_, words);
 }
 
-void Controls::ip(const std::vector<std::string> &arguments, bool far) const
+void Controls::ip(const Words &arguments, bool far) const
 {
     board_.require(Ability::Network);
-    std::vector<std::string> command{"ip", "-6"};
-    command.insert(command.end(), arguments.begin(), arguments.end());
+    const Words command = concat({"ip", "-6"}, arguments);
     const Result result = board_.exec(far ? board_.form().far(command) : command);
     if (result.status != 0)
         throw std::runtime_error("ip: " + firstLine(result.output));
 }
 
-int Controls::lastAddress(const std::string &prefix, const std::string &interface) const
+int Controls::lastAddress(const Network &network) const
 {
-    std::istringstream words(board_.exec({"ip", "-6", "addr", "show", "dev", interface}).output);
+    const std::string prefix = network.prefix;
+    const Result shown = board_.exec({"ip", "-6", "addr", "show", "dev", network.interface});
+    std::istringstream words(shown.output);
     int last = 0;
     for (std::string word; words >> word;) {
         int number;
@@ -399,35 +339,15 @@ int Controls::lastAddress(const std::string &prefix, const std::string &interfac
     return last;
 }
 
-std::string Controls::addAddress(const std::string &prefix, const std::string &interface) const
-{
-    const std::string address = prefix + std::to_string(lastAddress(prefix, interface) + 1) + "/64";
-    ip({"addr", "add", address, "dev", interface, "nodad"});
-    return "added " + address + " to " + interface;
-}
-
-std::string Controls::removeAddress(const std::string &prefix, const std::string &interface) const
-{
-    const int last = lastAddress(prefix, interface);
-    if (last == 0)
-        throw std::runtime_error("no panel added an address to " + interface);
-    const std::string address = prefix + std::to_string(last) + "/64";
-    ip({"addr", "del", address, "dev", interface});
-    return "removed " + address + " from " + interface;
-}
-
 std::pair<Recording, std::string> Controls::recording() const
 {
-    const Clock::time_point start = toTime(stateOf(name_)["start"]);
-    Clock::time_point from = start;
-    std::vector<Event> events;
-    readEvents(name_, from, events);
+    const Past past(name_);
     std::string remark;
-    if (from > start) {
-        const double seconds = std::chrono::duration<double>(from - start).count();
+    if (past.from > past.start) {
+        const double seconds = std::chrono::duration<double>(past.from - past.start).count();
         remark = ", from second " + std::to_string(std::lround(seconds)) + " on";
     }
-    return {makeRecording(events, Clock::now()), remark};
+    return {makeRecording(past.events, Clock::now()), remark};
 }
 
 } // namespace kelo::panel

@@ -25,11 +25,19 @@ struct Message {
     Clock::time_point time;
 };
 
+/// Where addresses are added.
+struct Network {
+    const char *interface;
+    const char *prefix; ///< before a number
+};
+constexpr Network wan{"nas0_0", "2001:db8::"};
+constexpr Network lan{"br0", "2001:db8:1::"};
+
 /// What no event tells.
 struct Look {
     std::string daemon; ///< its state; empty before the first look
     std::optional<pid_t> process;
-    std::vector<std::string> faults; ///< those that are on
+    std::set<std::string> faults; ///< those that are on
 };
 
 class Controls {
@@ -40,7 +48,10 @@ public:
     Controls(const Controls &) = delete;
     Controls &operator=(const Controls &) = delete;
 
-    void chooseMode(const std::string &keyword);
+    /// Has the board do something, and tells when it is done.
+    void request(const Words &words, const std::string &done);
+    /// The same by ip -6.
+    void changeNetwork(const Words &arguments, const std::string &done);
 
     void turnPower(const std::string &laser, double by);
     /// To the middle of the band above (1) or below (-1).
@@ -50,24 +61,17 @@ public:
     void turnLink(const std::string &gpon);
 
     void press();
-    void hold();
-    void release();
 
     void turnTraffic() { traffic_ = !traffic_; }
     bool traffic() const { return traffic_; }
 
-    void addWanAddress();
-    void removeWanAddress();
-    void addLanAddress();
-    void removeLanAddress();
-    void addDefaultRoute();
-    void removeDefaultRoute();
+    void addAddress(const Network &network);
+    void removeAddress(const Network &network);
     /// Deletes the WAN link, or makes it again.
     void turnWanLink();
 
     void turnFault(const Fault &fault);
 
-    void sendSignal(int number, const std::string &name);
     void startDaemon(const std::vector<std::string> &arguments);
     void restartDaemon();
 
@@ -78,6 +82,7 @@ public:
     Look look() const;
 
 private:
+    void setPower(const std::string &dbm);
     /// Does something in the background, now or after a while; it returns what to tell, if
     /// anything, or throws.
     void later(std::function<std::string()> job, Clock::duration delay = Clock::duration::zero());
@@ -88,13 +93,11 @@ private:
     void lookUp();
     void tell(const std::string &text, bool failure);
     /// Has the program that runs the board do something.
-    void ask(const std::string &what) const;
+    void ask(const Words &words) const;
     /// Changes the board's network.
-    void ip(const std::vector<std::string> &arguments, bool far = false) const;
-    /// Addresses that a panel adds end in a number: the highest that an interface has, 0 if none.
-    int lastAddress(const std::string &prefix, const std::string &interface) const;
-    std::string addAddress(const std::string &prefix, const std::string &interface) const;
-    std::string removeAddress(const std::string &prefix, const std::string &interface) const;
+    void ip(const Words &arguments, bool far = false) const;
+    /// The highest number of the addresses that a panel added; 0 if none.
+    int lastAddress(const Network &network) const;
     /// What happened so far, and what to say of it beside.
     std::pair<Recording, std::string> recording() const;
 

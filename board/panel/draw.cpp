@@ -72,6 +72,25 @@ std::string bytes(long long number)
     return format("%s%.*f%s", number < 0 ? "-" : "", decimal ? 1 : 0, value, unit);
 }
 
+/// A log line without what they all begin with, in rows that fit, broken between words.
+std::vector<std::string> wrapLog(const LogLine &line, int columns)
+{
+    std::string text = line.text;
+    if (text.starts_with(logPrefix))
+        text.erase(0, sizeof logPrefix - 1);
+    const size_t room = static_cast<size_t>(std::max(1, columns - TIME_WIDTH - 1));
+    std::vector<std::string> rows;
+    while (text.size() > room) {
+        size_t end = text.rfind(' ', room);
+        if (end == std::string::npos || end < room / 2)
+            end = room;
+        rows.push_back(text.substr(0, end));
+        text.erase(0, text.find_first_not_of(' ', end));
+    }
+    rows.push_back(text);
+    return rows;
+}
+
 class Drawing {
 public:
     Drawing(Screen &screen, const State &state, const View &view)
@@ -341,10 +360,12 @@ private:
 
     void faultList(int row, int column, int width)
     {
-        const std::vector<std::string> &names = view_.look.faults;
+        const std::set<std::string> &names = view_.look.faults;
         std::string text = "FAULTS";
-        for (const std::string &name : names)
-            text += " " + name;
+        for (const Fault &fault : kelo::faults) {
+            if (names.contains(fault.name))
+                text += std::string(" ") + fault.name;
+        }
         if (text.size() > static_cast<size_t>(width))
             text = format("%zu FAULTS, f lists them", names.size());
         if (!names.empty())
@@ -357,8 +378,6 @@ private:
         screen_.put(row, column, 6, format("%6s", bytes(history.back()).c_str()));
         screen_.put(row, column + 7, spark, sparkline(history, spark), colour);
     }
-
-    std::vector<std::string> wrap(const LogLine &line) const;
 
     /// What came of the latest key, as long as it is fresh.
     bool message(int row)
@@ -386,7 +405,7 @@ private:
 
         int row = top + height + view_.scroll; // of the last row of the log, if all were shown
         for (auto line = state_.log.rbegin(); line != state_.log.rend() && row > top; ++line) {
-            const std::vector<std::string> rows = wrap(*line);
+            const std::vector<std::string> rows = wrapLog(*line, width_);
             for (size_t i = rows.size(); i-- > 0; row--) {
                 if (row <= top || row > top + height)
                     continue;
@@ -417,8 +436,8 @@ private:
     void lastRow()
     {
         const int row = screen_.rows() - 1;
+        screen_.fill(row, 0, width_, " ", Colour::Title);
         if (view_.prompt) {
-            screen_.fill(row, 0, width_, " ", Colour::Title);
             // The end of a long text is where it is typed.
             std::string text = typed(*view_.prompt);
             while (Screen::bytes(text, width_ - 2) < text.size())
@@ -426,7 +445,6 @@ private:
             screen_.put(row, 1, width_ - 2, text, Colour::Title);
             return;
         }
-        screen_.fill(row, 0, width_, " ", Colour::Title);
         screen_.put(
             row, 0, width_,
             std::string(" ? help  0-8 mode  + - power  g link  h r button  t traffic  w a IPv6") +
@@ -434,10 +452,17 @@ private:
             Colour::Title);
     }
 
-    void help()
+    /// What a page beside the panel has in its first row and in its last.
+    void page(const char *title, const char *way)
     {
         screen_.fill(0, 0, width_, " ", Colour::Title);
-        screen_.put(0, 1, width_ - 2, "Keys of the panel", Colour::Title, Screen::BOLD);
+        screen_.put(0, 1, width_ - 2, title, Colour::Title, Screen::BOLD);
+        screen_.put(screen_.rows() - 1, 1, width_ - 2, way);
+    }
+
+    void help()
+    {
+        page("Keys of the panel", "Any key returns to the panel.");
         const auto &lines = *view_.help;
         const size_t half = (lines.size() + 1) / 2;
         for (size_t i = 0; i < lines.size(); i++) {
@@ -446,17 +471,15 @@ private:
             screen_.put(row, column, 10, lines[i].keys, Colour::Cool, Screen::BOLD);
             screen_.put(row, column + 10, width_ / 2 - 11, lines[i].text);
         }
-        screen_.put(screen_.rows() - 1, 1, width_ - 2, "Any key returns to the panel.");
     }
 
     void faults()
     {
-        screen_.fill(0, 0, width_, " ", Colour::Title);
-        screen_.put(0, 1, width_ - 2, "Faults of the board", Colour::Title, Screen::BOLD);
+        page("Faults of the board",
+             "A digit turns a fault on or off, any other key returns to the panel.");
         int row = 2;
-        for (const Fault &fault : kelo::faults()) {
-            const auto &on = view_.look.faults;
-            const bool isOn = std::find(on.begin(), on.end(), fault.name) != on.end();
+        for (const Fault &fault : kelo::faults) {
+            const bool isOn = view_.look.faults.contains(fault.name);
             screen_.put(row, 1, 4, format("%d", row - 1), Colour::Cool, Screen::BOLD);
             screen_.put(row, 5, 16, fault.name, isOn ? Colour::Bad : Colour::Plain,
                         isOn ? Screen::BOLD : 0);
@@ -465,8 +488,6 @@ private:
             screen_.put(row++, 27, width_ - 28, fault.description);
         }
         message(row + 1);
-        screen_.put(screen_.rows() - 1, 1, width_ - 2,
-                    "A digit turns a fault on or off, any other key returns to the panel.");
     }
 
     Screen &screen_;
@@ -474,30 +495,6 @@ private:
     const View &view_;
     int width_;
 };
-
-/// A log line without what they all begin with, in rows that fit, broken between words.
-std::vector<std::string> wrapLog(const LogLine &line, int columns)
-{
-    std::string text = line.text;
-    if (text.starts_with(logPrefix))
-        text.erase(0, sizeof logPrefix - 1);
-    const size_t room = static_cast<size_t>(std::max(1, columns - TIME_WIDTH - 1));
-    std::vector<std::string> rows;
-    while (text.size() > room) {
-        size_t end = text.rfind(' ', room);
-        if (end == std::string::npos || end < room / 2)
-            end = room;
-        rows.push_back(text.substr(0, end));
-        text.erase(0, text.find_first_not_of(' ', end));
-    }
-    rows.push_back(text);
-    return rows;
-}
-
-std::vector<std::string> Drawing::wrap(const LogLine &line) const
-{
-    return wrapLog(line, width_);
-}
 
 } // namespace
 

@@ -26,13 +26,13 @@ struct View {
     std::string board;
     bool isOwn = true;       ///< it ends with the panel
     Clock::time_point start; ///< from which the log counts its times
-    Clock::time_point now;
-    Look look;
+    Clock::time_point now{};
+    Look look{};
     bool traffic = false;
     bool largeLog = false;
     int scroll = 0; ///< rows that the log is scrolled back
-    std::optional<Message> message;
-    std::optional<std::string> prompt;
+    std::optional<Message> message{};
+    std::optional<std::string> prompt{};
     const std::vector<Help> *help = nullptr; ///< when the help screen is asked for
     bool faults = false;                     ///< when the page of faults is
 };

@@ -33,12 +33,10 @@ std::string fileName(const std::string &board, const char *ending)
 
 struct Signal {
     char key;
-    int number;
     const char *name;
 };
-constexpr Signal signals[] = {
-    {'t', SIGTERM, "TERM"}, {'i', SIGINT, "INT"},   {'h', SIGHUP, "HUP"},  {'q', SIGQUIT, "QUIT"},
-    {'k', SIGKILL, "KILL"}, {'s', SIGSTOP, "STOP"}, {'c', SIGCONT, "CONT"}};
+constexpr Signal signals[] = {{'t', "TERM"}, {'i', "INT"},  {'h', "HUP"}, {'q', "QUIT"},
+                              {'k', "KILL"}, {'s', "STOP"}, {'c', "CONT"}};
 
 /// Whether a byte is not the first of its UTF-8 character.
 bool isFurther(char byte)
@@ -49,8 +47,8 @@ bool isFurther(char byte)
 class Panel {
 public:
     Panel(const std::string &name, bool isOwn, Controls &controls, Screen &screen)
-        : name_(name), isOwn_(isOwn), start_(toTime(stateOf(name)["start"])),
-          record_(name, "watch " + toText(start_)), controls_(controls), screen_(screen)
+        : view_{name, isOwn, toTime(stateOf(name)["start"])}, record_(name, view_.start),
+          controls_(controls), screen_(screen)
     {
         addKeys();
     }
@@ -84,15 +82,15 @@ private:
             if (text)
                 help_.push_back({shown, text});
         };
-        help_.push_back({"0 to 8", "choose a display mode:"});
-        help_.push_back({"", "0 none      1 signal"});
-        help_.push_back({"", "2 reboot    3 restore"});
-        help_.push_back({"", "4 errora12  5 locateme"});
-        help_.push_back({"", "6 ledtest   7 facttest"});
-        help_.push_back({"", "8 facttesterr"});
+        help_ = {{"0 to 8", "choose a display mode:"}, {"", "0 none      1 signal"},
+                 {"", "2 reboot    3 restore"},        {"", "4 errora12  5 locateme"},
+                 {"", "6 ledtest   7 facttest"},       {"", "8 facttesterr"}};
         for (size_t mode = 0; mode < std::size(modeKeywords); mode++)
             add('0' + static_cast<int>(mode), nullptr, nullptr,
-                [this, mode] { controls_.chooseMode(modeKeywords[mode]); });
+                [this, keyword = std::string(modeKeywords[mode])] {
+                    controls_.request({"keyword", keyword},
+                                      "wrote \"" + keyword + "\" into the display pipe");
+                });
         add('+', "+ -", "received power up, down", [this] { turnPower(POWER_STEP); });
         add('=', nullptr, nullptr, [this] { turnPower(POWER_STEP); });
         add('-', nullptr, nullptr, [this] { turnPower(-POWER_STEP); });
@@ -101,35 +99,46 @@ private:
         add('n', "n", "no reading, or one again", [this] { controls_.turnReading(state_.laser); });
         add('g', "g", "GPON link up or down", [this] { controls_.turnLink(state_.gpon); });
         add('b', "b", "press the reset button", [this] { controls_.press(); });
-        add('h', "h r", "hold it down, let go of it", [this] { controls_.hold(); });
-        add('r', nullptr, nullptr, [this] { controls_.release(); });
+        add('h', "h r", "hold it down, let go of it",
+            [this] { controls_.request({"hold"}, "holding the reset button; r lets go of it"); });
+        add('r', nullptr, nullptr,
+            [this] { controls_.request({"release"}, "let go of the reset button"); });
         add('t', "t", "traffic on or off", [this] { controls_.turnTraffic(); });
-        add('w', "w W", "add, remove a WAN address", [this] { controls_.addWanAddress(); });
-        add('W', nullptr, nullptr, [this] { controls_.removeWanAddress(); });
-        add('a', "a A", "add, remove a LAN address", [this] { controls_.addLanAddress(); });
-        add('A', nullptr, nullptr, [this] { controls_.removeLanAddress(); });
-        add('d', "d D", "add, remove a default route", [this] { controls_.addDefaultRoute(); });
-        add('D', nullptr, nullptr, [this] { controls_.removeDefaultRoute(); });
+        add('w', "w W", "add, remove a WAN address", [this] { controls_.addAddress(wan); });
+        add('W', nullptr, nullptr, [this] { controls_.removeAddress(wan); });
+        add('a', "a A", "add, remove a LAN address", [this] { controls_.addAddress(lan); });
+        add('A', nullptr, nullptr, [this] { controls_.removeAddress(lan); });
+        add('d', "d D", "add, remove a default route", [this] {
+            controls_.changeNetwork({"route", "add", "default", "via", "fe80::1", "dev", "nas0_0"},
+                                    "added a default route via fe80::1 over nas0_0");
+        });
+        add('D', nullptr, nullptr, [this] {
+            controls_.changeNetwork({"route", "del", "default", "dev", "nas0_0"},
+                                    "removed the default route over nas0_0");
+        });
         add('x', "x", "delete or make the WAN link", [this] { controls_.turnWanLink(); });
         add('s', "s", "send the daemon a signal", [this] { askForSignal(); });
-        add('f', "f", "see and set faults", [this] { breaking_ = true; });
+        add('f', "f", "see and set faults", [this] { view_.faults = true; });
         add('R', "R", "restart the daemon", [this] { controls_.restartDaemon(); });
-        add('v', "v", "save the recording (VCD)", [this] { askForRecording(); });
-        add('p', "p", "save its picture (SVG, PNG)", [this] { askForPicture(); });
+        add('v', "v", "save the recording (VCD)",
+            [this] { askForFile("recording", ".vcd", &Controls::saveRecording); });
+        add('p', "p", "save its picture (SVG, PNG)",
+            [this] { askForFile("picture", ".svg", &Controls::savePicture); });
         add('l', "l", "log large or small", [this] {
-            largeLog_ = !largeLog_;
-            scroll_ = 0;
+            view_.largeLog = !view_.largeLog;
+            view_.scroll = 0;
         });
         add(KEY_PPAGE, "PgUp PgDn", "scroll the log, also Up Down", [this] { scrollBy(page()); });
         add(KEY_NPAGE, nullptr, nullptr, [this] { scrollBy(-page()); });
         add(KEY_UP, nullptr, nullptr, [this] { scrollBy(1); });
         add(KEY_DOWN, nullptr, nullptr, [this] { scrollBy(-1); });
         add(KEY_HOME, "Home End", "its start, its end", [this] { scrollBy(1 << 24); });
-        add(KEY_END, nullptr, nullptr, [this] { scroll_ = 0; });
-        add('?', "?", "this list", [this] { helping_ = true; });
-        add(KEY_F(1), nullptr, nullptr, [this] { helping_ = true; });
+        add(KEY_END, nullptr, nullptr, [this] { view_.scroll = 0; });
+        add('?', "?", "this list", [this] { view_.help = &help_; });
+        add(KEY_F(1), nullptr, nullptr, [this] { view_.help = &help_; });
         add('L' - '@', "Ctrl-L", "draw anew", [] { clearok(curscr, TRUE); });
-        add('q', "q Ctrl-C", isOwn_ ? "end the board and the panel" : "leave; the board runs on",
+        add('q', "q Ctrl-C",
+            view_.isOwn ? "end the board and the panel" : "leave; the board runs on",
             [this] { quit_ = true; });
     }
 
@@ -137,14 +146,14 @@ private:
     {
         if (prompt_) {
             takeInPrompt(key);
-        } else if (helping_) {
-            helping_ = false;
-        } else if (breaking_) {
+        } else if (view_.help) {
+            view_.help = nullptr;
+        } else if (view_.faults) {
             const auto number = static_cast<size_t>(key - '1');
-            if (key >= '1' && number < faults().size())
-                controls_.turnFault(faults()[number]);
+            if (key >= '1' && number < faults.size())
+                controls_.turnFault(faults[number]);
             else
-                breaking_ = false;
+                view_.faults = false;
         } else if (const auto action = actions_.find(key); action != actions_.end()) {
             action->second();
         }
@@ -157,7 +166,8 @@ private:
         } else if (!prompt_->done) {
             for (const Signal &signal : signals) {
                 if (key == signal.key)
-                    controls_.sendSignal(signal.number, signal.name);
+                    controls_.request({"signal", signal.name},
+                                      std::string("sent SIG") + signal.name + " to the daemon");
             }
             prompt_.reset();
         } else if (key == '\r' || key == '\n' || key == KEY_ENTER) {
@@ -185,30 +195,25 @@ private:
         prompt_ = Prompt{label + "  (Esc: none)", "", nullptr};
     }
 
-    void askForRecording()
+    void askForFile(const std::string &what, const char *ending,
+                    void (Controls::*save)(const std::string &path))
     {
-        prompt_ = Prompt{"Save recording (Enter, Esc, Ctrl-U): ", fileName(name_, ".vcd"),
-                         [this](const std::string &path) { controls_.saveRecording(path); }};
-    }
-
-    void askForPicture()
-    {
-        prompt_ = Prompt{"Save picture (Enter, Esc, Ctrl-U): ", fileName(name_, ".svg"),
-                         [this](const std::string &path) { controls_.savePicture(path); }};
+        prompt_ = Prompt{"Save " + what + " (Enter, Esc, Ctrl-U): ", fileName(view_.board, ending),
+                         [this, save](const std::string &path) { (controls_.*save)(path); }};
     }
 
     void turnPower(double by) { controls_.turnPower(state_.laser, by); }
     void turnBand(int direction) { controls_.turnPowerToBand(state_.laser, direction); }
 
-    int page() const { return std::max(1, logHeight(screen_, largeLog_) - 1); }
+    int page() const { return std::max(1, logHeight(screen_, view_.largeLog) - 1); }
 
     void scrollBy(int rows)
     {
         int all = 0;
         for (const LogLine &line : state_.log)
             all += logRows(line, screen_.columns());
-        const int most = std::max(0, all - logHeight(screen_, largeLog_));
-        scroll_ = std::clamp(scroll_ + rows, 0, most);
+        const int most = std::max(0, all - logHeight(screen_, view_.largeLog));
+        view_.scroll = std::clamp(view_.scroll + rows, 0, most);
     }
 
     void update()
@@ -216,14 +221,11 @@ private:
         const size_t loggedBefore = state_.logged;
         // However much there is, it is to be seen soon.
         const auto enough = Clock::now() + updateTime;
-        while (const auto line =
-                   Clock::now() < enough ? record_.line(Clock::now()) : std::nullopt) {
-            if (const std::optional<Event> event = fromLine(*line))
-                state_.take(*event);
-        }
+        while (const auto event = Clock::now() < enough ? record_.next(Clock::now()) : std::nullopt)
+            state_.take(*event);
         // Who reads what was goes on reading it.
         const size_t fresh = std::min(state_.logged - loggedBefore, state_.log.size());
-        if (scroll_ > 0 && fresh > 0) {
+        if (view_.scroll > 0 && fresh > 0) {
             int rows = 0;
             for (auto line = state_.log.end() - static_cast<ptrdiff_t>(fresh);
                  line != state_.log.end(); ++line)
@@ -234,37 +236,24 @@ private:
 
     void show()
     {
-        View view;
-        view.board = name_;
-        view.isOwn = isOwn_;
-        view.start = start_;
-        view.now = Clock::now();
-        view.look = controls_.look();
-        view.traffic = controls_.traffic();
-        view.largeLog = largeLog_;
-        view.scroll = scroll_;
-        view.message = controls_.message();
+        view_.now = Clock::now();
+        view_.look = controls_.look();
+        view_.traffic = controls_.traffic();
+        view_.message = controls_.message();
+        view_.prompt.reset();
         if (prompt_)
-            view.prompt = prompt_->label + prompt_->text + (prompt_->done ? "_" : "");
-        view.help = helping_ ? &help_ : nullptr;
-        view.faults = breaking_;
-        draw(screen_, state_, view);
+            view_.prompt = prompt_->label + prompt_->text + (prompt_->done ? "_" : "");
+        draw(screen_, state_, view_);
     }
 
-    std::string name_;
-    bool isOwn_;
-    Clock::time_point start_;
-    Connection record_;
+    View view_;
+    RecordReader record_;
     Controls &controls_;
     Screen &screen_;
     State state_;
     std::map<int, std::function<void()>> actions_;
     std::vector<Help> help_;
     std::optional<Prompt> prompt_;
-    int scroll_ = 0;
-    bool largeLog_ = false;
-    bool helping_ = false;  ///< the help screen is there
-    bool breaking_ = false; ///< the page of faults is
     bool quit_ = false;
 };
 

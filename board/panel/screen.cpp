@@ -36,26 +36,22 @@ void giveBackAndDie(int number)
     raise(number);
 }
 
-void appendCapability(const char *name)
+/// What the terminal takes for something; null when it cannot do that.
+const char *capability(const char *name)
 {
     const char *const sequence = tigetstr(name);
-    if (sequence && sequence != reinterpret_cast<const char *>(-1) &&
-        strlen(resetSequence) + strlen(sequence) < sizeof resetSequence)
-        strcat(resetSequence, sequence);
+    return sequence == reinterpret_cast<const char *>(-1) ? nullptr : sequence;
 }
 
 void prepareForDeath()
 {
-    for (const char *const name : {"sgr0", "cnorm", "rmkx", "rmcup"})
-        appendCapability(name);
+    for (const char *const name : {"sgr0", "cnorm", "rmkx", "rmcup"}) {
+        const char *const sequence = capability(name);
+        if (sequence && strlen(resetSequence) + strlen(sequence) < sizeof resetSequence)
+            strcat(resetSequence, sequence);
+    }
     for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT})
         signal(number, giveBackAndDie);
-}
-
-bool hasCapability(const char *name)
-{
-    const char *const sequence = tigetstr(name);
-    return sequence && sequence != reinterpret_cast<const char *>(-1);
 }
 
 attr_t toAttributes(Colour colour, unsigned attributes, bool colours)
@@ -88,7 +84,7 @@ Screen::Screen()
     if (!newterm(nullptr, stdout, stdin))
         throw std::runtime_error(std::string("the terminal type \"") + (type ? type : "") +
                                  "\" is not known (TERM); kelo-board up prints line by line");
-    if (!hasCapability("cup")) {
+    if (!capability("cup")) {
         endwin();
         throw std::runtime_error(
             std::string("a terminal of type \"") + (type ? type : "") +

@@ -5,11 +5,9 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <map>
 #include <sstream>
 #include <stdexcept>
@@ -174,15 +172,6 @@ std::string makePage(const Record &record, bool isLive)
     std::string page = pageTemplate;
     page.insert(page.find(dataPlace) + strlen(dataPlace), dumped);
     return page;
-}
-
-void savePage(const Record &record, const std::string &path)
-{
-    std::ofstream file(path, std::ios::trunc);
-    file << makePage(record);
-    file.close();
-    if (!file)
-        throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
 }
 
 Record readRecord(std::istream &in)

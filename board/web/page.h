@@ -27,9 +27,6 @@ struct Record {
 /// of the platform. A live page goes on with what its server sends, and has controls.
 std::string makePage(const Record &record, bool isLive = false);
 
-/// Writes the page into a file. Throws std::runtime_error in one line when it cannot.
-void savePage(const Record &record, const std::string &path);
-
 /// Reads a saved record: a recording (VCD), which has no log and no ports, or the lines that
 /// `kelo-board events --json` prints. Throws std::runtime_error that says what is wrong with it.
 Record readRecord(std::istream &in);

@@ -183,7 +183,7 @@ void Server::run()
     std::vector<Watch> signals;
     for (const int number : {SIGINT, SIGTERM, SIGHUP})
         signals.push_back(Watch::onSignal(loop_.base(), number, [this] { ending_ = true; }));
-    Connection end(board_, "watch " + toText(Clock::now()));
+    Connection end(board_, {"watch", toText(Clock::now())});
     Watch ended(loop_.base(), end.descriptor(), [&] {
         try {
             while (end.line(Clock::now())) {
@@ -250,7 +250,7 @@ void Server::watch(evhttp_request *request)
     std::optional<Connection> events;
     try {
         if (viewers_.size() < viewersMax)
-            events.emplace(board_, "watch " + toText(start_));
+            events.emplace(board_, Words{"watch", toText(start_)});
     } catch (const BoardGone &) {
         // As if there were no room.
     }
@@ -329,8 +329,8 @@ void Server::perform(evhttp_request *request)
         answer(request, words.empty() ? 400 : 503, "that cannot be done from here");
         return;
     }
-    Words command{std::filesystem::read_symlink("/proc/self/exe"), "-b", board_};
-    command.insert(command.end(), words.begin(), words.end());
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    const Words command = concat({self, "-b", board_}, words);
     Pipe output = makePipe();
     const Descriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
     const pid_t process =

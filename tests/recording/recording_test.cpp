@@ -34,7 +34,7 @@ private:
 std::string vcdOf(const Recording &recording)
 {
     std::ostringstream out;
-    writeVcd(recording, out);
+    out << toVcd(recording);
     return out.str();
 }
 

@@ -20,7 +20,7 @@ protected:
     /// The daemon's session, as the board numbers it.
     std::string session()
     {
-        std::istringstream fields(board.daemonFile("stat"));
+        std::istringstream fields(board.read(board.daemonFolder() + "/stat").value_or(""));
         std::string field;
         for (int i = 0; i < 6; i++)
             fields >> field;
@@ -30,7 +30,7 @@ protected:
     /// A field of /proc/PID/status.
     std::string statusField(const std::string &name)
     {
-        std::istringstream status(board.daemonFile("status"));
+        std::istringstream status(board.read(board.daemonFolder() + "/status").value_or(""));
         std::string line;
         while (std::getline(status, line)) {
             if (line.starts_with(name + ":"))
