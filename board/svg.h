@@ -22,8 +22,6 @@ public:
     void circle(const char *style, double x, double y, double radius);
     /// What another picture shows, on top.
     void add(const Svg &other) { body_ += other.body_; }
-    /// Any element.
-    void raw(const std::string &element) { body_ += element; }
     /// A rule for shapes of an own class.
     void style(const std::string &rule) { style_ += rule; }
 

@@ -1,25 +1,34 @@
-#include "patterns.h"
+// kelo-docs FOLDER: writes the LED patterns of all display modes, as they are recorded from the
+// daemon, as a picture and as a text: led-patterns.svg and led-patterns.md. They go by ticks, not
+// by times, so that the same daemon gives the same patterns on any machine.
 
 #include "board.h"
+#include "device.h"
 #include "svg.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
-#include <exception>
+#include <cstdio>
+#include <future>
+#include <iterator>
 #include <stdexcept>
-#include <mutex>
-#include <thread>
-
-namespace kelo::docs {
 
 namespace {
 
+using namespace kelo;
+
+struct Pattern {
+    std::string group; ///< heading under which it stands
+    std::string title;
+    int tick = 0; ///< ms between two drawings, to the nearest 50; 0 when it is drawn once
+    std::vector<std::string> phases; ///< flags of GPIO 6, 7, 8, 2, 3, 4, over and over
+    int ticks = 0;                   ///< after which the mode ends by itself; 0 for never
+};
+
 constexpr auto deadline = std::chrono::seconds(60);
 constexpr auto longestTick = std::chrono::seconds(6); // and then some
-constexpr size_t BOARDS_AT_ONCE = 7;
-constexpr char darkFrame[] = "000000";   ///< before the first mode
-constexpr char signalFrame[] = "110000"; ///< of the power that boards start with
+constexpr char darkFrame[] = "000000";                ///< before the first mode
+constexpr char signalFrame[] = "110000";              ///< of the power that boards start with
 
 struct Case {
     const char *group;
@@ -63,44 +72,35 @@ constexpr Case cases[] = {
 
 using Events = std::vector<Event>;
 
+Events framesIn(const Events &events, size_t from)
+{
+    Events frames;
+    std::copy_if(events.begin() + static_cast<ptrdiff_t>(from), events.end(),
+                 std::back_inserter(frames),
+                 [](const Event &event) { return event.kind == EventKind::Leds; });
+    return frames;
+}
+
 /// Waits for LED frames from an event on: as many as wanted, or fewer when no more come.
 Events waitForFrames(const Board &board, size_t from, size_t wanted)
 {
     size_t known = 0;
-    for (;;) {
-        Events frames;
-        const bool more = board.waitUntil(
-            [&](const Events &events) {
-                size_t count = 0;
-                for (size_t i = from; i < events.size(); i++)
-                    count += events[i].kind == EventKind::Leds;
-                return count > known;
-            },
-            longestTick);
-        for (const Event &event : board.events(from)) {
-            if (event.kind == EventKind::Leds)
-                frames.push_back(event);
-        }
-        known = frames.size();
-        if (!more || known >= wanted)
-            return frames;
-    }
+    const auto grow = [&](const Events &events) { return framesIn(events, from).size() > known; };
+    while (known < wanted && board.waitUntil(grow, longestTick))
+        known = framesIn(board.events(), from).size();
+    return framesIn(board.events(), from);
 }
 
 /// Waits for the bar, which comes from the loop: with the loop the pipe is read. The dark frame
 /// from before the loop, and before the pipe, may be read late and does not count.
 void waitForBar(const Board &board, size_t from)
 {
-    const bool seen = board.waitUntil(
-        [&](const Events &events) {
-            return std::any_of(events.begin() + static_cast<ptrdiff_t>(from), events.end(),
-                               [](const Event &event) {
-                                   return event.kind == EventKind::Leds &&
-                                          event.text == signalFrame;
-                               });
-        },
-        deadline);
-    if (!seen)
+    const auto shows = [&](const Events &events) {
+        const Events frames = framesIn(events, from);
+        return std::any_of(frames.begin(), frames.end(),
+                           [](const Event &frame) { return frame.text == signalFrame; });
+    };
+    if (!board.waitUntil(shows, deadline))
         throw std::runtime_error("the daemon draws nothing");
 }
 
@@ -191,7 +191,6 @@ constexpr double LANES_LEFT = 24;
 constexpr double LANES_WIDTH = CELL_WIDTH - LANES_LEFT - 22;
 constexpr double LANE = 11;
 constexpr double BAR = 8;
-constexpr const char *gpios[] = {"6", "7", "8", "2", "3", "4"};
 constexpr size_t SHOWN_TICKS = 8;
 
 void drawCell(Svg &svg, double left, double top, const Pattern &pattern)
@@ -203,9 +202,10 @@ void drawCell(Svg &svg, double left, double top, const Pattern &pattern)
              Svg::Anchor::End);
     const double lanes = top + 20;
     const double step = LANES_WIDTH / SHOWN_TICKS;
-    for (size_t led = 0; led < std::size(gpios); led++) {
+    for (size_t led = 0; led < std::size(device::ledGpios); led++) {
         const double y = lanes + static_cast<double>(led) * LANE;
-        svg.text("muted small", left + 12, y + BAR, gpios[led], Svg::Anchor::Middle);
+        svg.text("muted small", left + 12, y + BAR, std::to_string(device::ledGpios[led]),
+                 Svg::Anchor::Middle);
         svg.rect("off", left + LANES_LEFT, y + BAR / 2 - 0.5, LANES_WIDTH, 1);
         for (size_t tick = 0; tick < SHOWN_TICKS; tick++) {
             const auto lit = [&](size_t at) {
@@ -221,7 +221,7 @@ void drawCell(Svg &svg, double left, double top, const Pattern &pattern)
                      static_cast<double>(end - tick) * step, BAR);
         }
     }
-    const double axis = lanes + static_cast<double>(std::size(gpios)) * LANE + 1;
+    const double axis = lanes + static_cast<double>(std::size(device::ledGpios)) * LANE + 1;
     if (pattern.tick == 0)
         return;
     for (size_t tick = 0; tick <= SHOWN_TICKS; tick++) {
@@ -230,39 +230,15 @@ void drawCell(Svg &svg, double left, double top, const Pattern &pattern)
     }
 }
 
-} // namespace
-
+/// Plays all nine display modes on boards of their own.
 std::vector<Pattern> recordPatterns()
 {
-    std::vector<Pattern> patterns(std::size(cases));
-    // The long ones first.
-    std::vector<size_t> order(std::size(cases));
-    for (size_t i = 0; i < order.size(); i++)
-        order[i] = i;
-    std::stable_sort(order.begin(), order.end(), [](size_t a, size_t b) {
-        const auto isLong = [](const Case &one) { return one.frames != ROUNDS; };
-        return isLong(cases[a]) > isLong(cases[b]);
-    });
-    std::atomic<size_t> next{0};
-    std::mutex mutex;
-    std::exception_ptr failure;
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < BOARDS_AT_ONCE; i++) {
-        threads.emplace_back([&] {
-            for (size_t turn = next++; turn < order.size(); turn = next++) {
-                try {
-                    patterns[order[turn]] = recordOne(cases[order[turn]]);
-                } catch (...) {
-                    const std::lock_guard lock(mutex);
-                    failure = std::current_exception();
-                }
-            }
-        });
-    }
-    for (std::thread &thread : threads)
-        thread.join();
-    if (failure)
-        std::rethrow_exception(failure);
+    std::vector<std::future<Pattern>> recordings;
+    for (const Case &one : cases)
+        recordings.push_back(std::async(std::launch::async, recordOne, std::cref(one)));
+    std::vector<Pattern> patterns;
+    for (std::future<Pattern> &recording : recordings)
+        patterns.push_back(recording.get());
     return patterns;
 }
 
@@ -316,4 +292,21 @@ std::string listPatterns(const std::vector<Pattern> &patterns)
     return text;
 }
 
-} // namespace kelo::docs
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc != 2) {
+        fputs("usage: kelo-docs FOLDER\n", stderr);
+        return 2;
+    }
+    const std::string folder = argv[1];
+    try {
+        const std::vector<Pattern> patterns = recordPatterns();
+        writeFile(folder + "/led-patterns.svg", drawPatterns(patterns));
+        writeFile(folder + "/led-patterns.md", listPatterns(patterns));
+    } catch (const std::exception &error) {
+        fprintf(stderr, "kelo-docs: %s\n", error.what());
+        return 1;
+    }
+}
