@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <span>
 
 /// Leaves a test out, with the reason, on a form of board that does not have something.
 #define NEEDS(ability)                                                                             \
@@ -79,11 +80,32 @@ protected:
         ASSERT_TRUE(draws(2));
     }
 
-    /// Waits for the counters' next snapshot.
-    testing::AssertionResult seesSnapshot()
+    using Events = std::span<const Event>;
+
+    /// Waits until what has happened satisfies a condition.
+    bool comes(const std::function<bool(Events)> &condition,
+               kelo::Clock::duration patience = deadline)
     {
-        return sees(
-            EventKind::Snapshot, [](const std::string &) { return true; }, "a snapshot");
+        return board.waitUntil(
+            [&](Events events) { return condition(events.subspan(std::min(from, events.size()))); },
+            patience);
+    }
+
+    /// The same, with what is missed and what happened instead where that never comes.
+    testing::AssertionResult sees(const std::function<bool(Events)> &condition,
+                                  const std::string &what)
+    {
+        if (comes(condition))
+            return testing::AssertionSuccess();
+        return listed("never saw " + what + " but:", board.events(from));
+    }
+
+    static testing::AssertionResult listed(const std::string &title, Events events)
+    {
+        auto failure = testing::AssertionFailure() << title;
+        for (const Event &event : events)
+            failure << "\n  " << kindName(event.kind) << " " << event.text;
+        return failure;
     }
 
     /// Waits until an event of this kind satisfies the condition.
@@ -91,21 +113,13 @@ protected:
                                   const std::function<bool(const std::string &)> &condition,
                                   const std::string &what)
     {
-        const bool seen = board.waitUntil(
-            [&](const std::vector<Event> &events) {
-                for (size_t i = from; i < events.size(); i++) {
-                    if (events[i].kind == kind && condition(events[i].text))
-                        return true;
-                }
-                return false;
+        return sees(
+            [&](Events events) {
+                return std::any_of(events.begin(), events.end(), [&](const Event &event) {
+                    return event.kind == kind && condition(event.text);
+                });
             },
-            deadline);
-        if (seen)
-            return testing::AssertionSuccess();
-        auto failure = testing::AssertionFailure() << "never saw " << what << " but:";
-        for (const Event &event : board.events(from))
-            failure << "\n  " << kindName(event.kind) << " " << event.text;
-        return failure;
+            what);
     }
 
     testing::AssertionResult sees(EventKind kind, const std::string &text)
@@ -115,40 +129,39 @@ protected:
             std::string(kindName(kind)) + " " + text);
     }
 
-    /// Waits for a log record that contains this text.
-    testing::AssertionResult logs(const std::string &text)
-    {
-        return sees(
-            EventKind::Log,
-            [&](const std::string &seen) { return seen.find(text) != std::string::npos; },
-            "a log record with " + text);
-    }
-
     struct Thing {
         EventKind kind;
         std::string text; ///< a part of the event's
+
+        bool isIn(const Event &event) const
+        {
+            return event.kind == kind && event.text.find(text) != std::string::npos;
+        }
     };
 
     /// Waits until these things have happened in this order, whatever else did in between.
     testing::AssertionResult happens(const std::vector<Thing> &things)
     {
-        const auto found = [&](const std::vector<Event> &events) {
-            size_t next = 0;
-            for (size_t i = from; i < events.size() && next < things.size(); i++)
-                next += events[i].kind == things[next].kind &&
-                        events[i].text.find(things[next].text) != std::string::npos;
-            return next;
-        };
-        if (board.waitUntil(
-                [&](const std::vector<Event> &events) { return found(events) == things.size(); },
-                deadline))
-            return testing::AssertionSuccess();
-        const Thing &missing = things[found(board.events(0))];
-        auto failure = testing::AssertionFailure() << "no " << kindName(missing.kind) << " "
-                                                   << missing.text << " in its place:";
-        for (const Event &event : board.events(from))
-            failure << "\n  " << kindName(event.kind) << " " << event.text;
-        return failure;
+        std::string missing;
+        const bool all = comes([&](Events events) {
+            auto next = things.begin();
+            for (const Event &event : events)
+                next += next != things.end() && next->isIn(event);
+            missing =
+                next == things.end() ? "" : std::string(kindName(next->kind)) + " " + next->text;
+            return next == things.end();
+        });
+        return all ? testing::AssertionSuccess()
+                   : listed("no " + missing + " in its place:", board.events(from));
+    }
+
+    /// Waits for the counters' next snapshot.
+    testing::AssertionResult seesSnapshot() { return happens({{EventKind::Snapshot, ""}}); }
+
+    /// Waits for a log record that contains this text.
+    testing::AssertionResult logs(const std::string &text)
+    {
+        return happens({{EventKind::Log, text}});
     }
 
     /// Writes a command into the display pipe and waits until the daemon has taken it and opened
@@ -164,56 +177,50 @@ protected:
             ASSERT_LT(kelo::Clock::now(), end);
     }
 
-    /// How many events of a kind contain a text so far.
+    /// How many events of a kind contain a text.
+    static size_t countIn(Events events, EventKind kind, const std::string &text = "")
+    {
+        const Thing thing{kind, text};
+        return static_cast<size_t>(std::count_if(
+            events.begin(), events.end(), [&](const Event &event) { return thing.isIn(event); }));
+    }
+
+    /// The same of what has happened so far.
     size_t count(EventKind kind, const std::string &text = "")
     {
-        size_t result = 0;
-        for (const Event &event : board.events(from))
-            result += event.kind == kind && event.text.find(text) != std::string::npos;
-        return result;
+        return countIn(board.events(from), kind, text);
     }
 
     /// Waits for this many LED frames.
     testing::AssertionResult draws(size_t frames)
     {
-        return board.waitUntil(
-                   [&](const std::vector<Event> &events) { return framesIn(events) >= frames; },
-                   deadline)
-                   ? testing::AssertionSuccess()
-                   : testing::AssertionFailure() << "the LEDs were not drawn often enough";
+        return sees([=](Events events) { return countIn(events, EventKind::Leds) >= frames; },
+                    std::to_string(frames) + " frames");
     }
 
-    /// The LED frames drawn, in order.
-    std::vector<std::string> frames()
+    static std::vector<std::string> framesIn(Events events)
     {
         std::vector<std::string> result;
-        for (const Event &event : board.events(from)) {
+        for (const Event &event : events) {
             if (event.kind == EventKind::Leds)
                 result.push_back(event.text);
         }
         return result;
     }
 
+    /// The LED frames drawn, in order.
+    std::vector<std::string> frames() { return framesIn(board.events(from)); }
+
     /// Waits until these frames were drawn one after the other.
     testing::AssertionResult plays(const std::vector<std::string> &pattern)
     {
-        const auto end = kelo::Clock::now() + deadline;
-        for (;;) {
-            const std::vector<std::string> drawn = frames();
-            if (std::search(drawn.begin(), drawn.end(), pattern.begin(), pattern.end()) !=
-                drawn.end())
-                return testing::AssertionSuccess();
-            const size_t known = drawn.size();
-            if (kelo::Clock::now() > end ||
-                !board.waitUntil(
-                    [&](const std::vector<Event> &events) { return framesIn(events) > known; },
-                    deadline)) {
-                auto failure = testing::AssertionFailure() << "drawn instead:";
-                for (const std::string &frame : drawn)
-                    failure << " " << frame;
-                return failure;
-            }
-        }
+        return sees(
+            [&](Events events) {
+                const std::vector<std::string> drawn = framesIn(events);
+                return std::search(drawn.begin(), drawn.end(), pattern.begin(), pattern.end()) !=
+                       drawn.end();
+            },
+            "the pattern");
     }
 
     /// The median time between frames drawn from now on.
@@ -221,17 +228,14 @@ protected:
     {
         fromNow();
         EXPECT_TRUE(draws(frameCount + 1));
-        std::vector<kelo::Clock::duration> steps;
-        kelo::Clock::time_point last;
-        bool first = true;
+        std::vector<kelo::Clock::time_point> times;
         for (const Event &event : board.events(from)) {
-            if (event.kind != EventKind::Leds)
-                continue;
-            if (!first)
-                steps.push_back(event.time - last);
-            first = false;
-            last = event.time;
+            if (event.kind == EventKind::Leds)
+                times.push_back(event.time);
         }
+        std::vector<kelo::Clock::duration> steps;
+        for (size_t i = 1; i < times.size(); i++)
+            steps.push_back(times[i] - times[i - 1]);
         std::sort(steps.begin(), steps.end());
         return steps[steps.size() / 2];
     }
@@ -262,15 +266,8 @@ protected:
         for (;;) {
             const std::string text = "New IPv4 address 192.0.2." + std::to_string(++settled_) + "/";
             ip("addr add 192.0.2." + std::to_string(settled_) + "/32 dev lo");
-            const bool seen = board.waitUntil(
-                [&](const std::vector<Event> &events) {
-                    for (size_t i = from; i < events.size(); i++) {
-                        if (events[i].text.find(text) != std::string::npos)
-                            return true;
-                    }
-                    return false;
-                },
-                2s);
+            const bool seen =
+                comes([&](Events events) { return countIn(events, EventKind::Log, text) > 0; }, 2s);
             if (seen || testing::Test::HasFatalFailure())
                 return;
             ASSERT_LT(kelo::Clock::now(), end) << "the daemon does not go on";
@@ -278,13 +275,5 @@ protected:
     }
 
 private:
-    size_t framesIn(const std::vector<Event> &events) const
-    {
-        size_t result = 0;
-        for (size_t i = from; i < events.size(); i++)
-            result += events[i].kind == EventKind::Leds;
-        return result;
-    }
-
     int settled_ = 0;
 };

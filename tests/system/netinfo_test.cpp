@@ -114,17 +114,13 @@ TEST_F(Snapshot, UnwritableFolderIsReportedEverySecondAndCountersWait)
     board.makeFolder(temporary);
     board.setPort(1, 60, 90);
     fromNow();
-    ASSERT_TRUE(board.waitUntil(
-        [&](const std::vector<Event> &events) {
-            return std::count_if(events.begin() + static_cast<ptrdiff_t>(from), events.end(),
-                                 [](const Event &event) {
-                                     return event.kind == EventKind::Log &&
-                                            event.text.starts_with(
-                                                "kelo-monitord: Failed to open file "
-                                                "/var/run/kelo-monitord.netinfo.tmp\n [");
-                                 }) >= 2;
+    ASSERT_TRUE(sees(
+        [](Events events) {
+            return countIn(events, EventKind::Log,
+                           "kelo-monitord: Failed to open file "
+                           "/var/run/kelo-monitord.netinfo.tmp\n [") >= 2;
         },
-        deadline));
+        "two complaints"));
     EXPECT_EQ(0U, count(EventKind::Call, "syscfg_getPortBytes"));
     board.remove(temporary);
     EXPECT_TRUE(snapshotWith("port=lan1,in=50,out=70,counterIn=60,counterOut=90"));

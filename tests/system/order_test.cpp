@@ -30,16 +30,10 @@ protected:
     static testing::AssertionResult are(const std::vector<Event> &events,
                                         const std::vector<Thing> &things)
     {
-        bool equal = events.size() == things.size();
-        for (size_t i = 0; equal && i < events.size(); i++)
-            equal = events[i].kind == things[i].kind &&
-                    events[i].text.find(things[i].text) != std::string::npos;
-        if (equal)
-            return testing::AssertionSuccess();
-        auto failure = testing::AssertionFailure() << "instead:";
-        for (const Event &event : events)
-            failure << "\n  " << kindName(event.kind) << " " << event.text;
-        return failure;
+        const bool equal =
+            std::equal(events.begin(), events.end(), things.begin(), things.end(),
+                       [](const Event &event, const Thing &thing) { return thing.isIn(event); });
+        return equal ? testing::AssertionSuccess() : listed("instead:", events);
     }
 };
 

@@ -21,12 +21,12 @@ protected:
     pid_t program = -1;
 
     /// Runs a board that ends with this test, however that ends.
-    void up(std::vector<std::string> prefix = {})
+    void up(const kelo::Words &prefix = {})
     {
         // Last: the kernel forgets it where the prefix changes the user.
-        prefix.insert(prefix.end(),
-                      {"setpriv", "--pdeathsig", "KILL", KELO_BOARD_PROGRAM, "up", name});
-        program = kelo::spawnApart(prefix, {-1, output.write.get(), output.write.get()});
+        program = kelo::spawnApart(kelo::concat(prefix, {"setpriv", "--pdeathsig", "KILL",
+                                                         KELO_BOARD_PROGRAM, "up", name}),
+                                   {-1, output.write.get(), output.write.get()});
         output.write.reset();
     }
 
@@ -44,17 +44,16 @@ protected:
         return testing::AssertionFailure() << "printed instead: " << seen;
     }
 
-    /// The processes in whose command line a text is.
-    static std::vector<std::string> processesWith(const std::string &text)
+    /// The command line of a process that has a text in it; empty when there is none.
+    static std::string processWith(const std::string &text)
     {
-        std::vector<std::string> result;
         for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
             std::string line = kelo::readFile(entry.path() / "cmdline");
             std::replace(line.begin(), line.end(), '\0', ' ');
             if (line.find(text) != std::string::npos)
-                result.push_back(line);
+                return line;
         }
-        return result;
+        return {};
     }
 
     /// The network namespaces in which a process of this machine lives.
@@ -112,46 +111,45 @@ TEST_P(EndOfProgram, LeavesNothingBehind)
 INSTANTIATE_TEST_SUITE_P(By, EndOfProgram, testing::Values(SIGINT, SIGTERM, SIGHUP, SIGKILL),
                          [](const auto &test) { return sigabbrev_np(test.param); });
 
+bool isReached(const kelo::Words &prefix)
+{
+    return kelo::run(kelo::concat(prefix, {"test", "-x", KELO_BOARD_PROGRAM})).status == 0;
+}
+
 /// A command prefix that drops root's rights. Where the source tree stands in a folder that is
 /// closed to other users, it first gets its place in an open one, in a mount namespace of its own.
-std::vector<std::string> asNobody()
+kelo::Words asNobody()
 {
-    const std::vector<std::string> nobody{"setpriv", "--reuid=65534", "--regid=65534",
-                                          "--clear-groups"};
-    std::vector<std::string> reach = nobody;
-    reach.insert(reach.end(), {"test", "-x", KELO_BOARD_PROGRAM});
-    if (kelo::run(reach).status == 0)
+    const kelo::Words nobody{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+    if (isReached(nobody))
         return nobody;
-    std::vector<std::string> result{
-        "unshare",
-        "--mount",
-        "sh",
-        "-c",
-        "exec 3< " KELO_SOURCE "\n"
-        "top=$(echo " KELO_SOURCE " | cut -d/ -f1,2)\n"
-        "mount -t tmpfs -o mode=755 open \"$top\" &&\n"
-        "for name in board build; do\n"
-        "mkdir -p " KELO_SOURCE "/$name &&\n"
-        "mount --no-canonicalize --bind /proc/self/fd/3/$name " KELO_SOURCE "/$name || exit\n"
-        "done\n"
-        "exec \"$@\" 3<&-",
-        "sh"};
-    result.insert(result.end(), nobody.begin(), nobody.end());
-    return result;
+    const kelo::Words result{"unshare",
+                             "--mount",
+                             "sh",
+                             "-c",
+                             "exec 3< " KELO_SOURCE "\n"
+                             "top=$(echo " KELO_SOURCE " | cut -d/ -f1,2)\n"
+                             "mount -t tmpfs -o mode=755 open \"$top\" &&\n"
+                             "for name in board build; do\n"
+                             "mkdir -p " KELO_SOURCE "/$name &&\n"
+                             "mount --no-canonicalize --bind /proc/self/fd/3/$name " KELO_SOURCE
+                             "/$name || exit\n"
+                             "done\n"
+                             "exec \"$@\" 3<&-",
+                             "sh"};
+    return kelo::concat(result, nobody);
 }
 
 TEST_F(Program, RunsForAnOrdinaryUserOrSaysWhatIsMissing)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "this is an ordinary user already";
-    const std::vector<std::string> nobody = asNobody();
-    std::vector<std::string> reach = nobody;
-    reach.insert(reach.end(), {"test", "-x", KELO_BOARD_PROGRAM});
-    if (kelo::run(reach).status != 0)
+    const kelo::Words nobody = asNobody();
+    if (!isReached(nobody))
         GTEST_SKIP() << "the build folder is closed to other users and cannot be shown to them";
-    std::vector<std::string> probe = nobody;
-    probe.insert(probe.end(), {"unshare", "--user", "--map-root-user", "true"});
-    const bool allowed = kelo::run(probe).status == 0;
+    const bool allowed =
+        kelo::run(kelo::concat(nobody, {"unshare", "--user", "--map-root-user", "true"})).status ==
+        0;
     up(nobody);
     if (allowed) {
         EXPECT_TRUE(prints("snapshot"));
@@ -169,15 +167,11 @@ TEST_F(Program, WithoutTheRightToNamespacesRootGetsAPlainBoard)
         GTEST_SKIP() << "needs root";
     up({"setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin"});
     ASSERT_TRUE(prints("snapshot"));
-    const std::string root = [&] {
-        for (const std::string &line : processesWith("board-init plain"))
-            return line;
-        return std::string();
-    }();
+    const std::string root = processWith("board-init plain");
     EXPECT_NE("", root);
     kill(program, SIGKILL);
     kelo::waitFor(program);
-    EXPECT_TRUE(within([&] { return processesWith("board-init plain").empty(); }));
+    EXPECT_TRUE(within([&] { return processWith("board-init plain").empty(); }));
     const std::string folder = std::filesystem::temp_directory_path() / "kelo-board-";
     const size_t at = root.find(folder);
     ASSERT_NE(std::string::npos, at);
