@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <functional>
 #include <poll.h>
+#include <pty.h>
 #include <random>
 #include <sstream>
 #include <unistd.h>
@@ -94,14 +95,50 @@ protected:
         return result;
     }
 
+    /// Starts the board by a panel in a terminal with a shell's job control.
+    void openPanel()
+    {
+        int master;
+        const pid_t shell = forkpty(&master, nullptr, nullptr, nullptr);
+        if (shell == 0) {
+            setenv("TERM", "xterm", 1);
+            execlp("sh", "sh", "-mc", "\"$0\" panel \"$1\"; exec sleep 1000", KELO_BOARD_PROGRAM,
+                   name.c_str(), nullptr);
+            _exit(127);
+        }
+        ASSERT_GT(shell, 0);
+        panel.shell = shell;
+        panel.terminal = kelo::Descriptor(master);
+        fcntl(master, F_SETFL, O_NONBLOCK);
+        const auto end = Clock::now() + 20s;
+        while (kb({"expect", "leds", "110000"}).status != 0) {
+            kelo::readAll(master); // or the panel waits for room
+            ASSERT_LT(Clock::now(), end) << "the panel starts no daemon";
+        }
+    }
+
+    void closePanel()
+    {
+        if (panel.shell > 0) {
+            kill(panel.shell, SIGKILL);
+            kelo::waitFor(panel.shell);
+        }
+        panel = {};
+    }
+
     size_t pick(size_t count) { return std::uniform_int_distribution<size_t>(0, count - 1)(dice); }
 
     void round()
     {
         SCOPED_TRACE("board " + name);
         std::string story;
-        const Done up = kb({"up", "--detach", name});
-        ASSERT_EQ(0, up.status) << up.output;
+        if (pick(4) == 0) {
+            story += "\n  panel";
+            openPanel();
+        } else {
+            const Done up = kb({"up", "--detach", name});
+            ASSERT_EQ(0, up.status) << up.output;
+        }
         const std::vector<Process> all = processes();
         ASSERT_EQ(4U, all.size());
         for (size_t deeds = pick(4) + 1; deeds > 0; deeds--) {
@@ -112,6 +149,11 @@ protected:
                 story += std::string("\n  ") + sigabbrev_np(number) + " to the " + victim.name;
                 if (!hasEnded(victim))
                     kill(victim.pid, number);
+                continue;
+            }
+            if (panel.terminal && pick(2) == 0) {
+                story += "\n  Ctrl-Z";
+                EXPECT_EQ(1, write(panel.terminal.get(), "\x1a", 1)) << story;
                 continue;
             }
             static const std::vector<Words> commands = {{"mode", "restore"},
@@ -138,6 +180,7 @@ protected:
             EXPECT_LE(done.status, 1) << done.output << story;
         }
         const Done down = kb({"down", name});
+        closePanel();
         EXPECT_LE(down.seconds, 5.0) << story;
         EXPECT_TRUE(down.status == 0 || down.status == 1) << down.status << story;
         const Done again = kb({"down", name});
@@ -151,6 +194,10 @@ protected:
     }
 
     const std::string name = "torture-" + std::to_string(getpid());
+    struct {
+        pid_t shell = -1;
+        kelo::Descriptor terminal;
+    } panel; ///< of this round, if the board has one
     std::mt19937 dice;
 };
 
