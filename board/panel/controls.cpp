@@ -158,8 +158,8 @@ void Controls::turnWanLink()
             ip({"link", "del", "nas0_0"});
             return std::string("deleted the link nas0_0");
         }
-        // The first process is on the terminal's side.
-        ip({"link", "add", "nas0_0", "type", "veth", "peer", "name", "nas0_0", "netns", "1"}, true);
+        ip({"link", "add", "nas0_0", "type", "veth", "peer", "name", "nas0_0", "netns",
+            board_.form().root() + "/.far"});
         ip({"link", "set", "nas0_0", "up"}, true);
         ip({"link", "set", "nas0_0", "up"});
         return std::string("made the link nas0_0 again");

@@ -608,19 +608,19 @@ TEST_F(OnBoard, CommandsRunAtTheFarEndOfItsLinks)
 TEST_F(OnBoard, ProviderSaysWhichPackageIsMissing)
 {
     struct Missing {
-        std::string program;
+        std::string server;
         std::string package;
         Words command;
     };
-    for (const auto &[program, package, command] :
+    for (const auto &[server, package, command] :
          {Missing{"dhcpcd", "dhcpcd-base", {"dhcp", "start"}},
           Missing{"dnsmasq", "dnsmasq-base", {"provider", "start", "--dhcp"}},
           Missing{"radvd", "radvd", {"provider", "start"}}}) {
         // Nobody but the board notices.
-        succeeds({"exec", "mount", "--bind", "/dev/null", "/usr/sbin/" + program});
+        succeeds({"exec", "mount", "--bind", "/dev/null", "/usr/sbin/" + server});
         const Outcome outcome = on(command);
         EXPECT_EQ(1, outcome.status);
-        EXPECT_EQ("kelo-board: there is no " + program +
+        EXPECT_EQ("kelo-board: there is no " + server +
                       " on this machine: install Debian's package " + package + "\n",
                   outcome.err);
     }
