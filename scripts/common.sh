@@ -132,6 +132,9 @@ prove()
     shift 2
     ctest --test-dir "$folder" --output-on-failure --no-tests=error "$@" | tee "$folder/test.log" || status=$?
     proved "$what" "$(awk '/tests passed/ { failed = $4; all = $NF }
-        /^Total Test time/ { print all - failed " of " all " passed, " int($(NF - 1) + 0.5) " s" }' "$folder/test.log")"
+        /^Total Test time/ { time = int($(NF - 1) + 0.5) }
+        /\(Skipped\)$/ { skipped++ }
+        END { print all - failed - skipped " of " all " passed, " (skipped ? skipped " skipped, " : "") time " s" }' \
+        "$folder/test.log")"
     return $status
 }
