@@ -186,6 +186,7 @@ TEST_F(PanelTest, KeysChangeTheNetwork)
     EXPECT_TRUE(shows("deleted the link nas0_0"));
     key("x");
     EXPECT_TRUE(shows("made the link nas0_0 again"));
+    EXPECT_EQ(0, command({"ip", "--far", "link", "show", "nas0_0"}).status);
     key("w");
     EXPECT_TRUE(shows("WAN address  2001:db8::1/64"));
 }
