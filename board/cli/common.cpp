@@ -23,6 +23,7 @@ CLI::App *Cli::addTo(CLI::App &parent, const std::string &name, const std::strin
                      std::function<void()> action)
 {
     CLI::App *const command = parent.add_subcommand(name, description);
+    command->group("Commands");
     command->callback(std::move(action));
     return command;
 }

@@ -80,7 +80,7 @@ void addProvider(Cli &cli)
     begin->add_option("--preferred", options->preferred, "How long addresses stay preferred")
         ->type_name("TIME")
         ->capture_default_str();
-    begin->add_option("--valid", options->valid, "How long they stay")
+    begin->add_option("--valid", options->valid, "How long they stay at all")
         ->type_name("TIME")
         ->capture_default_str();
     begin->add_option("--router", options->router, "How long the default route stays")
@@ -108,9 +108,10 @@ void addProvider(Cli &cli)
     cli.addTo(*provider, "log", "Print what the servers and the client said",
               [tell] { tell({"log"}); });
 
-    cli.addTo(*client, "start", "Ask for addresses by DHCPv6 and DHCPv4",
+    cli.addTo(*client, "start", "Start it: it asks for addresses by DHCPv6 and DHCPv4",
               [tell] { tell({"ask"}); });
-    cli.addTo(*client, "stop", "Give them back and end", [tell] { tell({"release"}); });
+    cli.addTo(*client, "stop", "Give the addresses back and end the client",
+              [tell] { tell({"release"}); });
 }
 
 } // namespace kelo

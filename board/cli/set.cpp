@@ -96,7 +96,7 @@ void addSet(Cli &cli)
         ->add_option("STATE", values->number, "5 is link up, anything else is down")
         ->required();
 
-    cli.addTo(*set, "button", "Reset button, to the very value",
+    cli.addTo(*set, "button", "Value of the reset button",
               [&cli, values] { cli.running().setButton(values->number); })
         ->add_option("VALUE", values->number, "0 is released, from 5 on a long hold")
         ->required();
@@ -117,12 +117,12 @@ void addSet(Cli &cli)
 void addButton(Cli &cli)
 {
     constexpr char effect[] =
-        "Let go of before its value is 5, the button reboots the device; at 5 it\n"
-        "restores the defaults. Either way the daemon looks at it no more, as on a\n"
-        "device that is about to go down: kelo-board restart starts it afresh.";
+        "Released before its value is 5, the button reboots the device; at 5 it restores\n"
+        "the defaults. Then the daemon no longer looks at it, as the device is about to\n"
+        "go down: kelo-board restart starts the daemon afresh.";
     const auto time = std::make_shared<std::string>("2s");
     CLI::App *const pressCommand =
-        cli.add(hardwareGroup, "press", "Press the reset button and let go of it",
+        cli.add(hardwareGroup, "press", "Press the reset button and release it",
                 [&cli, time] { press(cli.board, *time); });
     pressCommand->add_option("TIME", *time, "How long; the daemon looks once a second")
         ->capture_default_str();
@@ -130,7 +130,7 @@ void addButton(Cli &cli)
     cli.addRequest(hardwareGroup, "hold",
                    "Hold the reset button down; its value grows every second", {"hold"})
         ->footer(effect);
-    cli.addRequest(hardwareGroup, "release", "Let go of the reset button", {"release"});
+    cli.addRequest(hardwareGroup, "release", "Release the reset button", {"release"});
 }
 
 void addMode(Cli &cli)
