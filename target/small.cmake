@@ -26,8 +26,8 @@ target_compile_options(kelo_device INTERFACE
 # small(TARGET): for the program itself.
 function(small target)
   set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
-  known(-fno-move-loop-invariants -fmerge-all-constants -fno-jump-tables -fno-caller-saves
-    -fno-guess-branch-probability -fno-builtin-snprintf)
+  known(-fno-move-loop-invariants -fno-tree-loop-im -fmerge-all-constants -fno-jump-tables
+    -fno-caller-saves -fno-guess-branch-probability -fno-builtin-snprintf -mtune=24kc)
   target_compile_options(${target} PRIVATE ${flags})
   target_compile_definitions(${target} PRIVATE $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
   target_link_options(${target} PRIVATE
