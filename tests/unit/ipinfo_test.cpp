@@ -272,6 +272,15 @@ TEST_F(Tracker, SkipsOtherTypes)
     }
 }
 
+TEST_F(Tracker, TakesADeletedLinkForNothingElse)
+{
+    receive(newAddress(hostA));
+    netlink().names[7] = "br0"; // so that what is known of br0 would be found under 7
+    const Bytes link = AddressHeader{.ifindex = 7} + attribute(IFA_ADDRESS, hostA);
+    EXPECT_EQ(receive(message(RTM_DELLINK, link)),
+              Lines{logged("ipinfo_netlink_dellink", "Removed interface br0(7)")});
+}
+
 TEST_F(Tracker, IgnoresFlagsSequenceAndSenderOfAMessage)
 {
     Bytes bytes = newAddress(hostA);
