@@ -25,10 +25,10 @@ void Access::require(Ability ability) const
         throw std::runtime_error(reason);
 }
 
-void Access::setPort(int port, unsigned long long in, unsigned long long out) const
+Words Access::portRequest(int port, unsigned long long in, unsigned long long out)
 {
-    put(device::portsFolder + std::to_string(port),
-        std::to_string(in) + " " + std::to_string(out) + "\n");
+    return {"put", device::portsFolder + std::to_string(port),
+            std::to_string(in) + " " + std::to_string(out) + "\n"};
 }
 
 void Access::removePort(int port) const
@@ -66,7 +66,7 @@ Result Access::exec(const Words &command) const
 
 int Access::exec(const Words &command, const Printed &printed) const
 {
-    return atoi(ask_(concat({"run"}, command), printed, commandLimit).at(0).c_str());
+    return atoi(link_->ask(concat({"run"}, command), printed, commandLimit).at(0).c_str());
 }
 
 std::optional<pid_t> Access::daemon() const
@@ -81,12 +81,11 @@ std::string Access::daemonFolder() const
     return words.empty() ? "" : words.at(1);
 }
 
-std::string Access::daemonState() const
+std::string Access::daemonState(const Words &answer)
 {
-    const Words words = ask({"daemon"});
-    if (words.empty())
+    if (answer.empty())
         return "ended";
-    const std::string &state = words.at(2);
+    const std::string &state = answer.at(2);
     return state == "T" || state == "t" ? "stopped" : state == "Z" ? "zombie" : "running";
 }
 

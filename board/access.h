@@ -7,6 +7,7 @@
 #pragma once
 
 #include "device.h"
+#include "form.h"
 #include "link.h"
 
 #include <memory>
@@ -18,16 +19,23 @@ namespace kelo {
 
 class Access {
 public:
-    /// Sends the agent a request and waits for its answer; see agent/main.cpp for the verbs.
-    using Ask = std::function<Words(const Words &request, const Printed &, Clock::duration limit)>;
-
-    Access(std::shared_ptr<const Form> form, Ask ask) : form_(std::move(form)), ask_(std::move(ask))
+    Access(std::shared_ptr<const Form> form, std::shared_ptr<Link> link)
+        : form_(std::move(form)), link_(std::move(link))
     {
     }
 
-    Words ask(const Words &request) const { return ask_(request, {}, requestLimit); }
+    /// Sends a request and waits for its answer; see agent/main.cpp for the verbs.
+    Words ask(const Words &request, Clock::duration limit = requestLimit) const
+    {
+        return link_->ask(request, {}, limit);
+    }
     /// The answer's words as one text; nothing when the agent says that there is none.
     std::optional<std::string> attempt(const Words &request) const;
+
+    /// To ask without waiting.
+    Link &link() const { return *link_; }
+    /// Lets things happen, for some time at the most.
+    void turn(Clock::duration time) const { link_->loop().turn(Clock::now() + time); }
 
     const Form &form() const { return *form_; }
     /// Throws, with the reason, where the board does not have something.
@@ -41,7 +49,11 @@ public:
     /// GPON ONU state; 5 is link up.
     void setGpon(int state) const { put(device::gponPath, std::to_string(state) + "\n"); }
     /// Byte counters of port 1 to 7.
-    void setPort(int port, unsigned long long in, unsigned long long out) const;
+    void setPort(int port, unsigned long long in, unsigned long long out) const
+    {
+        ask(portRequest(port, in, out));
+    }
+    static Words portRequest(int port, unsigned long long in, unsigned long long out);
     /// Makes a port unreadable.
     void removePort(int port) const;
     /// The reset button's value; 0 is up.
@@ -90,7 +102,9 @@ public:
     /// The daemon's folder in the board's /proc; empty while none runs.
     std::string daemonFolder() const;
     /// "running", "stopped", "zombie" or "ended".
-    std::string daemonState() const;
+    std::string daemonState() const { return daemonState(ask({"daemon"})); }
+    /// The same of the answer to that request.
+    static std::string daemonState(const Words &answer);
     /// Sends the daemon a signal; false when none runs.
     bool signalDaemon(int signal) const;
 
@@ -98,7 +112,7 @@ protected:
     Access() = default;
 
     std::shared_ptr<const Form> form_;
-    Ask ask_;
+    std::shared_ptr<Link> link_;
 };
 
 /// A signal's name as the agent takes it: "TERM".

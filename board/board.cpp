@@ -3,12 +3,17 @@
 #include "device.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <fcntl.h>
 #include <set>
+#include <sys/wait.h>
 
 namespace kelo {
 
 namespace {
 
+constexpr auto layoutLimit = std::chrono::seconds(60);
+constexpr int clockTries = 20;
 constexpr size_t eventsAtOnce = 4096;
 
 constexpr const char *kindNames[] = {"leds",     "log",   "mode", "call",   "store", "omci",
@@ -69,20 +74,88 @@ std::string subject(const Event &event)
     }
 }
 
-Board::Board(const Options &options, const Loop *loop)
-    : ownLoop_(loop ? nullptr : std::make_unique<Loop>()), loop_(loop ? *loop : *ownLoop_),
-      environment_(options.environment), keep_(options.keep)
+Board::Board(const Options &options, Link::LoopPointer loop)
+    : environment_(options.environment), keep_(options.keep)
 {
-    agent_ = std::make_unique<AgentLink>(
-        loop_, options.form,
-        [this](Clock::time_point time, const std::string &kind, const std::string &text) {
-            record(time, kind, text);
-        },
-        options.givenUp);
-    form_ = agent_->form();
-    ask_ = [this](const Words &request, const Printed &printed, Clock::duration limit) {
-        return agent_->ask(request, printed, limit);
+    std::vector<std::unique_ptr<Form>> forms = Form::named(options.form);
+    for (size_t i = 0; i < forms.size(); i++) {
+        agent_ = forms[i]->start();
+        form_ = std::move(forms[i]);
+        begin(loop);
+        std::optional<Answer> answer;
+        link_->send(
+            {"clock"}, [&](const Answer &got) { answer = got; }, {}, layoutLimit);
+        while (!answer && !options.givenUp())
+            turn(std::chrono::milliseconds(100));
+        if (answer && answer->ok()) {
+            compareClocks();
+            return;
+        }
+        const bool late = !ended();
+        link_.reset();
+        finish(late ? 0 : agent_.patience);
+        fcntl(agent_.complaints.get(), F_SETFL, O_NONBLOCK);
+        std::string complaint = readAll(agent_.complaints.get());
+        while (complaint.ends_with('\n'))
+            complaint.pop_back();
+        if (options.givenUp())
+            throw std::runtime_error("the board ended");
+        const bool refused = complaint.find("unshare:") != std::string::npos;
+        if (refused)
+            complaint += "\n" + namespaceAdvice();
+        if (!refused || i + 1 == forms.size())
+            throw std::runtime_error(!complaint.empty() ? complaint
+                                     : late             ? "the board does not start"
+                                                        : "the board ended as it started");
+        if (!forms[i + 1]->lacks(Ability::Network).empty())
+            fprintf(stderr,
+                    "%s\ngoing on without: in a plain chroot, on this machine's network, which is "
+                    "listened to but not changed\n",
+                    complaint.c_str());
+    }
+}
+
+Board::~Board()
+{
+    link_.reset(); // ends the agent, and with it everything of the board
+    form_.reset();
+    finish(agent_.patience);
+}
+
+void Board::begin(const Link::LoopPointer &loop)
+{
+    const auto happened = [this](Clock::time_point time, const std::string &kind,
+                                 const std::string &text) {
+        record(offset_ ? time + *offset_ : Clock::now(), kind, text);
     };
+    link_ = std::make_shared<Link>(loop, "the board", std::move(agent_.out), std::move(agent_.in),
+                                   happened);
+}
+
+void Board::finish(int patience) const
+{
+    makeEnd(endOf(agent_.process), patience);
+    waitpid(agent_.process, nullptr, WNOHANG);
+}
+
+/// Finds out how far the agent's clock is from this one: the shortest of some exchanges tells best.
+void Board::compareClocks()
+{
+    Clock::duration shortest = Clock::duration::max();
+    for (int i = 0; i < clockTries; i++) {
+        const Clock::time_point before = Clock::now();
+        const Clock::time_point there = toTime(ask({"clock"}).at(0));
+        const Clock::duration length = Clock::now() - before;
+        if (length >= shortest)
+            continue;
+        shortest = length;
+        offset_ = before + length / 2 - there;
+        // As good as equal is the same clock.
+        if (std::chrono::abs(*offset_) <= length) {
+            offset_ = Clock::duration::zero();
+            return;
+        }
+    }
 }
 
 void Board::startDaemon(const std::vector<std::string> &arguments)
@@ -123,7 +196,7 @@ std::vector<Event> Board::next(size_t &place, Clock::duration patience) const
 {
     const Clock::time_point end = Clock::now() + patience;
     do
-        loop_.turn(count_ > place ? Clock::now() : end);
+        link_->loop().turn(count_ > place ? Clock::now() : end);
     while (count_ <= place && Clock::now() < end && !ended());
     return next(place);
 }
@@ -154,7 +227,7 @@ bool Board::waitUntil(const std::function<bool(const std::vector<Event> &)> &con
         do {
             if (ended())
                 return false;
-            loop_.turn(end);
+            link_->loop().turn(end);
         } while (count_ == known && Clock::now() < end);
         if (count_ == known)
             return false;

@@ -56,11 +56,12 @@ public:
         std::function<bool()> givenUp = [] { return false; }; ///< ends the wait for its start
     };
 
-    /// Lays out the board and starts recording; the daemon does not run yet. Throws
-    /// std::runtime_error that says what the machine refuses and how to allow it.
-    explicit Board(const Options &options, const Loop *loop = nullptr);
+    /// Starts the agent, which lays out the board, and records; the daemon does not run yet. Of the
+    /// forms of that name it takes the first that the machine does not refuse. Throws
+    /// std::runtime_error that says what is refused and how to allow it.
+    explicit Board(const Options &options, Link::LoopPointer loop = std::make_shared<const Loop>());
     Board() : Board(Options()) {}
-    ~Board() { form_.reset(); } // the agent, that has the other share, ends it
+    ~Board();
     Board(const Board &) = delete;
     Board &operator=(const Board &) = delete;
 
@@ -96,20 +97,20 @@ public:
     /// the board's end, comes first. It is asked anew after every event.
     bool waitUntil(const std::function<bool(const std::vector<Event> &)> &condition,
                    Clock::duration deadline) const;
-    /// Lets things happen, for some time at the most.
-    void turn(Clock::duration time) const { loop_.turn(Clock::now() + time); }
 
     /// Whether the board has ended by itself.
-    bool ended() const { return agent_->ended(); }
-    AgentLink &agent() const { return *agent_; }
+    bool ended() const { return link_->ended(); }
 
 private:
+    void begin(const Link::LoopPointer &loop);
+    void finish(int patience) const;
+    void compareClocks();
     void record(Clock::time_point time, const std::string &kind, const std::string &text);
     void dropOldest();
     size_t firstPlace() const { return count_ - events_.size(); }
 
-    std::unique_ptr<Loop> ownLoop_; ///< none where another is used
-    const Loop &loop_;
+    Form::Agent agent_;
+    std::optional<Clock::duration> offset_; ///< to the agent's clock; none before they are compared
     std::vector<std::string> environment_;
     size_t keep_;
     std::vector<Event> events_; ///< those that are kept
@@ -117,7 +118,6 @@ private:
     size_t count_ = 0;          ///< how many there have been
     Clock::time_point keptSince_{};
     std::function<void()> recorded_;
-    std::unique_ptr<AgentLink> agent_;
 };
 
 } // namespace kelo

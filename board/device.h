@@ -20,6 +20,7 @@ constexpr int portCount = sizeof portNames / sizeof *portNames;
 constexpr int gponUp = 5;                                 ///< the GPON ONU state that is link up
 constexpr double noSignalDbm = -40;                       ///< no signal from here on down
 constexpr double levelThresholds[] = {-28, -25, -11, -8}; ///< where the levels 1 to 4 begin
+constexpr int pressSeconds = 2; ///< how long a press takes that the daemon surely sees
 constexpr int restoreValue = 5; ///< the button's value that restores the defaults
 
 /// What the daemon keeps in the configuration store.

@@ -1,6 +1,7 @@
 #include "faults.h"
 
 #include <csignal>
+#include <sstream>
 #include <stdexcept>
 
 namespace kelo {
@@ -59,10 +60,20 @@ const Fault *findFault(const std::string &name)
     return nullptr;
 }
 
+const Words faultsRequest = {"list", folder};
+
 std::set<std::string> faultsOf(const Access &board)
 {
-    const std::vector<std::string> names = board.list(folder);
-    return {names.begin(), names.end()};
+    return toFaults(board.attempt(faultsRequest).value_or(""));
+}
+
+std::set<std::string> toFaults(const std::string &text)
+{
+    std::istringstream lines(text);
+    std::set<std::string> names;
+    for (std::string name; std::getline(lines, name);)
+        names.insert(name);
+    return names;
 }
 
 void setFault(const Access &board, const Fault &fault, bool on)

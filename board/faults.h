@@ -25,6 +25,9 @@ const Fault *findFault(const std::string &name);
 
 /// The names of the faults that a board has, sorted.
 std::set<std::string> faultsOf(const Access &board);
+/// The request behind that, and what its answer's text means.
+extern const Words faultsRequest;
+std::set<std::string> toFaults(const std::string &text);
 
 /// Brings a fault about or mends it; nothing happens when it is so already. Throws
 /// std::runtime_error when the board cannot have it.

@@ -20,6 +20,19 @@ constexpr char firstTick[] = "syscfg_getLaserInfo";
 
 constexpr char clockLibrary[] = "/usr/lib/libfaketime.so.1";
 
+const Answer done{Answer::Kind::Ok};
+
+Answer failed(const std::string &why)
+{
+    return {Answer::Kind::Error, {}, why};
+}
+
+std::string toLine(const Event &event)
+{
+    return "event " + toText(event.time) + " " + kindName(event.kind) + " " + toRest(event.text) +
+           "\n";
+}
+
 bool isPolling(const Event &event)
 {
     return event.kind == EventKind::Call && event.text.starts_with("syscfg_get");
@@ -28,14 +41,14 @@ bool isPolling(const Event &event)
 } // namespace
 
 Host::Host(const std::string &name, const Options &options)
-    : socket_(listenAs(name)), accepting_(loop_.base(), socket_.get(), [this] { accept(); })
+    : socket_(listenAs(name)), accepting_(base(), socket_.get(), [this] { accept(); })
 {
     board_ = std::make_unique<Board>(
         Board::Options{options.form,
                        {},
                        options.keptMegabytes << 20,
                        [this, options] { return down_ || options.givenUp(); }},
-        &loop_);
+        loop_);
     board_->whenRecorded([this] {
         lookWhetherStarted();
         feedAll();
@@ -47,63 +60,87 @@ Host::~Host()
     board_.reset();
     accepting_ = Watch();
     socket_.reset(); // the name is free
-    // Who asked for the end hears of it once it is there, and who watched, that it was asked for.
+    // Who asked for the end hears of it once it is there, and the others, that it was asked for.
+    for (const Answered &answered : awaitEnd_)
+        answered(done);
     for (const ClientPointer &client : clients_) {
-        if (client->awaitsEnd || (client->watches && down_))
-            client->stream->send("ok\n");
+        if (down_)
+            client->stream->send("event " + toText(Clock::now()) + " down \n");
     }
     const Clock::time_point end = Clock::now() + std::chrono::milliseconds(200);
     const auto isSending = [](const ClientPointer &client) {
         return client->stream->waiting() > 0;
     };
     while (std::any_of(clients_.begin(), clients_.end(), isSending) && Clock::now() < end)
-        loop_.turn(end);
+        loop_->turn(end);
 }
 
 void Host::startDaemon(const std::vector<std::string> &arguments, int speed)
 {
-    std::optional<std::string> failure;
-    start(arguments, speed, [&](const std::string &text) { failure = text; });
-    while (!failure)
+    std::optional<Answer> answer;
+    start(arguments, speed, [&](const Answer &got) { answer = got; });
+    while (!answer)
         turn(startDeadline);
-    if (!failure->empty())
-        throw std::runtime_error(*failure);
+    if (!answer->ok())
+        throw std::runtime_error(answer->error);
 }
 
-void Host::start(const std::vector<std::string> &arguments, int speed, const Done &done)
+void Host::press(Clock::duration time, const Answered &answered)
+{
+    if (pressing_) {
+        answered(failed("the button is being pressed"));
+        return;
+    }
+    // Let go well before the value grows once more, which it does every second.
+    const Clock::duration length = std::min<Clock::duration>(
+        time, std::chrono::ceil<std::chrono::seconds>(time) - std::chrono::milliseconds(300));
+    const auto letGo = [this, answered] {
+        pressing_.reset();
+        board_->link().send({"button", "0"}, answered);
+    };
+    pressing_.emplace(base(), length, letGo);
+    board_->link().send({"hold", std::to_string(speed_)}, [this, answered](const Answer &answer) {
+        if (answer.ok())
+            return;
+        pressing_.reset();
+        answered(answer);
+    });
+}
+
+void Host::start(const std::vector<std::string> &arguments, int speed, const Answered &answered)
 {
     const auto go = [=, this](const Words &environment) {
         arguments_ = arguments;
         speed_ = speed;
-        launch(concat(concat(environment, {device::daemonPath}), arguments), done);
+        launch(concat(concat(environment, {device::daemonPath}), arguments), answered);
     };
     if (speed == 1) {
         go({});
         return;
     }
-    board_->agent().send({"stat", clockLibrary}, [=](const Answer &answer) {
-        if (answer.ok)
+    board_->link().send({"stat", clockLibrary}, [=](const Answer &answer) {
+        if (answer.ok())
             go({std::string("LD_PRELOAD=") + clockLibrary,
                 "FAKETIME=+0 x" + std::to_string(speed)});
         else
-            done(std::string("this board's clock cannot be sped up: it has no ") + clockLibrary);
+            answered(failed(std::string("this board's clock cannot be sped up: it has no ") +
+                            clockLibrary));
     });
 }
 
-void Host::launch(const Words &command, const Done &done)
+void Host::launch(const Words &command, const Answered &answered)
 {
     if (starting_) {
-        done("the daemon is being started");
+        answered(failed("the daemon is being started"));
         return;
     }
-    starting_ = done;
+    starting_ = answered;
     startPlace_ = board_->recorded();
     drawn_ = 0;
     mark_ = Clock::now();
-    startLimit_ =
-        Watch(loop_.base(), startDeadline, [this] { started("the daemon did not get going"); });
-    board_->agent().send(board_->startRequest(command), [this](const Answer &answer) {
-        if (!answer.ok)
+    startLimit_ = Watch(base(), startDeadline, [this] { started("the daemon did not get going"); });
+    board_->link().send(board_->startRequest(command), [this](const Answer &answer) {
+        if (!answer.ok())
             started(answer.error);
     });
 }
@@ -131,22 +168,22 @@ void Host::lookWhetherStarted()
 
 void Host::started(const std::string &failure)
 {
-    const Done done = std::exchange(starting_, nullptr);
-    if (!done)
+    const Answered answered = std::exchange(starting_, nullptr);
+    if (!answered)
         return;
     startLimit_ = Watch();
-    std::string text = failure;
+    if (failure.empty()) {
+        answered(done);
+        return;
+    }
     size_t place;
     board_->heldAt(mark_, place);
-    if (!failure.empty()) {
-        std::string record;
-        for (const Event &event : board_->next(place)) {
-            if (event.kind == EventKind::Log)
-                record = ": " + event.text.substr(0, event.text.find('\n'));
-        }
-        text += record;
+    std::string record;
+    for (const Event &event : board_->next(place)) {
+        if (event.kind == EventKind::Log)
+            record = ": " + event.text.substr(0, event.text.find('\n'));
     }
-    done(text);
+    answered(failed(failure + record));
 }
 
 void Host::accept()
@@ -157,10 +194,10 @@ void Host::accept()
     const auto client = std::make_shared<Client>();
     const std::weak_ptr<Client> weak = client;
     client->stream = std::make_unique<Stream>(
-        loop_.base(), std::move(socket), Descriptor(),
+        base(), std::move(socket), Descriptor(),
         [this, weak](const std::string &line) {
             if (const ClientPointer known = weak.lock())
-                serve(known, toWords(line));
+                serve(known, line);
         },
         [this, weak] {
             if (const ClientPointer known = weak.lock())
@@ -171,103 +208,112 @@ void Host::accept()
 
 void Host::drop(const ClientPointer &client)
 {
-    if (client->command && board_)
-        board_->agent().send({"cancel", std::to_string(client->command)}, [](const Answer &) {});
+    for (const unsigned long command : client->commands) {
+        if (board_)
+            board_->link().send({"cancel", std::to_string(command)});
+    }
     client->watches = false;
     clients_.remove(client);
     // Its stream is at work right now.
     gone_.push_back(client);
-    reaping_ = Watch(loop_.base(), Clock::duration::zero(), [this] { gone_.clear(); });
+    reaping_ = Watch(base(), Clock::duration::zero(), [this] { gone_.clear(); });
 }
 
-/// Tells a client, if it is still there, how its request ended.
-Host::Done Host::answering(const ClientPointer &client)
+/// Passes an answer on to a client, if that is still there.
+Answered Host::answering(const ClientPointer &client, const std::string &id)
 {
-    return [weak = std::weak_ptr<Client>(client)](const std::string &failure) {
-        if (const ClientPointer known = weak.lock())
-            known->stream->send(failure.empty() ? "ok\n" : "error " + toRest(failure) + "\n");
+    return [weak = std::weak_ptr<Client>(client), id](const Answer &answer) {
+        const ClientPointer known = weak.lock();
+        if (!known)
+            return;
+        const bool isLost = answer.kind == Answer::Kind::Lost;
+        known->stream->send(id +
+                            (answer.ok() ? " ok " + toLine(answer.words)
+                                         : (isLost ? " lost " : " error ") + toRest(answer.error)) +
+                            "\n");
     };
 }
 
-void Host::serve(const ClientPointer &client, const Words &request)
+void Host::serve(const ClientPointer &client, const std::string &line)
 {
-    const std::string verb = request.empty() ? "" : request[0];
-    const Done done = answering(client);
+    Words request = toWords(line);
+    if (request.size() < 2)
+        return;
+    const std::string id = request[0];
+    request.erase(request.begin());
+    const std::string &verb = request[0];
+    const Answered answered = answering(client, id);
     if (verb == "down") {
-        client->awaitsEnd = true;
+        awaitEnd_.push_back(answered);
         down_ = true;
     } else if (verb == "state") {
-        tellState(client);
+        tellState(answered);
     } else if (!board_) {
-        done("the board is only starting");
+        answered(failed("the board is only starting"));
     } else if (verb == "place") {
-        client->stream->send("ok " + toLine(board_->form().words()) + "\n");
+        answered({Answer::Kind::Ok, board_->form().words()});
     } else if (verb == "watch" && request.size() > 1) {
-        watch(client, toTime(request[1]));
+        watch(client, toTime(request[1]), answered);
     } else if (verb == "mark") {
-        board_->agent().send({"look"}, [this, done](const Answer &answer) {
+        board_->link().send({"look"}, [this, answered](const Answer &answer) {
             mark_ = Clock::now();
-            done(answer.error);
+            answered(answer);
         });
     } else if (verb == "accept") {
         accepted_ = Clock::now();
-        done("");
+        answered(done);
     } else if (verb == "start" && request.size() > 1) {
-        start({request.begin() + 2, request.end()}, atoi(request[1].c_str()), done);
+        start({request.begin() + 2, request.end()}, atoi(request[1].c_str()), answered);
     } else if (verb == "restart") {
-        board_->agent().send({"stop"}, [this, done](const Answer &answer) {
-            if (answer.ok)
-                start(arguments_, speed_, done);
+        board_->link().send({"stop"}, [this, answered](const Answer &answer) {
+            if (answer.ok())
+                start(arguments_, speed_, answered);
             else
-                done(answer.error);
+                answered(answer);
         });
+    } else if (verb == "press" && request.size() > 1) {
+        press(toTime(request[1]).time_since_epoch(), answered);
     } else if (verb == "hold") {
-        pass(client, {"hold", std::to_string(speed_)});
+        pass(client, id, {"hold", std::to_string(speed_)});
     } else if (verb == "release") {
-        pass(client, {"button", "0"});
+        pass(client, id, {"button", "0"});
     } else {
-        pass(client, request);
+        pass(client, id, request);
     }
 }
 
 /// Has the agent do what a client wants.
-void Host::pass(const ClientPointer &client, const Words &request)
+void Host::pass(const ClientPointer &client, const std::string &id, const Words &request)
 {
+    const bool isCommand = request[0] == "run";
     const std::weak_ptr<Client> weak = client;
-    const bool isCommand = !request.empty() && request[0] == "run";
-    const unsigned long id = board_->agent().send(
+    const auto command = std::make_shared<unsigned long>();
+    *command = board_->link().send(
         request,
-        [weak](const Answer &answer) {
-            const ClientPointer known = weak.lock();
-            if (!known)
-                return;
-            known->command = 0;
-            const char *const verb = answer.refused ? "refused " : "error ";
-            known->stream->send(answer.ok ? "ok " + toLine(answer.words) + "\n"
-                                          : verb + toRest(answer.error) + "\n");
-        },
-        [weak](const std::string &text) {
+        [weak, command, answered = answering(client, id)](const Answer &answer) {
             if (const ClientPointer known = weak.lock())
-                known->stream->send("out " + toRest(text) + "\n");
+                known->commands.erase(*command);
+            answered(answer);
+        },
+        [weak, id](const std::string &text) {
+            if (const ClientPointer known = weak.lock())
+                known->stream->send(id + " out " + toRest(text) + "\n");
         },
         isCommand ? Clock::duration(commandLimit) : Clock::duration(requestLimit));
-    client->command = isCommand ? id : 0;
+    if (isCommand)
+        client->commands.insert(*command);
 }
 
-void Host::tellState(const ClientPointer &client)
+void Host::tellState(const Answered &answered)
 {
     const Words process{"pid", std::to_string(getpid()), "start", toText(startTime_)};
     if (!board_) {
-        client->stream->send("ok starting yes " + toLine(process) + "\n");
+        answered({Answer::Kind::Ok, concat({"starting", "yes"}, process)});
         return;
     }
-    const std::weak_ptr<Client> weak = client;
-    board_->agent().send({"daemon"}, [this, weak, process](const Answer &answer) {
-        const ClientPointer known = weak.lock();
-        if (!known)
-            return;
-        if (!answer.ok) {
-            known->stream->send("error " + toRest(answer.error) + "\n");
+    board_->link().send({"daemon"}, [this, answered, process](const Answer &answer) {
+        if (!answer.ok()) {
+            answered(answer);
             return;
         }
         const bool runs = answer.words.size() > 2;
@@ -281,19 +327,18 @@ void Host::tellState(const ClientPointer &client)
             if (event.kind != EventKind::Store)
                 state.insert(state.end(), {kindName(event.kind), event.text});
         }
-        known->stream->send("ok " + toLine(state) + "\n");
+        answered({Answer::Kind::Ok, state});
     });
 }
 
-void Host::watch(const ClientPointer &client, Clock::time_point since)
+void Host::watch(const ClientPointer &client, Clock::time_point since, const Answered &answered)
 {
-    std::string text;
     for (const Event &event : board_->heldAt(since, client->place)) {
         if (!isPolling(event))
-            text += toLine(event) + "\n";
+            client->stream->send(toLine(event));
     }
-    client->stream->send(text);
     client->now = board_->recorded();
+    client->upToDate = answered;
     client->watches = true;
     client->stream->whenSent([this, weak = std::weak_ptr<Client>(client)] {
         if (const ClientPointer known = weak.lock())
@@ -310,20 +355,15 @@ void Host::feed(Client &client)
         const std::vector<Event> events = board_->next(client.place);
         if (client.place - events.size() > before) {
             client.watches = false;
-            client.stream->send("error the record was dropped before it was read\n");
+            client.stream->send("event " + toText(Clock::now()) + " dropped \n");
             return;
         }
-        std::string text;
         for (const Event &event : events) {
             if (!isPolling(event))
-                text += toLine(event) + "\n";
+                client.stream->send(toLine(event));
         }
-        if (!client.knowsNow && client.place >= client.now) {
-            text += "now\n";
-            client.knowsNow = true;
-        }
-        if (!text.empty())
-            client.stream->send(text);
+        if (client.upToDate && client.place >= client.now)
+            std::exchange(client.upToDate, nullptr)(done);
         if (events.empty())
             return;
     }

@@ -6,6 +6,7 @@
 
 #include <list>
 #include <memory>
+#include <set>
 #include <string>
 
 namespace kelo {
@@ -31,9 +32,9 @@ public:
     Clock::time_point startTime() const { return startTime_; }
     /// An end of the daemon before this, which nobody asked for, is known and accepted.
     Clock::time_point accepted() const { return accepted_; }
-    event_base *base() const { return loop_.base(); }
+    event_base *base() const { return loop_->base(); }
     /// Answers for the board until something has happened, for some time at the most.
-    void turn(Clock::duration time) const { loop_.turn(Clock::now() + time); }
+    void turn(Clock::duration time) const { loop_->turn(Clock::now() + time); }
 
     /// Starts the daemon, whose clock runs at a multiple of the real one, and waits until its event
     /// loop runs. Throws std::runtime_error that says why it does not.
@@ -45,50 +46,50 @@ public:
 private:
     struct Client {
         std::unique_ptr<Stream> stream{};
-        bool awaitsEnd = false; ///< asked for the board's end
         bool watches = false;
-        size_t place = 0; ///< of the record, to go on from
-        size_t now = 0;   ///< what is behind this place is news
-        bool knowsNow = false;
-        unsigned long command = 0; ///< that it has run
+        size_t place = 0;                   ///< of the record, to go on from
+        size_t now = 0;                     ///< what is behind this place is news
+        Answered upToDate{};                ///< waits for that
+        std::set<unsigned long> commands{}; ///< that it has run
     };
     using ClientPointer = std::shared_ptr<Client>;
-    /// Gets why something failed; nothing when it did not.
-    using Done = std::function<void(const std::string &)>;
 
     void accept();
     void drop(const ClientPointer &client);
-    void serve(const ClientPointer &client, const Words &request);
-    void pass(const ClientPointer &client, const Words &request);
-    Done answering(const ClientPointer &client);
-    void tellState(const ClientPointer &client);
-    void watch(const ClientPointer &client, Clock::time_point since);
+    void serve(const ClientPointer &client, const std::string &line);
+    void pass(const ClientPointer &client, const std::string &id, const Words &request);
+    static Answered answering(const ClientPointer &client, const std::string &id);
+    void tellState(const Answered &done);
+    void watch(const ClientPointer &client, Clock::time_point since, const Answered &done);
     void feed(Client &client);
     void feedAll();
 
-    void start(const std::vector<std::string> &arguments, int speed, const Done &done);
-    void launch(const Words &command, const Done &done);
+    void press(Clock::duration time, const Answered &done);
+    void start(const std::vector<std::string> &arguments, int speed, const Answered &done);
+    void launch(const Words &command, const Answered &done);
     void lookWhetherStarted();
     void started(const std::string &failure);
 
     const Clock::time_point startTime_ = Clock::now();
-    Loop loop_;
+    const Link::LoopPointer loop_ = std::make_shared<const Loop>();
     Descriptor socket_;
     std::list<ClientPointer> clients_;
     std::list<ClientPointer> gone_;
     Watch reaping_;
     Watch accepting_;
     bool down_ = false;
-    std::unique_ptr<Board> board_; ///< none while it comes up or goes down
+    std::vector<Answered> awaitEnd_; ///< of those who asked for it
+    std::unique_ptr<Board> board_;   ///< none while it comes up or goes down
 
     std::vector<std::string> arguments_; ///< of the last start
     int speed_ = 1;
     Clock::time_point mark_ = startTime_;
     Clock::time_point accepted_{};
-    Done starting_;         ///< waits for the daemon's first tick
+    Answered starting_;     ///< waits for the daemon's first tick
     size_t startPlace_ = 0; ///< of the record
     int drawn_ = 0;         ///< how often the LEDs were, since
     Watch startLimit_;
+    std::optional<Watch> pressing_; ///< waits to let go of the button
 };
 
 } // namespace kelo

@@ -1,62 +1,73 @@
-/// A board's agent, as the program that runs the board has it.
+/// The line protocol of agent/wire.h as the side has it that asks: the program that runs a board
+/// asks its agent, and other programs ask that program.
 
 #pragma once
 
-#include "form.h"
 #include "loop.h"
+#include "words.h"
 
 #include <functional>
 #include <map>
-#include <optional>
+#include <memory>
 #include <stdexcept>
+#include <string>
 
 namespace kelo {
 
-/// Longest time for what the agent does at once, and for what it waits for.
+/// Longest time for what is done at once, for what waits for the daemon, and for a command.
 constexpr auto requestLimit = std::chrono::seconds(10);
+constexpr auto startLimit = std::chrono::seconds(25);
 constexpr auto commandLimit = std::chrono::hours(24);
 
-/// Gets what a command prints, as it comes.
-using Printed = std::function<void(const std::string &)>;
-
-/// What the agent answers to a request that it cannot do.
+/// What the other side answers to a request that it cannot do.
 struct Refused : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
 struct Answer {
-    bool ok;
-    bool refused; ///< by the agent; otherwise there was no answer
-    Words words;
-    std::string error;
+    enum class Kind {
+        Ok,    ///< done
+        Error, ///< the other side cannot do it
+        Lost   ///< there was no answer
+    };
+    Kind kind;
+    Words words{};
+    std::string error{}; ///< why not
+
+    bool ok() const { return kind == Kind::Ok; }
 };
 using Answered = std::function<void(const Answer &)>;
 
-/// What the agent says of itself: when, what kind, and the rest.
+/// Gets what a command prints, as it comes.
+using Printed = std::function<void(const std::string &)>;
+
+/// What the other side says of itself: when, what kind, and the rest.
 using Happened =
     std::function<void(Clock::time_point, const std::string &kind, const std::string &text)>;
 
-/// An agent that this process started, and that ends with this object.
-class AgentLink {
-public:
-    /// Starts the agent of one of the forms, the first that the machine does not refuse. Throws
-    /// std::runtime_error that says what is refused and how to allow it, or when `givenUp` says so
-    /// meanwhile.
-    AgentLink(const Loop &loop, const std::string &form, Happened happened,
-              const std::function<bool()> &givenUp);
-    ~AgentLink();
+/// A time as the protocol has it, "SECONDS.NANOSECONDS".
+std::string toText(Clock::time_point time);
+Clock::time_point toTime(const std::string &text);
 
-    std::shared_ptr<const Form> form() const { return form_; }
-    /// Sends a request and waits for its answer. Throws std::runtime_error that says why there is
-    /// none.
+class Link {
+public:
+    using LoopPointer = std::shared_ptr<const Loop>;
+
+    /// Over a descriptor to read and one to write, which may be none where both are one. `who` is
+    /// at the other end, "the board"; `ended` is called when it is no more.
+    Link(LoopPointer loop, std::string who, Descriptor in, Descriptor out, Happened happened = {},
+         std::function<void()> ended = {});
+
+    /// Sends a request; the answer comes later, if only that there is none. Returns its number.
+    unsigned long send(const Words &request, Answered answered = {}, Printed printed = {},
+                       Clock::duration limit = requestLimit);
+    /// Sends a request and turns the loop until its answer is there; not for callbacks. Throws
+    /// Refused, or std::runtime_error that says why there is no answer.
     Words ask(const Words &request, const Printed &printed = {},
               Clock::duration limit = requestLimit);
 
-    /// Sends a request; the answer comes later. Returns its number.
-    unsigned long send(const Words &request, Answered answered, const Printed &printed = {},
-                       Clock::duration limit = requestLimit);
-    /// Whether the agent has ended by itself.
     bool ended() const { return ended_; }
+    const Loop &loop() const { return *loop_; }
 
 private:
     struct Pending {
@@ -65,23 +76,18 @@ private:
         Watch limit;
     };
 
-    void begin();
-    void finish(int patience);
     void take(const std::string &line);
-    void takeEvent(const std::string &line);
-    void end();
     void answer(unsigned long id, const Answer &answer);
-    void compareClocks();
+    void end();
 
-    const Loop &loop_;
-    std::shared_ptr<Form> form_;
-    Form::Agent agent_;
+    LoopPointer loop_;
+    std::string who_;
     Happened happened_;
-    std::unique_ptr<Stream> stream_;
+    std::function<void()> whenEnded_;
     std::map<unsigned long, Pending> pending_;
     unsigned long lastId_ = 0;
-    std::optional<Clock::duration> offset_; ///< to the agent's clock
     bool ended_ = false;
+    Stream stream_;
 };
 
 } // namespace kelo

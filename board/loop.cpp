@@ -5,8 +5,11 @@
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/event.h>
+#include <fcntl.h>
 #include <new>
+#include <stdexcept>
 #include <sys/time.h>
+#include <unistd.h>
 #include <utility>
 
 namespace kelo {
@@ -81,14 +84,44 @@ Loop::Loop() : base_(event_base_new())
 void Loop::turn(Clock::time_point until) const
 {
     const auto left = until - Clock::now();
-    if (left <= Clock::duration::zero()) {
-        event_base_loop(base_.get(), EVLOOP_ONCE | EVLOOP_NONBLOCK);
+    const bool mayWait = left > Clock::duration::zero();
+    const timeval wait = toTimeval(std::min<Clock::duration>(left, std::chrono::hours(1)));
+    if (mayWait)
+        event_add(alarm_.get(), &wait);
+    if (event_base_loop(base_.get(), EVLOOP_ONCE | (mayWait ? 0 : EVLOOP_NONBLOCK)) < 0)
+        throw std::logic_error("the loop was turned from within");
+    event_del(alarm_.get());
+}
+
+Program::Program(event_base *base, const std::vector<std::string> &command,
+                 std::function<void(const Result &)> ended)
+    : ended_(std::move(ended)), output_(makePipe())
+{
+    const Descriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    process_ = spawnApart(command, {nothing.get(), output_.write.get(), output_.write.get()});
+    output_.write.reset();
+    readable_ = Watch(base, output_.read.get(), [this] { read(); });
+}
+
+void Program::read()
+{
+    char text[4096];
+    const ssize_t length = ::read(output_.read.get(), text, sizeof text);
+    if (length > 0) {
+        text_.append(text, static_cast<size_t>(length));
         return;
     }
-    const timeval wait = toTimeval(std::min<Clock::duration>(left, std::chrono::hours(1)));
-    event_add(alarm_.get(), &wait);
-    event_base_loop(base_.get(), EVLOOP_ONCE);
-    event_del(alarm_.get());
+    readable_ = Watch();
+    const auto ended = std::move(ended_);
+    const Result result{waitFor(process_), std::move(text_)};
+    ended(result);
+}
+
+void Program::kill()
+{
+    readable_ = Watch();
+    ::kill(-process_, SIGKILL);
+    waitFor(process_);
 }
 
 Stream::Stream(event_base *base, Descriptor in, Descriptor out,

@@ -54,6 +54,29 @@ private:
     std::unique_ptr<event, Free> alarm_;
 };
 
+/// A program that runs beside the loop, apart from the terminal and with nothing to read.
+class Program {
+public:
+    /// `ended` gets its exit status and all that it printed, and may destroy this. Throws
+    /// std::system_error when it cannot be started.
+    Program(event_base *base, const std::vector<std::string> &command,
+            std::function<void(const Result &)> ended);
+    Program(const Program &) = delete;
+    Program &operator=(const Program &) = delete;
+
+    /// Kills it, with all that it started, and waits for its end; `ended` is not called.
+    void kill();
+
+private:
+    void read();
+
+    std::function<void(const Result &)> ended_;
+    Pipe output_;
+    pid_t process_;
+    std::string text_;
+    Watch readable_;
+};
+
 /// A stream of lines over a descriptor to read and one to write, which may be the same.
 class Stream {
 public:

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
-#include <poll.h>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -14,7 +13,6 @@ namespace kelo {
 
 namespace {
 
-constexpr Clock::duration startLimit = std::chrono::seconds(25);
 constexpr auto downPatience = std::chrono::milliseconds(1500);
 
 std::string prefix()
@@ -37,17 +35,19 @@ struct Address {
 
 Descriptor openSocket()
 {
-    Descriptor result(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    Descriptor result(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!result)
         throw std::system_error(errno, std::generic_category(), "socket");
     return result;
 }
 
-bool ownPeer(int fd)
+/// Who is at the other end; nobody's user when there is none.
+ucred peerOf(int fd)
 {
-    ucred peer{};
+    ucred peer{0, uid_t(-1), gid_t(-1)};
     socklen_t length = sizeof peer;
-    return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && peer.uid == geteuid();
+    getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length);
+    return peer;
 }
 
 } // namespace
@@ -66,7 +66,8 @@ Descriptor listenAs(const std::string &board)
 {
     Descriptor socket = openSocket();
     const Address address{SocketName(board)};
-    if (bind(socket.get(), address.get(), address.length) < 0 || listen(socket.get(), 64) < 0)
+    if (bind(socket.get(), address.get(), address.length) < 0 ||
+        listen(socket.get(), SOMAXCONN) < 0)
         throw std::runtime_error("a board named \"" + board + "\" runs already");
     return socket;
 }
@@ -74,106 +75,117 @@ Descriptor listenAs(const std::string &board)
 Descriptor acceptClient(int listening)
 {
     Descriptor client(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
-    if (client && !ownPeer(client.get()))
+    if (client && peerOf(client.get()).uid != geteuid())
         client.reset();
     return client;
 }
 
-Connection::Connection(const std::string &board, const Words &request)
-    : board_(board), socket_(openSocket())
+std::shared_ptr<Link> connectTo(const std::string &board, const Link::LoopPointer &loop,
+                                pid_t *process, Happened happened, std::function<void()> ended)
 {
+    const std::string who = "the board \"" + board + "\"";
     const Address address{SocketName(board)};
-    const std::string line = toLine(request) + "\n";
-    if (connect(socket_.get(), address.get(), address.length) < 0 || !ownPeer(socket_.get()) ||
-        send(socket_.get(), line.data(), line.size(), MSG_NOSIGNAL) != ssize_t(line.size()))
+    Descriptor socket = openSocket();
+    if (connect(socket.get(), address.get(), address.length) < 0 && errno == EAGAIN)
+        throw std::runtime_error(who + " does not answer");
+    const ucred peer = peerOf(socket.get());
+    if (peer.uid != geteuid())
         throw BoardGone("no board named \"" + board + "\" is running (start one: kelo-board up " +
                         board + ")");
+    if (process)
+        *process = peer.pid;
+    return std::make_shared<Link>(loop, who, std::move(socket), Descriptor(), std::move(happened),
+                                  std::move(ended));
 }
 
-pid_t Connection::process() const
+RecordReader::RecordReader(const std::string &board, Clock::time_point since,
+                           const Link::LoopPointer &loop, std::function<void()> news)
+    : board_(board), news_(std::move(news)), loop_(loop),
+      link_(connectTo(
+          board, loop, nullptr,
+          [this](Clock::time_point time, const std::string &kind, const std::string &text) {
+              receive(time, kind, text);
+          },
+          [this] {
+              fail("the board \"" + board_ + "\" ended" +
+                   (down_ ? "" : ", and nobody asked it to"));
+          }))
 {
-    ucred peer{};
-    socklen_t length = sizeof peer;
-    getsockopt(socket_.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length);
-    return peer.pid;
+    link_->send(
+        {"watch", toText(since)},
+        [this](const Answer &answer) {
+            if (answer.ok())
+                past_ = coming_.size();
+            else if (!link_->ended())
+                fail(answer.error);
+            tell();
+        },
+        {}, startLimit);
 }
 
-std::optional<std::string> Connection::line(Clock::time_point deadline)
+void RecordReader::receive(Clock::time_point time, const std::string &kind, const std::string &text)
 {
-    size_t end;
-    while ((end = text_.find('\n')) == std::string::npos) {
-        int timeout = -1;
-        if (deadline != Clock::time_point::max()) {
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-            timeout = static_cast<int>(std::clamp<long long>(left.count(), 0, 1000000));
-        }
-        pollfd source{socket_.get(), POLLIN, 0};
-        const int ready = poll(&source, 1, timeout);
-        if (ready == 0)
-            return std::nullopt;
-        if (ready < 0)
-            continue; // a signal
-        char buffer[65536];
-        const ssize_t length = read(socket_.get(), buffer, sizeof buffer);
-        if (length <= 0)
-            throw BoardGone("the board \"" + board_ + "\" ended, and nobody asked it to");
-        text_.append(buffer, static_cast<size_t>(length));
+    down_ |= kind == "down";
+    if (kind == "dropped")
+        fail("the record was dropped before it was read");
+    if (const std::optional<EventKind> known = kindOf(kind)) {
+        coming_.push_back({time, *known, text});
+        tell();
     }
-    std::string result = text_.substr(0, end);
-    text_.erase(0, end + 1);
-    if (result.starts_with("error "))
-        throw std::runtime_error(unescaped(result.substr(6)));
-    if (result.starts_with("refused "))
-        throw Refused(unescaped(result.substr(8)));
-    if (result == "ok" || result.starts_with("ok ")) {
-        answer_ = toWords(result.substr(2));
-        throw BoardEnded("the board \"" + board_ + "\" ended");
-    }
-    return result;
 }
 
-Words Connection::answer(Clock::duration limit, const Printed &printed)
+void RecordReader::fail(const std::string &why)
 {
-    const Clock::time_point end = Clock::now() + limit;
-    try {
-        while (const auto next = line(end)) {
-            if (next->starts_with("out ") && printed)
-                printed(unescaped(next->substr(4)));
-        }
-    } catch (const BoardEnded &) {
-        return answer_;
-    }
-    throw NoAnswer("the board \"" + board_ + "\" does not answer");
+    if (failure_.empty())
+        failure_ = why;
+    tell();
 }
 
-RecordReader::RecordReader(const std::string &board, Clock::time_point since)
-    : connection_(board, {"watch", toText(since)})
+void RecordReader::tell() const
 {
+    if (news_)
+        news_();
+}
+
+std::optional<Event> RecordReader::take()
+{
+    if (!coming_.empty()) {
+        Event event = std::move(coming_.front());
+        coming_.pop_front();
+        if (past_ && *past_ > 0)
+            --*past_;
+        return event;
+    }
+    if (failure_.empty())
+        return std::nullopt;
+    if (!link_->ended())
+        throw std::runtime_error(failure_);
+    if (down_)
+        throw BoardEnded(failure_);
+    throw BoardGone(failure_);
 }
 
 std::optional<Event> RecordReader::next(Clock::time_point deadline)
 {
-    while (const auto line = connection_.line(isUpToDate_ ? deadline : Clock::now() + startLimit)) {
-        if (*line != "now")
-            return fromLine(*line);
-        isUpToDate_ = true;
+    std::optional<Event> event;
+    while (!(event = take())) {
+        const Clock::time_point until = isUpToDate() ? deadline : Clock::time_point::max();
+        if (until <= Clock::now())
+            break;
+        loop_->turn(until);
     }
-    if (!isUpToDate_)
-        throw NoAnswer("the board does not answer");
-    return std::nullopt;
+    return event;
 }
 
-void request(const std::string &board, const Words &words)
+Words request(const std::string &board, const Words &words, Clock::duration limit)
 {
-    Connection(board, words).answer(startLimit);
+    return connectTo(board, std::make_shared<const Loop>())->ask(words, {}, limit);
 }
 
-Access openBoard(const std::string &name)
+Access openBoard(const std::string &name, const Link::LoopPointer &loop)
 {
-    return {Form::of(Connection(name, {"place"}).answer()),
-            [name](const Words &request, const Printed &printed, Clock::duration limit) {
-                return Connection(name, request).answer(limit, printed);
-            }};
+    const std::shared_ptr<Link> link = connectTo(name, loop);
+    return {Form::of(link->ask({"place"})), link};
 }
 
 bool isRunning(const std::string &name)
@@ -188,8 +200,8 @@ bool isRunning(const std::string &name)
 
 void endBoard(const std::string &name)
 {
-    Connection connection(name, {"down"});
-    const pid_t host = connection.process();
+    pid_t host = 0;
+    const std::shared_ptr<Link> link = connectTo(name, std::make_shared<const Loop>(), &host);
     const std::string process = std::to_string(host);
     // What it runs ends with it; whoever stopped it may have stopped that too.
     std::vector<Descriptor> ends;
@@ -198,7 +210,7 @@ void endBoard(const std::string &name)
     for (pid_t child; children >> child;)
         ends.push_back(endOf(child));
     try {
-        connection.answer(downPatience);
+        link->ask({"down"}, {}, downPatience);
         return;
     } catch (const std::runtime_error &) {
         makeEnd(ends.front(), 1);
@@ -209,7 +221,7 @@ void endBoard(const std::string &name)
 
 std::map<std::string, std::string> stateOf(const std::string &board)
 {
-    return toState(Connection(board, {"state"}).answer());
+    return toState(request(board, {"state"}, requestLimit));
 }
 
 std::map<std::string, std::string> toState(const Words &answer)
@@ -259,35 +271,6 @@ std::vector<std::string> runningBoards()
     // A connection that waits to be accepted is listed under the same name.
     names.erase(std::unique(names.begin(), names.end()), names.end());
     return names;
-}
-
-std::string toLine(const Event &event)
-{
-    return toText(event.time) + " " + kindName(event.kind) + " " + toRest(event.text);
-}
-
-std::optional<Event> fromLine(const std::string &line)
-{
-    const size_t first = line.find(' ');
-    const size_t second = line.find(' ', first + 1);
-    if (first == std::string::npos || second == std::string::npos)
-        return std::nullopt;
-    const std::string kind = line.substr(first + 1, second - first - 1);
-    const std::optional<EventKind> known = kindOf(kind);
-    if (!known)
-        return std::nullopt;
-    return Event{toTime(line.substr(0, first)), *known, unescaped(line.substr(second + 1))};
-}
-
-std::string toText(Clock::time_point time)
-{
-    return std::to_string(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count());
-}
-
-Clock::time_point toTime(const std::string &text)
-{
-    return Clock::time_point(std::chrono::nanoseconds(atoll(text.c_str())));
 }
 
 } // namespace kelo

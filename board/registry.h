@@ -2,26 +2,25 @@
 /// listens on an abstract unix(7) socket, which ends with that program whatever happens to it.
 /// Only boards of the caller's own user are found.
 ///
-/// A client sends one request, a line of words, and reads lines until one that begins with "ok"
-/// says that it was done, or "error TEXT" why not:
-///   place           "ok WORD...", which make its form
-///   state           "ok KEY VALUE...", everything a board has one of
-///   watch SINCE     the record: the events that held at that time, then those from there on,
-///                   "TIME KIND TEXT" each, then "now", then events as they come; "ok" when the
-///                   board's end was asked for
+/// They speak the protocol of agent/wire.h, with "ID lost TEXT" for what the agent does not answer.
+/// These are answered by that program, and whatever the agent takes, by the agent:
+///   place           with words, which make the board's form
+///   state           with KEY VALUE..., everything a board has one of
+///   watch SINCE     once it sent the record: the events that held at that time, then those from
+///                   there on; it goes on with events as they come
 ///   mark            events count from here on
 ///   accept          an end of the daemon that nobody asked for was meant
 ///   start SPEED [OPTION...], restart    of the daemon
-///   hold, release   the reset button
-///   down            ends the board; "ok" once nothing is left
-///   ...             whatever the agent takes, see agent/main.cpp: "out TEXT" lines are what a
-///                   command prints, "refused TEXT" what the agent cannot do
-/// Times are nanoseconds of the steady clock.
+///   press TIME, hold, release           of the reset button
+///   down            ends the board; answered once nothing is left
+/// Two more kinds of event are the last: "down" when the board's end was asked for, "dropped" when
+/// the record that is watched was dropped before it was sent.
 
 #pragma once
 
 #include "board.h"
 
+#include <deque>
 #include <functional>
 #include <map>
 #include <optional>
@@ -54,56 +53,52 @@ struct BoardEnded : BoardGone {
     using BoardGone::BoardGone;
 };
 
-/// The program that runs the board does not answer, as when it was stopped.
-struct NoAnswer : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-/// A client's connection to a running board.
-class Connection {
-public:
-    /// Throws BoardGone when no board of this name runs.
-    Connection(const std::string &board, const Words &request);
-
-    /// The next line; nothing when the deadline comes first. Throws BoardEnded at "ok", BoardGone
-    /// at an end without, and std::runtime_error for an error that the board answers.
-    std::optional<std::string> line(Clock::time_point deadline = Clock::time_point::max());
-    /// Waits for "ok" and returns what it came with. Throws NoAnswer when it does not come in time,
-    /// and what `line` throws.
-    Words answer(Clock::duration limit = requestLimit, const Printed &printed = {});
-    /// Readable when there may be another line.
-    int descriptor() const { return socket_.get(); }
-    /// The process that listens at the other end.
-    pid_t process() const;
-
-private:
-    std::string board_;
-    Descriptor socket_;
-    std::string text_;
-    Words answer_;
-};
+/// A link to the program that runs a board, whose process becomes `process`. Throws BoardGone when
+/// there is none, std::runtime_error when it does not answer.
+std::shared_ptr<Link> connectTo(const std::string &board, const Link::LoopPointer &loop,
+                                pid_t *process = nullptr, Happened happened = {},
+                                std::function<void()> ended = {});
 
 /// The record of a running board from a time on, with what held then before it.
 class RecordReader {
 public:
-    RecordReader(const std::string &board, Clock::time_point since);
+    /// `news` is called when there is more to take.
+    RecordReader(const std::string &board, Clock::time_point since,
+                 const Link::LoopPointer &loop = std::make_shared<const Loop>(),
+                 std::function<void()> news = {});
+    RecordReader(const RecordReader &) = delete;
+    RecordReader &operator=(const RecordReader &) = delete;
 
-    /// The next event. Nothing when the deadline comes first, which does not hold before all that
-    /// happened so far has been read. Throws as Connection does.
+    /// The next event that came. Throws, after the last, BoardEnded or BoardGone when the board
+    /// ended, and std::runtime_error when it does not answer or did not keep all.
+    std::optional<Event> take();
+    /// The same, but waits for it. Nothing when the deadline comes first, which does not hold
+    /// before all that happened so far has been read.
     std::optional<Event> next(Clock::time_point deadline);
     /// Whether what comes next is news.
-    bool isUpToDate() const { return isUpToDate_; }
+    bool isUpToDate() const { return past_ == 0U; }
 
 private:
-    Connection connection_;
-    bool isUpToDate_ = false;
+    void receive(Clock::time_point time, const std::string &kind, const std::string &text);
+    void fail(const std::string &why);
+    void tell() const;
+
+    const std::string board_;
+    const std::function<void()> news_;
+    std::deque<Event> coming_;
+    std::string failure_;        ///< why nothing more comes; empty while it may
+    std::optional<size_t> past_; ///< how many of them happened before; none while more may come
+    bool down_ = false;
+    const Link::LoopPointer loop_;
+    const std::shared_ptr<Link> link_;
 };
 
-/// Sends a request and waits until it is done.
-void request(const std::string &board, const Words &words);
+/// Sends a request and waits until it is done. Throws BoardGone, or what Link::ask throws.
+Words request(const std::string &board, const Words &words, Clock::duration limit = startLimit);
 
 /// Access to the board of this name. Throws BoardGone when none runs.
-Access openBoard(const std::string &name);
+Access openBoard(const std::string &name,
+                 const Link::LoopPointer &loop = std::make_shared<const Loop>());
 bool isRunning(const std::string &name);
 
 /// What a board has one of: "leds", "mode", "button", "laser", "gpon", "daemon" (its process, 0
@@ -135,11 +130,5 @@ struct Past {
 
 /// Names of the running boards, sorted.
 std::vector<std::string> runningBoards();
-
-std::string toLine(const Event &event);
-std::optional<Event> fromLine(const std::string &line);
-
-std::string toText(Clock::time_point time);
-Clock::time_point toTime(const std::string &text);
 
 } // namespace kelo

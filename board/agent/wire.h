@@ -1,4 +1,5 @@
-/// How the agent talks to the program that runs the board: lines over standard input and output.
+/// How the agent talks to the program that runs the board, and that to others: by lines, the agent
+/// over standard input and output.
 ///
 ///   ID VERB WORD...            a request; ID is a number
 ///   ID ok WORD...              its answer

@@ -6,15 +6,14 @@
 #include "recording.h"
 #include "web/page.h"
 
-#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
+#include <poll.h>
 #include <set>
-#include <thread>
+#include <sys/sysinfo.h>
 #include <unistd.h>
 
 namespace kelo {
@@ -23,7 +22,7 @@ namespace {
 
 struct RunOptions {
     std::vector<std::string> files;
-    unsigned jobs = 2 * std::max(1U, std::thread::hardware_concurrency());
+    unsigned jobs = 2 * static_cast<unsigned>(get_nprocs());
     std::string junit;
     std::string limit = "2m";
     std::string form;
@@ -42,17 +41,26 @@ struct Scenario {
 struct Outcome {
     std::string name;
     double seconds = 0;
-    std::string failure; ///< empty for a scenario that passed
+    std::string failure = "interrupted before it began"; ///< empty for a scenario that passed
     std::string output;
     std::vector<Event> notes; ///< the output's lines, when they came
 };
 
-std::atomic<bool> interrupted;
-
-/// Takes what the script has written so far.
-void takeOutput(int descriptor, bool show, Outcome &outcome)
+/// Adds what can be read without waiting; false at the end.
+bool readMore(int descriptor, std::string &text)
 {
-    const std::string text = readAll(descriptor);
+    char buffer[4096];
+    ssize_t length;
+    while ((length = read(descriptor, buffer, sizeof buffer)) > 0)
+        text.append(buffer, static_cast<size_t>(length));
+    return length < 0;
+}
+
+/// Takes what the script has written so far; false when there will be no more.
+bool takeOutput(int descriptor, bool show, Outcome &outcome)
+{
+    std::string text;
+    const bool more = readMore(descriptor, text);
     outcome.output += text;
     // An indented line explains the one before it from what the record has anyway.
     std::istringstream lines(text);
@@ -64,6 +72,7 @@ void takeOutput(int descriptor, bool show, Outcome &outcome)
         fputs(text.c_str(), stdout);
         fflush(stdout);
     }
+    return more;
 }
 
 /// Runs a script, given as $0, in bash, which can trace the commands without anything in the script
@@ -75,12 +84,20 @@ constexpr char launcher[] = "[ -n \"$(command -v bash)\" ] || exec sh -eu \"$0\"
 /// Keeps of a trace what it says last: the line's number and the command.
 void takeTrace(int descriptor, std::string &trace)
 {
-    trace += readAll(descriptor);
+    readMore(descriptor, trace);
     trace.erase(0, trace.rfind('\1') + 1);
 }
 
-/// Runs a scenario's script to its end, its output shown or kept.
-void runScript(const std::string &file, const std::string &board, Host &host,
+/// Whether a pipe's other end was closed.
+bool hasEnded(int pipe)
+{
+    pollfd source{pipe, POLLIN, 0};
+    return poll(&source, 1, 0) > 0;
+}
+
+/// Runs a scenario's script to its end, its output shown or kept. It is interrupted when `life`
+/// ends.
+void runScript(const std::string &file, const std::string &board, Host &host, int life,
                const RunOptions &options, Outcome &outcome)
 {
     const std::string self = std::filesystem::read_symlink("/proc/self/exe");
@@ -111,8 +128,10 @@ void runScript(const std::string &file, const std::string &board, Host &host,
     std::optional<Event> unasked;
     std::string leds;
     std::string last;
-    const auto takeEvents = [&](Clock::duration patience) {
-        for (const Event &event : host.board().next(seen, patience)) {
+    std::optional<Watch> printing(std::in_place, host.base(), output.read.get(), [] {});
+    const auto take = [&] {
+        // What happened comes before what the script has to say of it.
+        for (const Event &event : host.board().next(seen)) {
             if (options.show)
                 printer.print(event);
             if (isUnasked(event))
@@ -120,28 +139,31 @@ void runScript(const std::string &file, const std::string &board, Host &host,
             if (event.kind == EventKind::Leds)
                 leds = event.text;
         }
+        takeTrace(trace.read.get(), last);
+        if (!takeOutput(output.read.get(), options.show, outcome))
+            printing.reset();
     };
     bool running = true;
     const Watch ending(host.base(), end.get(), [&] { running = false; });
+    const Watch living(host.base(), life, [] {});
+    const Watch tracing(host.base(), trace.read.get(), [] {});
     bool late = false;
     bool ended = false;
+    bool interrupted = false;
     while (running) {
-        host.turn(std::chrono::milliseconds(20));
-        // What happened comes before what the script has to say of it.
-        takeEvents(Clock::duration::zero());
-        takeOutput(output.read.get(), options.show, outcome);
-        takeTrace(trace.read.get(), last);
+        host.turn(limit - Clock::now());
+        take();
         late = Clock::now() > limit;
         ended = host.wantsDown() || host.board().ended();
+        interrupted = hasEnded(life);
         if (running && (late || ended || interrupted))
             kill(-child, SIGKILL);
     }
     kill(-child, SIGKILL); // whatever the script left behind
     const int status = waitFor(child);
-    takeOutput(output.read.get(), options.show, outcome);
-    takeTrace(trace.read.get(), last);
-    if (!host.board().daemon())
-        takeEvents(std::chrono::milliseconds(100)); // its end may be still to come
+    if (!late && !ended && !interrupted)
+        host.board().mark(); // there may be more to come
+    take();
     std::erase(last, '\n');
     const std::string place = last.empty() ? "" : "; last command, line " + last;
     if (interrupted)
@@ -205,15 +227,17 @@ void keepRecord(const RunOptions &options, const Host &host, const Outcome &outc
         throw Failure("cannot write " + path + ".log");
 }
 
-Outcome runScenario(const Scenario &scenario, const std::string &board, const RunOptions &options)
+Outcome runScenario(const Scenario &scenario, const std::string &board, int life,
+                    const RunOptions &options)
 {
     Outcome outcome;
     outcome.name = scenario.name;
+    outcome.failure.clear();
     const Clock::time_point start = Clock::now();
     try {
-        Host host(board);
+        Host host(board, {Host::KEPT_MEGABYTES, "", [life] { return hasEnded(life); }});
         host.startDaemon({});
-        runScript(scenario.file, board, host, options, outcome);
+        runScript(scenario.file, board, host, life, options, outcome);
         keepRecord(options, host, outcome);
     } catch (const std::exception &error) {
         outcome.failure += (outcome.failure.empty() ? "" : "; ") + std::string(error.what());
@@ -222,11 +246,96 @@ Outcome runScenario(const Scenario &scenario, const std::string &board, const Ru
     return outcome;
 }
 
-void report(const Outcome &outcome, bool shown)
+/// Runs scenarios side by side, each in a process of its own.
+class Crew {
+public:
+    Crew(const RunOptions &options, const std::vector<Scenario> &scenarios)
+        : options_(options), scenarios_(scenarios), outcomes_(scenarios.size()), life_(makePipe())
+    {
+        for (size_t i = 0; i < scenarios.size(); i++)
+            outcomes_[i].name = scenarios[i].name;
+    }
+
+    std::vector<Outcome> run()
+    {
+        std::vector<Watch> signals;
+        for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
+            signals.push_back(
+                Watch::onSignal(loop_.base(), number, [this] { life_.write.reset(); }));
+        const size_t jobs = options_.show ? 1 : options_.jobs;
+        for (;;) {
+            while (life_.write && next_ < scenarios_.size() && running_.size() < jobs)
+                start(next_++);
+            if (running_.empty())
+                return outcomes_;
+            loop_.turn(Clock::now() + std::chrono::hours(1));
+            for (const size_t i : ended_)
+                report(i);
+            ended_.clear();
+        }
+    }
+
+private:
+    struct Member {
+        pid_t process;
+        std::unique_ptr<Stream> report; ///< a line of its outcome
+    };
+
+    void start(size_t i)
+    {
+        Pipe pipe = makePipe();
+        const pid_t process = fork();
+        if (process < 0)
+            throw std::system_error(errno, std::generic_category(), "fork");
+        if (process == 0)
+            work(i, pipe.write.get());
+        outcomes_[i].failure = "it ended without a word";
+        const auto take = [this, i](const std::string &line) {
+            const Words words = toWords(line);
+            outcomes_[i].seconds = atof(words.at(0).c_str());
+            outcomes_[i].failure = words.at(1);
+            outcomes_[i].output = words.at(2);
+        };
+        const auto end = [this, i] { ended_.push_back(i); };
+        running_[i] = {process, std::make_unique<Stream>(loop_.base(), std::move(pipe.read),
+                                                         Descriptor(), take, end)};
+    }
+
+    [[noreturn]] void work(size_t i, int report)
+    {
+        setpgid(0, 0); // a Ctrl-C is the first process's affair
+        for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
+            signal(number, SIG_DFL);
+        life_.write.reset();
+        const std::string board = "run-" + std::to_string(getppid()) + "-" + std::to_string(i);
+        const Outcome outcome = runScenario(scenarios_[i], board, life_.read.get(), options_);
+        FILE *const file = fdopen(report, "w");
+        fprintf(file, "%s\n",
+                toLine({std::to_string(outcome.seconds), outcome.failure, outcome.output}).c_str());
+        fclose(file);
+        _exit(0);
+    }
+
+    void report(size_t i);
+
+    const RunOptions &options_;
+    const std::vector<Scenario> &scenarios_;
+    std::vector<Outcome> outcomes_;
+    Loop loop_;
+    Pipe life_; ///< those who read it end with its writing end
+    size_t next_ = 0;
+    std::map<size_t, Member> running_;
+    std::vector<size_t> ended_;
+};
+
+void Crew::report(size_t i)
 {
+    waitFor(running_[i].process);
+    running_.erase(i);
+    const Outcome &outcome = outcomes_[i];
     printf("%s  %s (%.1f s)%s%s\n", outcome.failure.empty() ? "PASS" : "FAIL", outcome.name.c_str(),
            outcome.seconds, outcome.failure.empty() ? "" : ": ", outcome.failure.c_str());
-    if (!outcome.failure.empty() && !shown) {
+    if (!outcome.failure.empty() && !options_.show) {
         std::istringstream lines(outcome.output);
         for (std::string line; std::getline(lines, line);)
             printf("      %s\n", line.c_str());
@@ -305,9 +414,6 @@ int runAll(const RunOptions &options)
     toDuration(options.limit);
     if (!options.form.empty())
         setenv("KELO_BOARD", options.form.c_str(), 1);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
-        signal(number, [](int) { interrupted = true; });
-
     const std::vector<Scenario> scenarios = chosen(options);
     for (const std::string &folder : {options.reports, options.artifacts}) {
         std::error_code error;
@@ -316,33 +422,10 @@ int runAll(const RunOptions &options)
         if (error)
             throw Failure("cannot write into " + folder + ": " + error.message());
     }
-    std::vector<Outcome> outcomes(scenarios.size());
-    std::atomic<size_t> next{0};
-    std::mutex printing;
-    const auto work = [&] {
-        for (size_t i; !interrupted && (i = next++) < scenarios.size();) {
-            const std::string board = "run-" + std::to_string(getpid()) + "-" + std::to_string(i);
-            outcomes[i] = runScenario(scenarios[i], board, options);
-            const std::lock_guard lock(printing);
-            report(outcomes[i], options.show);
-        }
-    };
-    const size_t jobs =
-        std::min<size_t>(options.show ? 1 : std::max(1U, options.jobs), scenarios.size());
-    std::vector<std::thread> workers;
-    for (size_t i = 0; i < jobs; i++)
-        workers.emplace_back(work);
-    for (std::thread &worker : workers)
-        worker.join();
-
-    size_t failures = 0;
-    for (Outcome &outcome : outcomes) {
-        if (outcome.name.empty()) {
-            outcome.name = scenarios[size_t(&outcome - outcomes.data())].name;
-            outcome.failure = "interrupted before it began";
-        }
-        failures += !outcome.failure.empty();
-    }
+    const std::vector<Outcome> outcomes = Crew(options, scenarios).run();
+    const auto failures = static_cast<size_t>(
+        std::count_if(outcomes.begin(), outcomes.end(),
+                      [](const Outcome &outcome) { return !outcome.failure.empty(); }));
     printf("%zu %s, %zu failed\n", outcomes.size(), outcomes.size() == 1 ? "scenario" : "scenarios",
            failures);
     if (!options.junit.empty())

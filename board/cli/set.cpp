@@ -45,13 +45,7 @@ void setPort(const Cli &cli, const std::string &name, const std::string &in, con
 void press(const std::string &board, const std::string &time)
 {
     const Clock::duration duration = toDuration(time);
-    request(board, {"hold"});
-    // Let go well before the value grows once more, which it does every second.
-    letPass(board,
-            std::min<Clock::duration>(duration, std::chrono::ceil<std::chrono::seconds>(duration) -
-                                                    std::chrono::milliseconds(300)),
-            true);
-    request(board, {"release"});
+    request(board, {"press", toText(Clock::time_point(duration))}, duration + startLimit);
 }
 
 void send(const Access &board, const std::string &text)
@@ -120,7 +114,7 @@ void addButton(Cli &cli)
         "Released before its value is 5, the button reboots the device; at 5 it restores\n"
         "the defaults. Then the daemon no longer looks at it, as the device is about to\n"
         "go down: kelo-board restart starts the daemon afresh.";
-    const auto time = std::make_shared<std::string>("2s");
+    const auto time = std::make_shared<std::string>(std::to_string(device::pressSeconds) + "s");
     CLI::App *const pressCommand =
         cli.add(hardwareGroup, "press", "Press the reset button and release it",
                 [&cli, time] { press(cli.board, *time); });

@@ -79,27 +79,42 @@ void list(bool json)
     if (!json)
         printf("%-20s %8s %8s  %-12s %-6s %9s\n", "NAME", "PID", "DAEMON", "MODE", "LEDS", "UP");
     // All are asked before any is heard: those that do not answer are waited for together.
-    std::vector<std::pair<std::string, std::optional<Connection>>> asked;
+    struct Asked {
+        std::shared_ptr<Link> link{};
+        pid_t process = 0;
+        std::optional<Answer> answer{};
+    };
+    const auto loop = std::make_shared<const Loop>();
+    std::map<std::string, Asked> all;
+    size_t answers = 0;
     for (const std::string &name : runningBoards()) {
+        Asked &asked = all[name];
         try {
-            asked.emplace_back(name, Connection(name, {"state"}));
+            asked.link = connectTo(name, loop, &asked.process);
+            asked.link->send(
+                {"state"},
+                [&](const Answer &answer) {
+                    asked.answer = answer;
+                    answers++;
+                },
+                {}, listPatience);
         } catch (const BoardGone &) {
-            // It ended meanwhile.
+            all.erase(name); // it ended meanwhile
+        } catch (const std::runtime_error &) {
+            asked.answer = Answer{Answer::Kind::Lost};
+            answers++;
         }
     }
-    const Clock::time_point end = Clock::now() + listPatience;
-    for (auto &[name, connection] : asked) {
-        std::map<std::string, std::string> state;
-        std::string remark;
-        try {
-            state = toState(connection->answer(end - Clock::now()));
-            if (state.contains("starting"))
-                remark = "starting";
-        } catch (const BoardGone &) {
+    while (answers < all.size())
+        loop->turn(Clock::now() + listPatience);
+    for (const auto &[name, asked] : all) {
+        if (asked.link && asked.link->ended())
             continue;
-        } catch (const std::runtime_error &) {
+        std::map<std::string, std::string> state = toState(asked.answer->words);
+        std::string remark = state.contains("starting") ? "starting" : "";
+        if (!asked.answer->ok()) {
             remark = "no answer";
-            state["pid"] = std::to_string(connection->process());
+            state["pid"] = std::to_string(asked.process);
         }
         const auto daemon = atoi(state["daemon"].c_str());
         const double up =

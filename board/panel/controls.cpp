@@ -1,22 +1,20 @@
 #include "controls.h"
 
 #include "device.h"
-#include "plot.h"
 #include "state.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <sstream>
-#include <stdexcept>
 
 namespace kelo::panel {
 
 namespace {
 
 constexpr auto tickTime = std::chrono::milliseconds(250);
-constexpr auto pressTime = std::chrono::milliseconds(1300); // the daemon looks once a second
 constexpr int GPON_DOWN = 3;
 constexpr double MAX_POWER = 10;
 constexpr double MIN_POWER = -45;
@@ -41,37 +39,67 @@ std::string firstLine(const std::string &text)
 
 } // namespace
 
-Controls::Controls(const std::string &name)
-    : name_(name), board_(openBoard(name)), worker_(&Controls::work, this)
+Controls::Controls(const std::string &name, const Access &board) : name_(name), board_(board)
 {
-    later([this] { return tick(); });
-}
-
-Controls::~Controls()
-{
-    {
-        const std::lock_guard lock(mutex_);
-        ending_ = true;
-        jobs_.clear();
-    }
-    changed_.notify_all();
-    worker_.join();
+    tick();
 }
 
 void Controls::request(const Words &words, const std::string &done)
 {
-    later([this, words, done] {
-        ask(words);
-        return done;
+    board_.link().send(
+        words,
+        [this, done](const Answer &answer) {
+            tell(answer.ok() ? done : firstLine(answer.error), !answer.ok());
+        },
+        {}, startLimit);
+}
+
+void Controls::press()
+{
+    request({"press", std::to_string(device::pressSeconds)},
+            "pressed the reset button and let go of it");
+}
+
+void Controls::commands(std::list<Words> all, const std::string &done)
+{
+    const Words words = std::move(all.front());
+    all.pop_front();
+    run(words, [=, this](const Result &result) {
+        // It says its own name before what it has to say; other words are of what it ran.
+        constexpr char name[] = "kelo-board: ";
+        const std::string said = firstLine(result.output);
+        const std::string text =
+            said.starts_with(name) ? said.substr(strlen(name)) : words[0] + ": " + said;
+        if (result.status != 0)
+            tell(text, true);
+        else if (!all.empty())
+            commands(all, done);
+        else
+            tell(said.empty() ? done : done + "; " + text);
     });
 }
 
-void Controls::changeNetwork(const Words &arguments, const std::string &done)
+void Controls::run(const Words &words, const std::function<void(const Result &)> &ended)
 {
-    later([this, arguments, done] {
-        ip(arguments);
-        return done;
-    });
+    if (program_) {
+        waiting_.push_back([=, this] { run(words, ended); });
+        return;
+    }
+    try {
+        program_.emplace(board_.link().loop().base(),
+                         concat({"/proc/self/exe", "-b", name_}, words),
+                         [=, this](const Result &result) {
+                             program_.reset();
+                             ended(result); // which may run what belongs to it first
+                             if (!program_ && !waiting_.empty()) {
+                                 const auto next = std::move(waiting_.front());
+                                 waiting_.pop_front();
+                                 next();
+                             }
+                         });
+    } catch (const std::runtime_error &error) {
+        tell(error.what(), true);
+    }
 }
 
 void Controls::turnPower(const std::string &laser, double by)
@@ -96,258 +124,139 @@ void Controls::turnReading(const std::string &laser)
 
 void Controls::setPower(const std::string &dbm)
 {
-    later([this, dbm] {
-        board_.setLaser(dbm);
-        return dbm.empty() ? "there is no reading" : "received power is " + dbm + " dBm";
-    });
+    request({"put", device::laserPath, dbm + "\n"},
+            dbm.empty() ? "there is no reading" : "received power is " + dbm + " dBm");
 }
 
 void Controls::turnLink(const std::string &gpon)
 {
-    const int next = atoi(gpon.c_str()) == gponUp ? GPON_DOWN : gponUp;
-    later([this, next] {
-        board_.setGpon(next);
-        return "GPON state is " + std::to_string(next);
-    });
-}
-
-void Controls::press()
-{
-    later([this] {
-        ask({"hold"});
-        pressing_ = true;
-        later(
-            [this] {
-                pressing_ = false;
-                ask({"release"});
-                return std::string("pressed the reset button and let go of it");
-            },
-            pressTime);
-        return std::string();
-    });
+    const std::string next = std::to_string(atoi(gpon.c_str()) == gponUp ? GPON_DOWN : gponUp);
+    request({"put", device::gponPath, next + "\n"}, "GPON state is " + next);
 }
 
 void Controls::addAddress(const Network &network)
 {
-    later([this, network] {
-        const std::string address =
-            network.prefix + std::to_string(lastAddress(network) + 1) + "/64";
-        ip({"addr", "add", address, "dev", network.interface, "nodad"});
-        return "added " + address + " to " + network.interface;
+    findAddress(network, [this, network](int last) {
+        const std::string address = network.prefix + std::to_string(last + 1) + "/64";
+        commands({{"ip", "-6", "addr", "add", address, "dev", network.interface, "nodad"}},
+                 "added " + address + " to " + network.interface);
     });
 }
 
 void Controls::removeAddress(const Network &network)
 {
-    later([this, network] {
-        const int last = lastAddress(network);
-        if (last == 0)
-            throw std::runtime_error(std::string("no panel added an address to ") +
-                                     network.interface);
+    findAddress(network, [this, network](int last) {
         const std::string address = network.prefix + std::to_string(last) + "/64";
-        ip({"addr", "del", address, "dev", network.interface});
-        return "removed " + address + " from " + network.interface;
+        if (last == 0)
+            tell(std::string("no panel added an address to ") + network.interface, true);
+        else
+            commands({{"ip", "-6", "addr", "del", address, "dev", network.interface}},
+                     "removed " + address + " from " + network.interface);
     });
+}
+
+void Controls::findAddress(const Network &network, const std::function<void(int)> &found)
+{
+    run({"ip", "-6", "addr", "show", "dev", network.interface},
+        [prefix = std::string(network.prefix), found](const Result &result) {
+            std::istringstream words(result.output);
+            int last = 0;
+            for (std::string word; words >> word;) {
+                int number;
+                int end = 0;
+                if (word.starts_with(prefix) &&
+                    sscanf(word.c_str() + prefix.size(), "%d/64%n", &number, &end) == 1 && end > 0)
+                    last = std::max(last, number);
+            }
+            found(last);
+        });
 }
 
 void Controls::turnWanLink()
 {
-    later([this] {
-        const bool exists = board_.exec({"ip", "link", "show", "dev", "nas0_0"}).status == 0;
-        if (exists) {
-            ip({"link", "del", "nas0_0"});
-            return std::string("deleted the link nas0_0");
-        }
-        ip({"link", "add", "nas0_0", "type", "veth", "peer", "name", "nas0_0", "netns",
-            board_.form().root() + "/.far"});
-        ip({"link", "set", "nas0_0", "up"}, true);
-        ip({"link", "set", "nas0_0", "up"});
-        return std::string("made the link nas0_0 again");
+    run({"ip", "link", "show", "dev", wan.interface}, [this](const Result &result) {
+        if (result.status == 0)
+            commands({{"ip", "link", "del", wan.interface}}, "deleted the link nas0_0");
+        else
+            commands({{"ip", "link", "add", wan.interface, "type", "veth", "peer", "name",
+                       wan.interface, "netns", board_.form().root() + "/.far"},
+                      {"ip", "--far", "link", "set", wan.interface, "up"},
+                      {"ip", "link", "set", wan.interface, "up"}},
+                     "made the link nas0_0 again");
     });
 }
 
 void Controls::turnFault(const Fault &fault)
 {
-    later([this, fault] {
-        const bool on = !faultsOf(board_).contains(fault.name);
-        setFault(board_, fault, on);
-        lookUp();
-        return std::string(fault.name) + (on ? " is on: " : " is off; it was: ") +
-               fault.description;
-    });
-}
-
-void Controls::startDaemon(const std::vector<std::string> &arguments)
-{
-    request(concat({"start", "1"}, arguments), "the daemon runs; ? lists the keys");
+    const bool on = !look_.faults.contains(fault.name);
+    commands({{"fault", fault.name, on ? "on" : "off"}},
+             std::string(fault.name) + (on ? " is on: " : " is off; it was: ") + fault.description);
 }
 
 void Controls::restartDaemon()
 {
-    later([this] {
-        tell("restarting the daemon ...", false);
-        ask({"restart"});
-        return std::string("the daemon was restarted");
-    });
+    tell("restarting the daemon ...");
+    request({"restart"}, "the daemon was restarted");
 }
 
-void Controls::saveRecording(const std::string &path)
+void Controls::tick()
 {
-    later([this, path] {
-        const auto [whole, remark] = recording();
-        writeFile(path, toVcd(whole));
-        return "saved the recording in " + path + remark;
-    });
-}
-
-void Controls::savePicture(const std::string &path)
-{
-    later([this, path] {
-        const auto [whole, remark] = recording();
-        kelo::savePicture(plot(whole, 0, whole.length), path);
-        return "saved a picture of the recording in " + path + remark;
-    });
-}
-
-std::optional<Message> Controls::message() const
-{
-    const std::lock_guard lock(mutex_);
-    return message_;
-}
-
-Look Controls::look() const
-{
-    const std::lock_guard lock(mutex_);
-    return look_;
-}
-
-void Controls::later(std::function<std::string()> job, Clock::duration delay)
-{
-    {
-        const std::lock_guard lock(mutex_);
-        jobs_.emplace(Clock::now() + delay, std::move(job));
-    }
-    changed_.notify_all();
-}
-
-void Controls::work()
-{
-    std::unique_lock lock(mutex_);
-    while (!ending_) {
-        if (jobs_.empty()) {
-            changed_.wait(lock);
-            continue;
-        }
-        const Clock::time_point due = jobs_.begin()->first;
-        if (due > Clock::now()) {
-            changed_.wait_until(lock, due);
-            continue;
-        }
-        const std::function<std::string()> job = jobs_.extract(jobs_.begin()).mapped();
-        lock.unlock();
-        try {
-            const std::string text = job();
-            if (!text.empty())
-                tell(text, false);
-        } catch (const std::exception &error) {
-            tell(firstLine(error.what()), true);
-        }
-        lock.lock();
-    }
-    lock.unlock();
-    if (pressing_) {
-        try {
-            ask({"release"});
-        } catch (const std::exception &) {
-            // The board is gone, and its button.
-        }
-    }
-}
-
-std::string Controls::tick()
-{
-    later([this] { return tick(); }, tickTime);
+    ticking_ = Watch(board_.link().loop().base(), tickTime, [this] { tick(); });
     if (traffic_)
         moveTraffic();
-    if (ticks_++ % 2 == 0)
+    if (ticks_++ % 2 == 0 && !looks_)
         lookUp();
-    return {};
 }
 
 void Controls::lookUp()
 {
-    Look look{board_.daemonState(), board_.daemon(), faultsOf(board_)};
-    const std::lock_guard lock(mutex_);
-    look_ = std::move(look);
+    looks_ = true;
+    board_.link().send({"daemon"}, [this](const Answer &answer) {
+        if (!answer.ok())
+            return;
+        look_.daemon = Access::daemonState(answer.words);
+        look_.process.reset();
+        if (!answer.words.empty())
+            look_.process = board_.form().outside(atoi(answer.words[0].c_str()));
+    });
+    board_.link().send(faultsRequest, [this](const Answer &answer) {
+        looks_ = false;
+        if (answer.ok())
+            look_.faults = toFaults(answer.words.at(0));
+    });
+}
+
+void Controls::moveTraffic()
+{
+    trafficTime_ += std::chrono::duration<double>(tickTime).count();
+    for (int number = 1; number <= static_cast<int>(busiest.size()); number++)
+        board_.link().send({"read", device::portsFolder + std::to_string(number)},
+                           [this, number](const Answer &answer) {
+                               if (answer.ok())
+                                   movePort(number, answer.words.at(0));
+                           });
 }
 
 /// Goes on from whatever the counters hold; a port that cannot be read stays so.
-void Controls::moveTraffic()
+void Controls::movePort(int number, const std::string &counters)
 {
+    unsigned long long in;
+    unsigned long long out;
+    if (sscanf(counters.c_str(), "%llu %llu", &in, &out) != 2)
+        return;
     const double step = std::chrono::duration<double>(tickTime).count();
-    trafficTime_ += step;
-    for (size_t port = 0; port < busiest.size(); port++) {
-        const int number = static_cast<int>(port) + 1;
-        unsigned long long in;
-        unsigned long long out;
-        const std::string file =
-            board_.read(device::portsFolder + std::to_string(number)).value_or("");
-        if (sscanf(file.c_str(), "%llu %llu", &in, &out) != 2)
-            continue;
-        const double phase = static_cast<double>(port) * 0.9;
-        const auto wave = [&](double period) {
-            return 0.55 + 0.45 * std::sin(trafficTime_ * 6.283 / period + phase);
-        };
-        board_.setPort(number, in + static_cast<unsigned long long>(busiest[port] * step * wave(9)),
-                       out + static_cast<unsigned long long>(busiest[port] * step * wave(14) / 6));
-    }
+    const double most = step * busiest[static_cast<size_t>(number) - 1];
+    const auto wave = [&](double period) {
+        return 0.55 + 0.45 * std::sin(trafficTime_ * 6.283 / period + (number - 1) * 0.9);
+    };
+    in += static_cast<unsigned long long>(most * wave(9));
+    out += static_cast<unsigned long long>(most * wave(14) / 6);
+    board_.link().send(Access::portRequest(number, in, out));
 }
 
 void Controls::tell(const std::string &text, bool failure)
 {
-    const std::lock_guard lock(mutex_);
     message_ = Message{text, failure, Clock::now()};
-}
-
-void Controls::ask(const Words &words) const
-{
-    kelo::request(name_, words);
-}
-
-void Controls::ip(const Words &arguments, bool far) const
-{
-    board_.require(Ability::Network);
-    const Words command = concat({"ip", "-6"}, arguments);
-    const Result result = board_.exec(far ? board_.form().far(command) : command);
-    if (result.status != 0)
-        throw std::runtime_error("ip: " + firstLine(result.output));
-}
-
-int Controls::lastAddress(const Network &network) const
-{
-    const std::string prefix = network.prefix;
-    const Result shown = board_.exec({"ip", "-6", "addr", "show", "dev", network.interface});
-    std::istringstream words(shown.output);
-    int last = 0;
-    for (std::string word; words >> word;) {
-        int number;
-        int end = 0;
-        if (word.starts_with(prefix) &&
-            sscanf(word.c_str() + prefix.size(), "%d/64%n", &number, &end) == 1 && end > 0)
-            last = std::max(last, number);
-    }
-    return last;
-}
-
-std::pair<Recording, std::string> Controls::recording() const
-{
-    const Past past(name_);
-    std::string remark;
-    if (past.from > past.start) {
-        const double seconds = std::chrono::duration<double>(past.from - past.start).count();
-        remark = ", from second " + std::to_string(std::lround(seconds)) + " on";
-    }
-    return {makeRecording(past.events, Clock::now()), remark};
 }
 
 } // namespace kelo::panel

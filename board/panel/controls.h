@@ -1,21 +1,17 @@
-/// What a person does to the board from the panel. Nothing here waits: what takes time is done in
-/// the background, one thing after the other, and what came of it is told by message(). What no
-/// event tells of the board is looked up there, too.
+/// What a person does to the board from the panel. Nothing here waits: requests go out one after
+/// the other, what a kelo-board command does is done by that, beside the loop, and what came of it
+/// is told by message(). What no event tells of the board is looked up, too.
 
 #pragma once
 
+#include "access.h"
 #include "faults.h"
-#include "recording.h"
-#include "registry.h"
 
-#include <atomic>
-#include <condition_variable>
-#include <functional>
-#include <map>
-#include <mutex>
+#include <deque>
+#include <list>
 #include <optional>
+#include <set>
 #include <string>
-#include <thread>
 
 namespace kelo::panel {
 
@@ -42,16 +38,15 @@ struct Look {
 
 class Controls {
 public:
-    /// Of the running board of this name. Throws BoardGone when there is none.
-    explicit Controls(const std::string &name);
-    ~Controls();
+    /// Of the running board of this name.
+    Controls(const std::string &name, const Access &board);
     Controls(const Controls &) = delete;
     Controls &operator=(const Controls &) = delete;
 
     /// Has the board do something, and tells when it is done.
     void request(const Words &words, const std::string &done);
-    /// The same by ip -6.
-    void changeNetwork(const Words &arguments, const std::string &done);
+    /// The same by commands of kelo-board, one after the other.
+    void commands(std::list<Words> all, const std::string &done);
 
     void turnPower(const std::string &laser, double by);
     /// To the middle of the band above (1) or below (-1).
@@ -71,51 +66,36 @@ public:
     void turnWanLink();
 
     void turnFault(const Fault &fault);
-
-    void startDaemon(const std::vector<std::string> &arguments);
     void restartDaemon();
 
-    void saveRecording(const std::string &path);
-    void savePicture(const std::string &path);
-
-    std::optional<Message> message() const;
-    Look look() const;
+    const std::optional<Message> &message() const { return message_; }
+    const Look &look() const { return look_; }
 
 private:
     void setPower(const std::string &dbm);
-    /// Does something in the background, now or after a while; it returns what to tell, if
-    /// anything, or throws.
-    void later(std::function<std::string()> job, Clock::duration delay = Clock::duration::zero());
-    void work();
+    /// Runs a command of kelo-board once those before it have ended.
+    void run(const Words &words, const std::function<void(const Result &)> &ended);
+    /// Finds the highest number of the addresses that a panel added; 0 if none.
+    void findAddress(const Network &network, const std::function<void(int)> &found);
     /// What is done over and over.
-    std::string tick();
-    void moveTraffic();
+    void tick();
     void lookUp();
-    void tell(const std::string &text, bool failure);
-    /// Has the program that runs the board do something.
-    void ask(const Words &words) const;
-    /// Changes the board's network.
-    void ip(const Words &arguments, bool far = false) const;
-    /// The highest number of the addresses that a panel added; 0 if none.
-    int lastAddress(const Network &network) const;
-    /// What happened so far, and what to say of it beside.
-    std::pair<Recording, std::string> recording() const;
+    void moveTraffic();
+    void movePort(int number, const std::string &counters);
+    void tell(const std::string &text, bool failure = false);
 
     const std::string name_;
-    const Access board_;
+    const Access &board_;
     std::string reading_ = "-18.5"; ///< before it was turned to none
-    std::atomic<bool> traffic_{false};
+    bool traffic_ = false;
     double trafficTime_ = 0;
     unsigned ticks_ = 0;
-    bool pressing_ = false; ///< a job that lets go of the button is to come
-
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    std::multimap<Clock::time_point, std::function<std::string()>> jobs_; ///< by when they are due
+    bool looks_ = false; ///< and has no answer yet
     std::optional<Message> message_;
     Look look_;
-    bool ending_ = false;
-    std::thread worker_;
+    std::optional<Program> program_;
+    std::deque<std::function<void()>> waiting_; ///< to run programs after that
+    Watch ticking_;
 };
 
 } // namespace kelo::panel

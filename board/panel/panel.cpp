@@ -2,13 +2,14 @@
 
 #include "controls.h"
 #include "draw.h"
+#include "registry.h"
 #include "screen.h"
 #include "state.h"
 
-#include <atomic>
 #include <csignal>
 #include <ctime>
 #include <functional>
+#include <unistd.h>
 
 #include <curses.h>
 
@@ -17,10 +18,10 @@ namespace kelo::panel {
 namespace {
 
 constexpr double POWER_STEP = 0.5;
-constexpr auto updateTime = std::chrono::milliseconds(100);
+constexpr auto frameTime = std::chrono::milliseconds(40);
 constexpr int ESCAPE = 27;
 
-std::atomic<bool> interrupted;
+volatile sig_atomic_t interrupted;
 
 /// A name for a file that is not there yet, as good as surely.
 std::string fileName(const std::string &board, const char *ending)
@@ -46,22 +47,30 @@ bool isFurther(char byte)
 
 class Panel {
 public:
-    Panel(const std::string &name, bool isOwn, Controls &controls, Screen &screen)
-        : view_{name, isOwn, toTime(stateOf(name)["start"])}, record_(name, view_.start),
-          controls_(controls), screen_(screen)
+    Panel(const std::string &name, bool isOwn, const Link::LoopPointer &loop, Controls &controls,
+          Screen &screen)
+        : view_{name, isOwn, toTime(stateOf(name)["start"])}, loop_(loop),
+          record_(name, view_.start, loop), controls_(controls), screen_(screen)
     {
         addKeys();
     }
 
     void run()
     {
+        const Watch typing(loop_->base(), STDIN_FILENO, [] {});
         try {
-            while (!interrupted && !quit_ && !screen_.gone()) {
-                const int key = screen_.key();
-                if (key != ERR && key != KEY_RESIZE)
-                    take(key);
+            for (Clock::time_point frame; !interrupted && !quit_ && !screen_.gone();) {
+                loop_->turn(frame + frameTime);
+                bool typed = false;
+                for (int key; (key = screen_.key()) != ERR; typed = true) {
+                    if (key != KEY_RESIZE)
+                        take(key);
+                }
                 update();
-                show();
+                if (typed || Clock::now() >= frame + frameTime) {
+                    frame = Clock::now();
+                    show();
+                }
             }
         } catch (const BoardEnded &) {
         }
@@ -109,21 +118,29 @@ private:
         add('a', "a A", "add, remove a LAN address", [this] { controls_.addAddress(lan); });
         add('A', nullptr, nullptr, [this] { controls_.removeAddress(lan); });
         add('d', "d D", "add, remove a default route", [this] {
-            controls_.changeNetwork({"route", "add", "default", "via", "fe80::1", "dev", "nas0_0"},
-                                    "added a default route via fe80::1 over nas0_0");
+            controls_.commands(
+                {{"ip", "-6", "route", "add", "default", "via", "fe80::1", "dev", wan.interface}},
+                "added a default route via fe80::1 over nas0_0");
         });
         add('D', nullptr, nullptr, [this] {
-            controls_.changeNetwork({"route", "del", "default", "dev", "nas0_0"},
-                                    "removed the default route over nas0_0");
+            controls_.commands({{"ip", "-6", "route", "del", "default", "dev", wan.interface}},
+                               "removed the default route over nas0_0");
         });
         add('x', "x", "delete or make the WAN link", [this] { controls_.turnWanLink(); });
         add('s', "s", "send the daemon a signal", [this] { askForSignal(); });
         add('f', "f", "see and set faults", [this] { view_.faults = true; });
         add('R', "R", "restart the daemon", [this] { controls_.restartDaemon(); });
-        add('v', "v", "save the recording (VCD)",
-            [this] { askForFile("recording", ".vcd", &Controls::saveRecording); });
-        add('p', "p", "save its picture (SVG, PNG)",
-            [this] { askForFile("picture", ".svg", &Controls::savePicture); });
+        add('v', "v", "save the recording (VCD)", [this] {
+            askForFile("recording", ".vcd", [this](const std::string &path) {
+                controls_.commands({{"record", "--", path}}, "saved the recording in " + path);
+            });
+        });
+        add('p', "p", "save its picture (SVG, PNG)", [this] {
+            askForFile("picture", ".svg", [this](const std::string &path) {
+                controls_.commands({{"plot", "--output=" + path}},
+                                   "saved a picture of the recording in " + path);
+            });
+        });
         add('l', "l", "log large or small", [this] {
             view_.largeLog = !view_.largeLog;
             view_.scroll = 0;
@@ -196,10 +213,10 @@ private:
     }
 
     void askForFile(const std::string &what, const char *ending,
-                    void (Controls::*save)(const std::string &path))
+                    std::function<void(const std::string &)> save)
     {
         prompt_ = Prompt{"Save " + what + " (Enter, Esc, Ctrl-U): ", fileName(view_.board, ending),
-                         [this, save](const std::string &path) { (controls_.*save)(path); }};
+                         std::move(save)};
     }
 
     void turnPower(double by) { controls_.turnPower(state_.laser, by); }
@@ -219,9 +236,7 @@ private:
     void update()
     {
         const size_t loggedBefore = state_.logged;
-        // However much there is, it is to be seen soon.
-        const auto enough = Clock::now() + updateTime;
-        while (const auto event = Clock::now() < enough ? record_.next(Clock::now()) : std::nullopt)
+        while (const auto event = record_.take())
             state_.take(*event);
         // Who reads what was goes on reading it.
         const size_t fresh = std::min(state_.logged - loggedBefore, state_.log.size());
@@ -247,6 +262,7 @@ private:
     }
 
     View view_;
+    const Link::LoopPointer loop_;
     RecordReader record_;
     Controls &controls_;
     Screen &screen_;
@@ -262,16 +278,18 @@ private:
 void run(const std::string &name, const std::optional<std::vector<std::string>> &daemonArguments)
 {
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
-        if (signal(number, [](int) { interrupted = true; }) == SIG_IGN)
+        if (signal(number, [](int) { interrupted = 1; }) == SIG_IGN)
             signal(number, SIG_IGN); // as under nohup(1)
     }
     signal(SIGPIPE, SIG_IGN);
-    // The terminal is given back before anything that may take a moment.
-    Controls controls(name);
-    Screen screen;
+    const auto loop = std::make_shared<const Loop>();
+    const Access board = openBoard(name, loop);
+    Controls controls(name, board);
+    Screen screen; // given back before anything that may take a moment
     if (daemonArguments)
-        controls.startDaemon(*daemonArguments);
-    Panel(name, daemonArguments.has_value(), controls, screen).run();
+        controls.request(concat({"start", "1"}, *daemonArguments),
+                         "the daemon runs; ? lists the keys");
+    Panel(name, daemonArguments.has_value(), loop, controls, screen).run();
 }
 
 } // namespace kelo::panel

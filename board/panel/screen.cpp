@@ -21,8 +21,6 @@ namespace kelo::panel {
 
 namespace {
 
-constexpr int KEY_WAIT_MS = 40;
-
 // What gives the terminal back from a signal handler, which must not call curses.
 termios terminalBefore;
 char resetSequence[256];
@@ -104,7 +102,7 @@ Screen::Screen()
     keypad(stdscr, TRUE);
     set_escdelay(50);
     curs_set(0);
-    timeout(KEY_WAIT_MS);
+    timeout(0);
     const char *const noColour = getenv("NO_COLOR");
     if (!(noColour && *noColour) && has_colors()) {
         colours_ = true;

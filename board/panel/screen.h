@@ -27,8 +27,8 @@ public:
 
     /// Whether the terminal went away.
     bool gone() const;
-    /// The next key, or byte of a character beyond ASCII, KEY_RESIZE included; -1 when none comes
-    /// for a moment.
+    /// The next key, or byte of a character beyond ASCII, KEY_RESIZE included; -1 when there is
+    /// none.
     int key();
 
     void clear();

@@ -14,10 +14,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <sys/random.h>
-#include <unistd.h>
 
 namespace kelo {
 
@@ -137,7 +135,7 @@ void Server::Close::operator()(evhttp *server) const
 
 Server::Server(const std::string &board, const std::string &address, int port)
     : board_(board), start_(toTime(stateOf(board)["start"])), token_(makeToken()),
-      http_(evhttp_new(loop_.base())), address_(address)
+      http_(evhttp_new(loop_->base())), address_(address)
 {
     evhttp_set_allowed_methods(http_.get(), EVHTTP_REQ_GET | EVHTTP_REQ_POST);
     evhttp_set_max_body_size(http_.get(), bodyMax);
@@ -163,10 +161,7 @@ Server::Server(const std::string &board, const std::string &address, int port)
 Server::~Server()
 {
     for (Command &command : commands_) {
-        if (command.done)
-            continue;
-        kill(-command.process, SIGKILL);
-        waitFor(command.process);
+        command.program->kill();
         answer(command.request, 503, "the page's program ended");
     }
 }
@@ -182,29 +177,26 @@ void Server::run()
 {
     std::vector<Watch> signals;
     for (const int number : {SIGINT, SIGTERM, SIGHUP})
-        signals.push_back(Watch::onSignal(loop_.base(), number, [this] { ending_ = true; }));
-    Connection end(board_, {"watch", toText(Clock::now())});
-    Watch ended(loop_.base(), end.descriptor(), [&] {
-        try {
-            while (end.line(Clock::now())) {
+        signals.push_back(Watch::onSignal(loop_->base(), number, [this] { ending_ = true; }));
+    RecordReader end(board_, Clock::now(), loop_);
+    std::exception_ptr failure;
+    try {
+        while (!ending_) {
+            loop_->turn(Clock::now() + std::chrono::hours(1));
+            while (end.take()) {
             }
-        } catch (const BoardEnded &) {
-            ending_ = true;
-        } catch (const std::runtime_error &error) {
-            ending_ = true;
-            failure_ = error.what();
         }
-    });
-    while (!ending_)
-        loop_.turn(Clock::now() + std::chrono::hours(1));
-    ended = Watch();
+    } catch (const BoardEnded &) {
+    } catch (...) {
+        failure = std::current_exception();
+    }
     for (Viewer &viewer : viewers_)
         leave(viewer);
     const Clock::time_point last = Clock::now() + std::chrono::milliseconds(100);
     while (Clock::now() < last) // browsers hear of it
-        loop_.turn(last);
-    if (!failure_.empty())
-        throw BoardGone(failure_);
+        loop_->turn(last);
+    if (failure)
+        std::rethrow_exception(failure);
 }
 
 void Server::handle(evhttp_request *request)
@@ -247,23 +239,26 @@ void Server::serve(evhttp_request *request, bool isPost, const std::string &what
 /// Answers with all events, those that come too.
 void Server::watch(evhttp_request *request)
 {
-    std::optional<Connection> events;
-    try {
-        if (viewers_.size() < viewersMax)
-            events.emplace(board_, Words{"watch", toText(start_)});
-    } catch (const BoardGone &) {
-        // As if there were no room.
-    }
-    if (!events) {
+    if (viewers_.size() >= viewersMax) {
         answer(request, 503, "nobody else can look on");
+        return;
+    }
+    viewers_.push_back({this, request});
+    Viewer &viewer = viewers_.back();
+    try {
+        viewer.record = std::make_unique<RecordReader>(board_, start_, loop_, [this, &viewer] {
+            viewer.feeding =
+                Watch(loop_->base(), Clock::duration::zero(), [this, &viewer] { feed(viewer); });
+        });
+    } catch (const std::runtime_error &error) {
+        viewers_.pop_back();
+        answer(request, 503, error.what());
         return;
     }
     evkeyvalq *const headers = evhttp_request_get_output_headers(request);
     evhttp_add_header(headers, "Content-Type", "text/event-stream");
     evhttp_add_header(headers, "Cache-Control", "no-store");
     evhttp_send_reply_start(request, 200, nullptr);
-    viewers_.push_back({this, request, std::move(*events)});
-    Viewer &viewer = viewers_.back();
     evhttp_connection_set_closecb(
         evhttp_request_get_connection(request),
         [](evhttp_connection *, void *argument) {
@@ -271,8 +266,6 @@ void Server::watch(evhttp_request *request)
             gone->server->leave(*gone);
         },
         &viewer);
-    viewer.readable =
-        Watch(loop_.base(), viewer.events.descriptor(), [this, &viewer] { feed(viewer); });
 }
 
 void Server::feed(Viewer &viewer)
@@ -282,16 +275,11 @@ void Server::feed(Viewer &viewer)
     json events = json::array();
     bool ended = false;
     try {
-        while (const auto line = viewer.events.line(Clock::now())) {
-            viewer.isUpToDate |= *line == "now";
-            const std::optional<Event> event = fromLine(*line);
-            const bool holds =
-                event && (event->kind == EventKind::Leds || event->kind == EventKind::Snapshot);
-            if (event && !(holds && viewer.before[event->kind] == event->text)) {
-                viewer.before[event->kind] = event->text;
-                events.push_back(
-                    {seconds(event->time - start_), kindName(event->kind), event->text});
-            }
+        while (const auto event = viewer.record->take()) {
+            const bool holds = event->kind == EventKind::Leds || event->kind == EventKind::Snapshot;
+            if (holds && std::exchange(viewer.before[event->kind], event->text) == event->text)
+                continue;
+            events.push_back({seconds(event->time - start_), kindName(event->kind), event->text});
         }
     } catch (const std::runtime_error &) {
         ended = true;
@@ -305,7 +293,7 @@ void Server::feed(Viewer &viewer)
     evhttp_connection *const connection = evhttp_request_get_connection(viewer.request);
     const size_t waiting =
         evbuffer_get_length(bufferevent_get_output(evhttp_connection_get_bufferevent(connection)));
-    if (ended || (viewer.isUpToDate && waiting > sentAhead))
+    if (ended || (viewer.record->isUpToDate() && waiting > sentAhead))
         leave(viewer);
 }
 
@@ -331,31 +319,20 @@ void Server::perform(evhttp_request *request)
     }
     const std::string self = std::filesystem::read_symlink("/proc/self/exe");
     const Words command = concat({self, "-b", board_}, words);
-    Pipe output = makePipe();
-    const Descriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    const pid_t process =
-        spawnApart(command, {nothing.get(), output.write.get(), output.write.get()});
-    commands_.push_back({request, words, process, std::move(output.read), Clock::now()});
-    Command &running = commands_.back();
-    running.readable = Watch(loop_.base(), running.from.get(), [this, &running] { take(running); });
+    const auto added = commands_.insert(commands_.end(), {request, words, Clock::now()});
+    added->program = std::make_unique<Program>(
+        loop_->base(), command, [this, added](const Result &result) { finish(added, result); });
 }
 
-void Server::take(Command &command)
+void Server::finish(std::list<Command>::iterator command, const Result &result)
 {
-    char text[4096];
-    const ssize_t length = command.done ? -1 : read(command.from.get(), text, sizeof text);
-    if (length > 0)
-        command.output.append(text, static_cast<size_t>(length));
-    if (command.done || length > 0)
-        return;
-    command.done = true;
-    const bool succeeded = waitFor(command.process) == 0;
-    if (succeeded && command.words != Words{"fault"})
-        session_.push_back({command.words, command.begin, Clock::now()});
-    const json outcome{{"done", succeeded}, {"text", command.output}};
-    answer(command.request, 200, outcome.dump(-1, ' ', false, json::error_handler_t::replace),
+    const bool succeeded = result.status == 0;
+    if (succeeded && command->words != Words{"fault"})
+        session_.push_back({command->words, command->begin, Clock::now()});
+    const json outcome{{"done", succeeded}, {"text", result.output}};
+    answer(command->request, 200, outcome.dump(-1, ' ', false, json::error_handler_t::replace),
            "application/json");
-    reapLater();
+    commands_.erase(command);
 }
 
 /// A script that does the same again, with the same pauses.
@@ -380,9 +357,8 @@ std::string Server::scenario() const
 /// What has ended is at work right now.
 void Server::reapLater()
 {
-    reaping_ = Watch(loop_.base(), Clock::duration::zero(), [this] {
+    reaping_ = Watch(loop_->base(), Clock::duration::zero(), [this] {
         viewers_.remove_if([](const Viewer &viewer) { return viewer.gone; });
-        commands_.remove_if([](const Command &command) { return command.done; });
     });
 }
 

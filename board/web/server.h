@@ -39,21 +39,16 @@ private:
     struct Viewer {
         Server *server;
         evhttp_request *request; ///< whose answer does not end
-        Connection events;
-        bool isUpToDate = false;
+        std::unique_ptr<RecordReader> record{};
         std::map<EventKind, std::string> before{}; ///< what was sent last
-        Watch readable{};
+        Watch feeding{};                           ///< news, all of it at once
         bool gone = false;
     };
     struct Command {
         evhttp_request *request;
         Words words;
-        pid_t process;
-        Descriptor from;
         Clock::time_point begin;
-        std::string output{};
-        Watch readable{};
-        bool done = false;
+        std::unique_ptr<Program> program{};
     };
     /// What was done, for the scenario.
     struct Done {
@@ -68,14 +63,14 @@ private:
     void feed(Viewer &viewer);
     void leave(Viewer &viewer);
     void perform(evhttp_request *request);
-    void take(Command &command);
+    void finish(std::list<Command>::iterator command, const Result &result);
     std::string scenario() const;
     void reapLater();
 
     const std::string board_;
     const Clock::time_point start_; ///< of the board
     const std::string token_;
-    Loop loop_;
+    const Link::LoopPointer loop_ = std::make_shared<const Loop>();
     struct Close {
         void operator()(evhttp *server) const;
     };
@@ -87,7 +82,6 @@ private:
     std::vector<Done> session_;
     Watch reaping_;
     bool ending_ = false;
-    std::string failure_; ///< how the board ended, unless somebody asked it to
 };
 
 } // namespace kelo

@@ -676,6 +676,20 @@ TEST_F(AttachedPanel, StopsAndGoesOnWithoutTheBoard)
     EXPECT_TRUE(shows("then 0"));
 }
 
+TEST_F(AttachedPanel, KeysWorkWhileTheBoardDoesNotAnswer)
+{
+    const pid_t host = process();
+    kill(host, SIGSTOP);
+    for (const char *const name : {"+", "w", "5", "b", "?"})
+        key(name);
+    EXPECT_TRUE(shows("Keys of the panel"));
+    kill(host, SIGCONT);
+    key("Escape");
+    EXPECT_TRUE(shows("-18.0 dBm"));
+    EXPECT_TRUE(shows("WAN address  2001:db8::2/64"));
+    EXPECT_TRUE(shows("Mode +reboot"));
+}
+
 TEST_F(AttachedPanel, TakesNoOptionsForTheDaemon)
 {
     const kelo::Result result = command({"panel", "--daemon-option=-d"});

@@ -664,6 +664,17 @@ TEST_F(OnBoard, PressLetsGoBeforeTheValueGrowsOnceMore)
     EXPECT_FALSE(has(events, "button    3\n"));
 }
 
+TEST_F(OnBoard, PressLetsGoThoughNobodyWaitsForIt)
+{
+    const pid_t press = kelo::spawnApart({KELO_BOARD_PROGRAM, "-b", name, "press"}, {});
+    EXPECT_TRUE(
+        within(20s, [&] { return on({"events"}).out.find("button    1\n") != std::string::npos; }));
+    EXPECT_EQ("kelo-board: the button is being pressed\n", on({"press"}).err);
+    kill(press, SIGKILL);
+    kelo::waitFor(press);
+    succeeds({"expect", "order", "button", "1", "button", "2", "button", "0"});
+}
+
 TEST_F(OnBoard, StatusTellsWhetherTheDaemonRuns)
 {
     EXPECT_TRUE(has(on({"status"}).out, "daemon    running\n"));
