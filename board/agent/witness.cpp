@@ -21,6 +21,7 @@ using namespace kelo::device;
 constexpr int channelRoom = 1 << 20; // bytes that may wait for us, as much as any user may have
 constexpr char stampMark = '\035';   // before an entry of a driver that stamps it
 constexpr char portNote[] = "syscfg_getPortBytes ";
+constexpr char besideNote[] = "syscfg_re"; // boot, storeDefaultBg
 constexpr char recordStart[] = "kelo-monitord: ";
 
 struct Hardware {
@@ -204,9 +205,13 @@ void takeEntry(const char *text, size_t length)
 {
     const bool isNote = *text == noteMark;
     const bool isPort = isNote && strncmp(text + 1, portNote, strlen(portNote)) == 0;
-    if (!isPort || text[1 + strlen(portNote)] == '1')
-        endPorts();
-    afterPorts = isPort;
+    // A child of the daemon's reboots or restores, beside whatever that does.
+    const bool isBeside = isNote && strncmp(text + 1, besideNote, strlen(besideNote)) == 0;
+    if (!isBeside) {
+        if (!isPort || text[1 + strlen(portNote)] == '1')
+            endPorts();
+        afterPorts = isPort;
+    }
     if (isNote)
         takeNote(text + 1, length - 1);
     else if (ledLength(text) == length)

@@ -2,7 +2,10 @@
 
 #include "board_test.h"
 
+#include "device.h"
+
 #include <csignal>
+#include <filesystem>
 
 namespace {
 
@@ -102,6 +105,36 @@ TEST_F(Order, PurgeTellsOfTheLinkThenOfAddressesThenOfRoutes)
                                               {OMCI, "set update_ip"},
                                               {LOG, "Removed IPv6 address 2001:db8::1/64"},
                                               {LOG, "Removed IPv6 route 2001:db8:f::/48"}}));
+}
+
+TEST_F(Order, RebootBesideTheDaemonLeavesASnapshotInItsPlace)
+{
+    NEEDS(Files);
+    start();
+    ASSERT_TRUE(board.signalDaemon(SIGSTOP));
+    const std::string stat =
+        kelo::readFile("/proc/" + std::to_string(board.daemon().value()) + "/stat");
+    const pid_t agent = atoi(stat.c_str() + stat.rfind(')') + 4);
+    ASSERT_GT(agent, 1);
+    const auto letOut = [&](const std::string &text) {
+        kelo::writeFile(board.path(kelo::device::channelPath), text);
+    };
+    fromNow();
+    for (int port = 1; port <= 7; port++) {
+        letOut("\036syscfg_getPortBytes " + std::to_string(port) + "\n");
+        board.mark();
+    }
+    letOut("\036syscfg_reboot\n");
+    board.mark();
+    kill(agent, SIGSTOP); // and look at the rest at once
+    const std::string file = board.path(kelo::device::snapshotPath);
+    kelo::writeFile(file + ".tmp", "port=lan1\n");
+    std::filesystem::rename(file + ".tmp", file);
+    letOut("active 4 0\n");
+    kill(agent, SIGCONT);
+    EXPECT_TRUE(happens({{EventKind::Call, "syscfg_reboot"},
+                         {EventKind::Snapshot, "port=lan1"},
+                         {EventKind::Leds, ""}}));
 }
 
 TEST_F(Order, SnapshotComesRightBehindTheSevenPorts)

@@ -197,7 +197,10 @@ TEST_F(Trace, RecordHasEveryEventInTheOrderOfTheCallsAndAtTheirTime)
     };
     cut(calls);
     cut(record);
-    // The child that reboots writes beside its parent.
+    // A child reboots beside the daemon, in no order.
+    const auto isReboot = [](const Let &let) { return let.what == "syscfg_reboot"; };
+    EXPECT_EQ(1U, std::erase_if(calls, isReboot));
+    EXPECT_EQ(1U, std::erase_if(record, isReboot));
     for (size_t i = 0; i < std::min(calls.size(), record.size()); i++)
         ASSERT_EQ(calls[i].what, record[i].what) << "event " << i << " of " << calls.size();
     ASSERT_EQ(calls.size(), record.size());
