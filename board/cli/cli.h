@@ -101,14 +101,19 @@ private:
 /// An event's text as a person reads it.
 std::string shownText(const Event &event);
 
-/// Prints events that are news as lines that carry time and kind, or as JSON.
+/// Prints events as lines that carry time and kind, or as JSON.
 class EventPrinter {
 public:
     explicit EventPrinter(Clock::time_point start, bool json = false, FILE *out = stdout)
         : start_(start), json_(json), out_(out)
     {
     }
-    void print(const Event &event);
+    void print(const Event &event) const;
+    void printNews(const Event &event)
+    {
+        if (news_.is(event))
+            print(event);
+    }
 
 private:
     Clock::time_point start_;

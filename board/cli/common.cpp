@@ -53,10 +53,8 @@ std::string shownText(const Event &event)
     return event.kind == EventKind::Mode ? modeName(event.text) : event.text;
 }
 
-void EventPrinter::print(const Event &event)
+void EventPrinter::print(const Event &event) const
 {
-    if (!news_.is(event))
-        return;
     const double seconds = std::chrono::duration<double>(event.time - start_).count();
     if (json_) {
         const nlohmann::ordered_json object{{"time", std::round(seconds * 1e6) / 1e6},

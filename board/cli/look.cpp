@@ -14,6 +14,7 @@ namespace {
 
 struct LookOptions {
     bool follow = false;
+    bool all = false;
     std::string attribute;
 };
 
@@ -25,21 +26,23 @@ bool readerIsGone()
 }
 
 /// Prints the record of a board, of one kind or of all, and goes on as it grows if asked to.
-void printRecord(const Cli &cli, bool follow, std::optional<EventKind> kind)
+void printRecord(const Cli &cli, const LookOptions &options, std::optional<EventKind> kind)
 {
     auto state = stateOf(cli.board);
     const Clock::time_point start = toTime(state["start"]);
     sayRecordBegins(start, toTime(state["since"]));
     EventPrinter printer(start, cli.json);
     RecordReader record(cli.board, start);
-    const auto patience = std::chrono::milliseconds(follow ? 200 : 0);
+    const auto patience = std::chrono::milliseconds(options.follow ? 200 : 0);
     try {
         while (!readerIsGone()) {
             const auto event = record.next(Clock::now() + patience);
-            if (!event && !follow)
+            if (!event && !options.follow)
                 break;
-            if (event && (!kind || event->kind == *kind))
+            if (event && options.all)
                 printer.print(*event);
+            else if (event && (!kind || event->kind == *kind))
+                printer.printNews(*event);
         }
     } catch (const BoardEnded &) {
     }
@@ -168,10 +171,12 @@ void addLook(Cli &cli)
         lookGroup, "snapshot", "Print the port counter snapshot", [&cli] { snapshot(cli); });
     CLI::App *const logCommand =
         cli.add(lookGroup, "log", "Print the daemon's log",
-                [&cli, options] { printRecord(cli, options->follow, EventKind::Log); });
+                [&cli, options] { printRecord(cli, *options, EventKind::Log); });
     CLI::App *const eventsCommand =
         cli.add(lookGroup, "events", "Print everything that happened on the board",
-                [&cli, options] { printRecord(cli, options->follow, std::nullopt); });
+                [&cli, options] { printRecord(cli, *options, std::nullopt); });
+    eventsCommand->add_flag("--all", options->all,
+                            "Also LEDs and snapshots that are as they were before");
     const auto file = std::make_shared<std::string>("/");
     cli.add(lookGroup, "path", "Print where a board's file is for this machine",
             [&cli, file] {

@@ -133,7 +133,7 @@ void runScript(const std::string &file, const std::string &board, Host &host, in
         // What happened comes before what the script has to say of it.
         for (const Event &event : host.board().next(seen)) {
             if (options.show)
-                printer.print(event);
+                printer.printNews(event);
             if (isUnasked(event))
                 unasked = event;
             if (event.kind == EventKind::Leds)
@@ -222,7 +222,7 @@ void keepRecord(const RunOptions &options, const Host &host, const Outcome &outc
     FILE *const log = fopen((path + ".log").c_str(), "w");
     EventPrinter printer(record.start, false, log ? log : stderr);
     for (const Event &event : record.events)
-        printer.print(event);
+        printer.printNews(event);
     if (!log || fclose(log) != 0)
         throw Failure("cannot write " + path + ".log");
 }

@@ -64,7 +64,7 @@ void upForeground(const std::string &name, const UpOptions &options)
         for (bool more = true; more;) {
             const std::vector<Event> events = host.board().next(seen);
             for (const Event &event : events)
-                printer->print(event);
+                printer->printNews(event);
             more = !events.empty();
         }
         if (ferror(stdout))
