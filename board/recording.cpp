@@ -4,35 +4,51 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <ctime>
+#include <deque>
 #include <iomanip>
 #include <map>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 namespace kelo {
 
 namespace {
 
-constexpr const char *ledNames[] = {"gpio6", "gpio7", "gpio8", "gpio2", "gpio3", "gpio4"};
 constexpr int MODE_BITS = 4;
 
-/// The signals that a recording has, empty.
-std::vector<Signal> emptySignals()
-{
-    std::vector<Signal> signals;
-    for (const char *const name : ledNames)
-        signals.push_back({name, Signal::Type::Bit});
-    signals.push_back({"mode", Signal::Type::Bits});
-    signals.push_back({"rx_power_dbm", Signal::Type::Real});
-    signals.push_back({"link", Signal::Type::Bit});
-    signals.push_back({"gpon_state", Signal::Type::Real});
-    signals.push_back({"button", Signal::Type::Bit});
-    signals.push_back({"button_value", Signal::Type::Real});
-    for (const char *const name : {"reboot", "restore", "store", "omci", "daemon_exit"})
-        signals.push_back({name, Signal::Type::Event});
-    return signals;
-}
+/// A signal of every recording. Without a kind it only repeats another one in short.
+struct Lane {
+    const char *name;
+    Signal::Type type;
+    std::optional<EventKind> kind{}; ///< of the events that it shows
+};
+
+using Type = Signal::Type;
+using Kind = EventKind;
+const Lane lanes[] = {
+    {"gpio6", Type::Bit, Kind::Leds},
+    {"gpio7", Type::Bit, Kind::Leds},
+    {"gpio8", Type::Bit, Kind::Leds},
+    {"gpio2", Type::Bit, Kind::Leds},
+    {"gpio3", Type::Bit, Kind::Leds},
+    {"gpio4", Type::Bit, Kind::Leds},
+    {"mode", Type::Bits, Kind::Mode},
+    {"rx_power_dbm", Type::Real, Kind::Laser},
+    {"link", Type::Bit},
+    {"gpon_state", Type::Real, Kind::Gpon},
+    {"button", Type::Bit},
+    {"button_value", Type::Real, Kind::Button},
+    {"reboot", Type::Event, Kind::Call},
+    {"restore", Type::Event, Kind::Call},
+    {"store", Type::Event, Kind::Store},
+    {"omci", Type::Event, Kind::Omci},
+    {"daemon_exit", Type::Event, Kind::Exit},
+};
+constexpr size_t ledCount = 6; // the first of them
+constexpr char exitWord[] = "exit ";
 
 class Recorder {
 public:
@@ -71,39 +87,23 @@ std::string toNumber(const std::string &text)
 
 void recordEvent(Recorder &recorder, const Event &event)
 {
-    switch (event.kind) {
-    case EventKind::Leds:
-        for (size_t led = 0; led < std::size(ledNames) && led < event.text.size(); led++)
-            recorder.set(ledNames[led], event.text[led] == '?' ? "x" : event.text.substr(led, 1));
-        break;
-    case EventKind::Mode:
-    case EventKind::Store:
-    case EventKind::Omci:
-        recorder.set(kindName(event.kind), event.text);
-        break;
-    case EventKind::Laser:
-        recorder.set("rx_power_dbm", toNumber(event.text));
-        break;
-    case EventKind::Gpon:
-        recorder.set("link", atoi(event.text.c_str()) == device::gponUp ? "1" : "0");
-        recorder.set("gpon_state", toNumber(event.text));
-        break;
-    case EventKind::Button:
-        recorder.set("button", atoi(event.text.c_str()) != 0 ? "1" : "0");
-        recorder.set("button_value", toNumber(event.text));
-        break;
-    case EventKind::Call:
-        if (event.text.starts_with("syscfg_reboot"))
-            recorder.set("reboot", event.text);
-        else if (event.text.starts_with("syscfg_restore"))
-            recorder.set("restore", event.text);
-        break;
-    case EventKind::Exit:
-        recorder.set("daemon_exit", "exit " + event.text);
-        break;
-    default:
-        break;
+    const std::string &text = event.text;
+    for (size_t i = 0; i < std::size(lanes); i++) {
+        const Lane &lane = lanes[i];
+        if (lane.kind != event.kind)
+            continue;
+        if (i < ledCount)
+            recorder.set(lane.name, i >= text.size() || text[i] == '?' ? "x" : text.substr(i, 1));
+        else if (event.kind == Kind::Exit)
+            recorder.set(lane.name, exitWord + text);
+        else if (event.kind != Kind::Call || text.starts_with(std::string("syscfg_") + lane.name))
+            recorder.set(lane.name, lane.type == Type::Real ? toNumber(text) : text);
     }
+    const int number = atoi(text.c_str());
+    if (event.kind == Kind::Gpon)
+        recorder.set("link", number == device::gponUp ? "1" : "0");
+    else if (event.kind == Kind::Button)
+        recorder.set("button", number != 0 ? "1" : "0");
 }
 
 std::string bitOf(const std::string &value, int bit)
@@ -167,7 +167,7 @@ class VcdReader {
 public:
     explicit VcdReader(std::istream &in) : in_(in) {}
 
-    Recording read()
+    Record read()
     {
         std::string word;
         while (in_ >> word) {
@@ -180,23 +180,23 @@ public:
             else if (word[0] == '$')
                 section();
             else if (word[0] == '#')
-                time_ = whole(word.substr(1));
+                go(word.substr(1));
             else if (word[0] == 'r')
                 change(next(), word.substr(1));
             else
                 change(word.substr(1), word.substr(0, 1));
         }
-        if (std::none_of(recording_.signals.begin(), recording_.signals.end(),
-                         [](const Signal &s) { return s.name == ledNames[0]; }))
+        tell();
+        if (std::none_of(variables_.begin(), variables_.end(),
+                         [](const auto &variable) { return variable.second.lane == lanes; }))
             throw std::runtime_error("this is no recording of a board");
-        recording_.length = time_;
-        joinBits();
-        return std::move(recording_);
+        record_.end = time_;
+        return std::move(record_);
     }
 
 private:
     struct Variable {
-        size_t signal;
+        const Lane *lane; ///< null for one that no recording of ours has
         int bit;
     };
 
@@ -217,32 +217,27 @@ private:
         return text;
     }
 
-    static int64_t whole(const std::string &text)
+    void go(const std::string &text)
     {
         char *end;
         const long long number = strtoll(text.c_str(), &end, 10);
         if (end == text.c_str() || *end || number < 0)
             throw std::runtime_error("this is no recording: \"" + text + "\" is no time");
-        return number;
+        tell();
+        time_ = Clock::time_point(RecordingTick(number));
     }
 
     void readVariable()
     {
-        const std::string type = next();
+        next(); // the type
         next(); // the width
         const std::string code = next();
         const std::string name = next();
         const std::string rest = section();
-        const bool isBits = rest.starts_with("[");
-        const auto known = std::find_if(recording_.signals.begin(), recording_.signals.end(),
-                                        [&](const Signal &s) { return s.name == name; });
-        variables_[code] = {static_cast<size_t>(known - recording_.signals.begin()),
-                            isBits ? atoi(rest.c_str() + 1) : 0};
-        if (known == recording_.signals.end())
-            recording_.signals.push_back({name, isBits            ? Signal::Type::Bits
-                                                : type == "real"  ? Signal::Type::Real
-                                                : type == "event" ? Signal::Type::Event
-                                                                  : Signal::Type::Bit});
+        const auto *const lane = std::find_if(std::begin(lanes), std::end(lanes),
+                                              [&](const Lane &l) { return l.name == name; });
+        variables_[code] = {lane == std::end(lanes) ? nullptr : lane,
+                            rest.starts_with("[") ? atoi(rest.c_str() + 1) : 0};
     }
 
     void change(const std::string &code, const std::string &value)
@@ -251,17 +246,21 @@ private:
         if (variable == variables_.end())
             throw std::runtime_error("this is no recording: \"" + value + code +
                                      "\" changes nothing that it declares");
-        Signal &signal = recording_.signals[variable->second.signal];
-        if (signal.type == Signal::Type::Bits) {
-            bits_[variable->second.signal].push_back({time_, variable->second.bit, value});
+        const auto &[lane, bit] = variable->second;
+        if (!lane || !lane->kind)
             return;
+        if (lane < lanes + ledCount) {
+            leds_[static_cast<size_t>(lane - lanes)] = value == "x" ? '?' : value[0];
+            states_[lanes] = leds_;
+        } else if (lane->type == Type::Bits) {
+            known_ = value == "x" ? known_ & ~(1 << bit) : known_ | 1 << bit;
+            mode_ = value == "1" ? mode_ | 1 << bit : mode_ & ~(1 << bit);
+            states_[lane] = known_ == (1 << MODE_BITS) - 1 ? std::to_string(mode_) : "x";
+        } else if (lane->type == Type::Real) {
+            states_[lane] = value == "nan" && lane->kind != Kind::Laser ? "x" : value;
+        } else {
+            moments_.push_back({time_, *lane->kind, nextText(lane->name)});
         }
-        const std::vector<std::string> &texts = texts_[signal.name];
-        const size_t number = signal.changes.size();
-        const bool isEvent = signal.type == Signal::Type::Event;
-        signal.changes.push_back({time_, !isEvent                ? value
-                                         : number < texts.size() ? texts[number]
-                                                                 : ""});
     }
 
     /// What an event was: "event NAME at TIME: TEXT".
@@ -274,37 +273,40 @@ private:
             texts_[name].push_back(text);
     }
 
-    void joinBits()
+    std::string nextText(const std::string &name)
     {
-        for (const auto &[index, changes] : bits_) {
-            Signal &signal = recording_.signals[index];
-            int number = 0;
-            int known = 0;
-            for (size_t i = 0; i < changes.size(); i++) {
-                const BitChange &change = changes[i];
-                const int bit = 1 << change.bit;
-                known = change.value == "x" ? known & ~bit : known | bit;
-                number = change.value == "1" ? number | bit : number & ~bit;
-                if (i + 1 < changes.size() && changes[i + 1].time == change.time)
-                    continue;
-                signal.changes.push_back(
-                    {change.time, known == (1 << MODE_BITS) - 1 ? std::to_string(number) : "x"});
-            }
-        }
+        std::deque<std::string> &texts = texts_[name];
+        if (texts.empty())
+            return {};
+        const std::string text = std::move(texts.front());
+        texts.pop_front();
+        return text.starts_with(exitWord) ? text.substr(strlen(exitWord)) : text;
     }
 
-    struct BitChange {
-        int64_t time;
-        int bit;
-        std::string value;
-    };
+    /// Tells what there was at this time: how things stood at its end, and what happened.
+    void tell()
+    {
+        const auto leds = states_.extract(lanes);
+        for (const auto &[lane, value] : std::exchange(states_, {})) {
+            if (value != "x")
+                record_.events.push_back({time_, *lane->kind, value});
+        }
+        for (const Event &moment : std::exchange(moments_, {}))
+            record_.events.push_back(moment);
+        if (leds)
+            record_.events.push_back({time_, Kind::Leds, leds.mapped()});
+    }
 
     std::istream &in_;
-    Recording recording_;
+    Record record_;
     std::map<std::string, Variable> variables_;
-    std::map<size_t, std::vector<BitChange>> bits_;
-    std::map<std::string, std::vector<std::string>> texts_; ///< of the events, in their order
-    int64_t time_ = 0;
+    std::map<std::string, std::deque<std::string>> texts_; ///< of the events, in their order
+    Clock::time_point time_{};
+    std::map<const Lane *, std::string> states_; ///< that changed at this time
+    std::vector<Event> moments_;                 ///< of this time
+    std::string leds_ = "??????";
+    int mode_ = 0;
+    int known_ = 0; ///< bits of it
 };
 
 } // namespace
@@ -316,13 +318,15 @@ const Signal *Recording::find(const std::string &name) const
     return found == signals.end() ? nullptr : &*found;
 }
 
-Recording makeRecording(const std::vector<Event> &events, Clock::time_point end)
+Recording makeRecording(const std::vector<Event> &events, Clock::time_point end,
+                        std::optional<Clock::time_point> from)
 {
     Recording recording;
-    recording.signals = emptySignals();
-    if (events.empty())
+    for (const Lane &lane : lanes)
+        recording.signals.push_back({lane.name, lane.type});
+    if (events.empty() && !from)
         return recording;
-    const Clock::time_point start = events.front().time;
+    const Clock::time_point start = from.value_or(events.empty() ? end : events.front().time);
     const auto since = [&](Clock::time_point time) {
         return std::max<int64_t>(0,
                                  std::chrono::duration_cast<RecordingTick>(time - start).count());
@@ -383,7 +387,7 @@ std::string toVcd(const Recording &recording)
     return out.str();
 }
 
-Recording readVcd(std::istream &in)
+Record readVcd(std::istream &in)
 {
     return VcdReader(in).read();
 }

@@ -40,14 +40,25 @@ struct Recording {
     const Signal *find(const std::string &name) const;
 };
 
-/// What happened on a board from the first event to `end`. The daemon's polling of the platform is
-/// left out, and so is its log.
-Recording makeRecording(const std::vector<Event> &events, Clock::time_point end);
+/// Some events of a board, and the time that they span.
+struct Record {
+    std::string title{};
+    std::vector<Event> events{}; ///< in the order in which they happened
+    Clock::time_point start{};   ///< of the board
+    Clock::time_point begin{};   ///< from when on the events are there
+    Clock::time_point end{};
+};
+
+/// What happened on a board from a time, or the first event, to `end`. The daemon's polling of the
+/// platform is left out, and so is its log.
+Recording makeRecording(const std::vector<Event> &events, Clock::time_point end,
+                        std::optional<Clock::time_point> from = {});
 
 /// The file.
 std::string toVcd(const Recording &recording);
 
-/// Throws std::runtime_error that says what is wrong with the file, when it is not one of a board.
-Recording readVcd(std::istream &in);
+/// The events of a file, in time since its start. Throws std::runtime_error that says what is wrong
+/// with it, when it is not one of a board.
+Record readVcd(std::istream &in);
 
 } // namespace kelo

@@ -33,6 +33,12 @@ Recording recordingOf(const std::string &board)
     return makeRecording(past.events, Clock::now());
 }
 
+Recording savedRecording(const std::string &path)
+{
+    const Record record = readSaved(path, readVcd);
+    return makeRecording(record.events, record.end, record.begin);
+}
+
 volatile sig_atomic_t interrupted;
 
 void record(const std::string &board, const RecordOptions &options)
@@ -80,7 +86,7 @@ void drawPlot(const std::string &board, const PlotOptions &options)
     if (!(options.from >= 0) || (options.to >= 0 && options.to <= options.from))
         throw UsageError("a picture goes from 0 or later to later than that");
     const Recording recording =
-        options.file.empty() ? recordingOf(board) : readSaved(options.file, readVcd);
+        options.file.empty() ? recordingOf(board) : savedRecording(options.file);
     const auto ticks = [&](double seconds) {
         const double tick = seconds * static_cast<double>(RecordingTick::period::den);
         return tick < static_cast<double>(recording.length) ? static_cast<int64_t>(tick)

@@ -1,7 +1,5 @@
 #include "page.h"
 
-#include "recording.h"
-
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -82,56 +80,6 @@ Record readLines(std::istream &in)
     return record;
 }
 
-/// The event that a signal's change to a value was.
-std::optional<Event> toEvent(const std::string &signal, const std::string &value)
-{
-    const std::map<std::string, EventKind> kinds = {
-        {"mode", EventKind::Mode},        {"rx_power_dbm", EventKind::Laser},
-        {"gpon_state", EventKind::Gpon},  {"button_value", EventKind::Button},
-        {"reboot", EventKind::Call},      {"restore", EventKind::Call},
-        {"store", EventKind::Store},      {"omci", EventKind::Omci},
-        {"daemon_exit", EventKind::Exit},
-    };
-    const auto kind = kinds.find(signal);
-    const bool isUnknown = value == "x" || (value == "nan" && signal != "rx_power_dbm");
-    if (kind == kinds.end() || isUnknown)
-        return std::nullopt;
-    const bool isExit = kind->second == EventKind::Exit && value.starts_with("exit ");
-    return Event{{}, kind->second, isExit ? value.substr(strlen("exit ")) : value};
-}
-
-Record fromRecording(const Recording &recording)
-{
-    constexpr const char *leds[] = {"gpio6", "gpio7", "gpio8", "gpio2", "gpio3", "gpio4"};
-    const auto at = [](int64_t time) { return Clock::time_point(RecordingTick(time)); };
-    Record record;
-    record.end = at(recording.length);
-    std::map<int64_t, std::string> flags; // of the LEDs, from a time on
-    for (const Signal &signal : recording.signals) {
-        const auto *const led = std::find(std::begin(leds), std::end(leds), signal.name);
-        for (size_t i = 0; i < signal.changes.size(); i++) {
-            const auto &[time, value] = signal.changes[i];
-            const bool isOver = signal.type != Signal::Type::Event &&
-                                i + 1 < signal.changes.size() && signal.changes[i + 1].time == time;
-            if (led != std::end(leds))
-                flags.try_emplace(time, "      ").first->second[size_t(led - leds)] = value[0];
-            else if (const auto event = toEvent(signal.name, value); event && !isOver)
-                record.events.push_back({at(time), event->kind, event->text});
-        }
-    }
-    std::string shown = "??????";
-    for (const auto &[time, changed] : flags) {
-        for (size_t i = 0; i < shown.size(); i++) {
-            if (changed[i] != ' ')
-                shown[i] = changed[i] == 'x' ? '?' : changed[i];
-        }
-        record.events.push_back({at(time), EventKind::Leds, shown});
-    }
-    std::stable_sort(record.events.begin(), record.events.end(),
-                     [](const Event &a, const Event &b) { return a.time < b.time; });
-    return record;
-}
-
 } // namespace
 
 std::string makePage(const Record &record, bool isLive)
@@ -176,7 +124,7 @@ std::string makePage(const Record &record, bool isLive)
 
 Record readRecord(std::istream &in)
 {
-    return (in >> std::ws).peek() == '{' ? readLines(in) : fromRecording(readVcd(in));
+    return (in >> std::ws).peek() == '{' ? readLines(in) : readVcd(in);
 }
 
 } // namespace kelo

@@ -3,25 +3,15 @@
 
 #pragma once
 
-#include "board.h"
+#include "recording.h"
 
 #include <istream>
 #include <string>
-#include <vector>
 
 namespace kelo {
 
 /// What a note begins with that tells of an expectation that did not come true.
 constexpr char failedNote[] = "failed: ";
-
-/// Some events of a board, and the time that they span, in time since the board's start.
-struct Record {
-    std::string title;
-    std::vector<Event> events; ///< in the order in which they happened
-    Clock::time_point start;   ///< of the board
-    Clock::time_point begin;   ///< from when on the events are there
-    Clock::time_point end;
-};
 
 /// Returns the page. What only repeats what held before is left out, and so is the daemon's polling
 /// of the platform. A live page goes on with what its server sends, and has controls.

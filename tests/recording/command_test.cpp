@@ -49,7 +49,8 @@ protected:
     kelo::Recording readBack(const std::string &name) const
     {
         std::ifstream in(file(name));
-        return kelo::readVcd(in);
+        const kelo::Record record = kelo::readVcd(in);
+        return makeRecording(record.events, record.end, record.begin);
     }
 
     std::string folder;
