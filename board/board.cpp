@@ -74,6 +74,14 @@ std::string subject(const Event &event)
     }
 }
 
+std::string modeName(const std::string &number)
+{
+    const int mode = atoi(number.c_str());
+    const bool known =
+        !number.empty() && mode >= 0 && mode < static_cast<int>(std::size(device::modeKeywords));
+    return known ? device::modeKeywords[mode] : number;
+}
+
 Board::Board(const Options &options, Link::LoopPointer loop)
     : environment_(options.environment), keep_(options.keep)
 {

@@ -47,6 +47,9 @@ struct Event {
 /// attribute of the store; empty for what just happens.
 std::string subject(const Event &event);
 
+/// A display mode's keyword, or its number where it has none.
+std::string modeName(const std::string &number);
+
 class Board : public Access {
 public:
     struct Options {

@@ -1,6 +1,5 @@
 #include "plot.h"
 
-#include "device.h"
 #include "process.h"
 #include "svg.h"
 
@@ -34,12 +33,6 @@ struct Span {
     double to;
     std::string value;
 };
-
-std::string modeText(const std::string &value)
-{
-    const size_t mode = static_cast<size_t>(atoi(value.c_str()));
-    return mode < std::size(device::modeKeywords) ? device::modeKeywords[mode] : value;
-}
 
 std::string powerText(const std::string &value)
 {
@@ -101,7 +94,7 @@ public:
                 drawLed(signal);
         }
         y_ += GAP;
-        drawBands("mode", "mode", modeText);
+        drawBands("mode", "mode", modeName);
         drawBands("rx_power_dbm", "rx power", powerText);
         drawBands("gpon_state", "GPON link", linkText);
         drawBands("button_value", "button", buttonText);

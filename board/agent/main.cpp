@@ -144,27 +144,37 @@ void sendKeyword(unsigned long id, const char *text)
     pushKeyword(-1, 0, keyword);
 }
 
-void answerRead(unsigned long id, const char *path)
+/// Answers a request that only succeeds or fails.
+void answer(const Request &request, bool done)
 {
-    const int file = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (done)
+        wire_ok(request.id);
+    else
+        wire_error(request.id, "%s: %s", request.count > 1 ? request.words[1] : request.words[0],
+                   strerror(errno));
+}
+
+void answerRead(const Request &request)
+{
+    const int file = open(request.words[1], O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     static char text[65536];
     size_t length = 0;
     ssize_t part = -1;
     while (file >= 0 && (part = read(file, text + length, sizeof text - length)) > 0)
         length += static_cast<size_t>(part);
     if (part < 0)
-        wire_error(id, "%s: %s", path, strerror(errno));
+        answer(request, false);
     else
-        wire_okText(id, text, length);
+        wire_okText(request.id, text, length);
     if (file >= 0)
         close(file);
 }
 
-void answerList(unsigned long id, const char *path)
+void answerList(const Request &request)
 {
-    DIR *const folder = opendir(path);
+    DIR *const folder = opendir(request.words[1]);
     if (!folder) {
-        wire_error(id, "%s: %s", path, strerror(errno));
+        answer(request, false);
         return;
     }
     static char names[65536];
@@ -176,22 +186,12 @@ void answerList(unsigned long id, const char *path)
                 snprintf(names + length, sizeof names - length, "%s\n", entry->d_name));
     }
     closedir(folder);
-    wire_okText(id, names, length);
+    wire_okText(request.id, names, length);
 }
 
 char typeOf(mode_t mode)
 {
     return S_ISREG(mode) ? 'f' : S_ISDIR(mode) ? 'd' : S_ISFIFO(mode) ? 'p' : '?';
-}
-
-/// Answers a request that only succeeds or fails.
-void answer(const Request &request, bool done)
-{
-    if (done)
-        wire_ok(request.id);
-    else
-        wire_error(request.id, "%s: %s", request.count > 1 ? request.words[1] : request.words[0],
-                   strerror(errno));
 }
 
 void handle(const Request &request)
@@ -258,9 +258,9 @@ void handle(const Request &request)
     } else if (is("keyword", 1)) {
         sendKeyword(id, words[0]);
     } else if (is("read", 1)) {
-        answerRead(id, words[0]);
+        answerRead(request);
     } else if (is("list", 1)) {
-        answerList(id, words[0]);
+        answerList(request);
     } else if (is("remove", 1)) {
         witness_look();
         answer(request, remove(words[0]) == 0);
@@ -272,14 +272,14 @@ void handle(const Request &request)
             wire_okWords(id, "%c %o", typeOf(status.st_mode),
                          static_cast<unsigned>(status.st_mode & 07777));
         else
-            wire_error(id, "%s: %s", words[0], strerror(errno));
+            answer(request, false);
     } else if (is("link", 1)) {
         char target[4096];
         const ssize_t length = readlink(words[0], target, sizeof target);
         if (length >= 0)
             wire_okText(id, target, static_cast<size_t>(length));
         else
-            wire_error(id, "%s: %s", words[0], strerror(errno));
+            answer(request, false);
     } else {
         wire_error(id, "unknown request \"%s\"", verb);
     }

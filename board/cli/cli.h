@@ -124,10 +124,11 @@ private:
 
 /// The keywords of the display modes, in the order of their numbers.
 std::vector<std::string> modeKeywords();
-/// A display mode's keyword, or its number where it has none.
-std::string modeName(const std::string &number);
 /// A display mode's number by keyword or number. Throws UsageError.
 std::string modeNumber(const std::string &name);
+
+/// A signal's number by name, "SIG" before it or not, or number. Throws UsageError.
+int signalNumber(std::string name);
 
 /// A port's number by name or number. Throws UsageError.
 int portNumber(const std::string &name);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 
 namespace kelo {
@@ -77,14 +78,6 @@ std::vector<std::string> modeKeywords()
     return {std::begin(device::modeKeywords), std::end(device::modeKeywords)};
 }
 
-std::string modeName(const std::string &number)
-{
-    const int mode = atoi(number.c_str());
-    const bool known =
-        !number.empty() && mode >= 0 && mode < static_cast<int>(std::size(device::modeKeywords));
-    return known ? device::modeKeywords[mode] : number;
-}
-
 std::string modeNumber(const std::string &name)
 {
     const auto *const keyword =
@@ -95,6 +88,18 @@ std::string modeNumber(const std::string &name)
     if (CLI::detail::lexical_cast(name, number))
         return std::to_string(number);
     throw UsageError("no display mode: \"" + name + "\" (kelo-board mode --help lists them)");
+}
+
+int signalNumber(std::string name)
+{
+    if (name.starts_with("SIG"))
+        name.erase(0, 3);
+    for (int number = 1; number < NSIG; number++) {
+        const char *const known = sigabbrev_np(number);
+        if ((known && name == known) || name == std::to_string(number))
+            return number;
+    }
+    throw UsageError("no signal: \"" + name + "\" (such as TERM, STOP or 9)");
 }
 
 unsigned long long toNumber(const std::string &text)

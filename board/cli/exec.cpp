@@ -1,7 +1,6 @@
 #include "cli.h"
 
 #include <csignal>
-#include <cstring>
 
 namespace kelo {
 
@@ -25,18 +24,6 @@ int runInside(const Access &board, const Command &options)
         });
     signal(SIGINT, SIG_IGN); // the command's affair
     return waitFor(spawn(local, {}));
-}
-
-int signalNumber(std::string name)
-{
-    if (name.starts_with("SIG"))
-        name.erase(0, 3);
-    for (int number = 1; number < NSIG; number++) {
-        const char *const known = sigabbrev_np(number);
-        if ((known && name == known) || name == std::to_string(number))
-            return number;
-    }
-    throw UsageError("no signal: \"" + name + "\" (such as TERM, STOP or 9)");
 }
 
 } // namespace

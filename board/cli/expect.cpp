@@ -98,22 +98,25 @@ void checkPattern(const std::string &pattern)
         throw UsageError("no LED pattern: \"" + pattern + "\" (six digits 0 and 1)");
 }
 
+/// Whether something is as wanted right now.
+Condition is(const std::string &what, const std::string &wanted,
+             const std::function<std::string(const View &)> &value)
+{
+    return {what + " " + wanted, [=](const View &view) { return value(view) == wanted; },
+            [=](const View &view) { return what + " " + orNothing(value(view)); }};
+}
+
 Condition ledsShow(Options &options)
 {
-    const std::string pattern = options.words[0];
-    checkPattern(pattern);
-    return {"leds " + pattern,
-            [=](const View &view) { return view.last(EventKind::Leds) == pattern; },
-            [](const View &view) { return "leds " + orNothing(view.last(EventKind::Leds)); }};
+    checkPattern(options.words[0]);
+    return is("leds", options.words[0],
+              [](const View &view) { return view.last(EventKind::Leds); });
 }
 
 Condition modeIs(Options &options)
 {
-    const std::string number = modeNumber(options.words[0]);
-    return {
-        "mode " + options.words[0],
-        [=](const View &view) { return view.last(EventKind::Mode) == number; },
-        [](const View &view) { return "mode " + orNothing(modeName(view.last(EventKind::Mode))); }};
+    return is("mode", modeName(modeNumber(options.words[0])),
+              [](const View &view) { return modeName(view.last(EventKind::Mode)); });
 }
 
 Condition logHas(Options &options)
@@ -228,12 +231,7 @@ int exitStatus(const std::string &text)
     std::string how;
     std::string which;
     words >> how >> which;
-    for (int number = 1; number < NSIG; number++) {
-        const char *const name = sigabbrev_np(number);
-        if (how == "signal" && name && which == name)
-            return 128 + number;
-    }
-    return atoi(which.c_str());
+    return how == "signal" ? 128 + signalNumber(which) : atoi(which.c_str());
 }
 
 Condition exits(Options &options)

@@ -20,6 +20,8 @@ namespace kelo {
 
 namespace {
 
+constexpr int endingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+
 struct RunOptions {
     std::vector<std::string> files;
     unsigned jobs = 2 * static_cast<unsigned>(get_nprocs());
@@ -41,7 +43,7 @@ struct Scenario {
 struct Outcome {
     std::string name;
     double seconds = 0;
-    std::string failure = "interrupted before it began"; ///< empty for a scenario that passed
+    std::string failure; ///< empty for a scenario that passed
     std::string output;
     std::vector<Event> notes; ///< the output's lines, when they came
 };
@@ -232,7 +234,6 @@ Outcome runScenario(const Scenario &scenario, const std::string &board, int life
 {
     Outcome outcome;
     outcome.name = scenario.name;
-    outcome.failure.clear();
     const Clock::time_point start = Clock::now();
     try {
         Host host(board, {Host::KEPT_MEGABYTES, "", [life] { return hasEnded(life); }});
@@ -246,101 +247,82 @@ Outcome runScenario(const Scenario &scenario, const std::string &board, int life
     return outcome;
 }
 
-/// Runs scenarios side by side, each in a process of its own.
-class Crew {
-public:
-    Crew(const RunOptions &options, const std::vector<Scenario> &scenarios)
-        : options_(options), scenarios_(scenarios), outcomes_(scenarios.size()), life_(makePipe())
-    {
-        for (size_t i = 0; i < scenarios.size(); i++)
-            outcomes_[i].name = scenarios[i].name;
-    }
-
-    std::vector<Outcome> run()
-    {
-        std::vector<Watch> signals;
-        for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
-            signals.push_back(
-                Watch::onSignal(loop_.base(), number, [this] { life_.write.reset(); }));
-        const size_t jobs = options_.show ? 1 : options_.jobs;
-        for (;;) {
-            while (life_.write && next_ < scenarios_.size() && running_.size() < jobs)
-                start(next_++);
-            if (running_.empty())
-                return outcomes_;
-            loop_.turn(Clock::now() + std::chrono::hours(1));
-            for (const size_t i : ended_)
-                report(i);
-            ended_.clear();
-        }
-    }
-
-private:
-    struct Member {
-        pid_t process;
-        std::unique_ptr<Stream> report; ///< a line of its outcome
-    };
-
-    void start(size_t i)
-    {
-        Pipe pipe = makePipe();
-        const pid_t process = fork();
-        if (process < 0)
-            throw std::system_error(errno, std::generic_category(), "fork");
-        if (process == 0)
-            work(i, pipe.write.get());
-        outcomes_[i].failure = "it ended without a word";
-        const auto take = [this, i](const std::string &line) {
-            const Words words = toWords(line);
-            outcomes_[i].seconds = atof(words.at(0).c_str());
-            outcomes_[i].failure = words.at(1);
-            outcomes_[i].output = words.at(2);
-        };
-        const auto end = [this, i] { ended_.push_back(i); };
-        running_[i] = {process, std::make_unique<Stream>(loop_.base(), std::move(pipe.read),
-                                                         Descriptor(), take, end)};
-    }
-
-    [[noreturn]] void work(size_t i, int report)
-    {
-        setpgid(0, 0); // a Ctrl-C is the first process's affair
-        for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
-            signal(number, SIG_DFL);
-        life_.write.reset();
-        const std::string board = "run-" + std::to_string(getppid()) + "-" + std::to_string(i);
-        const Outcome outcome = runScenario(scenarios_[i], board, life_.read.get(), options_);
-        FILE *const file = fdopen(report, "w");
-        fprintf(file, "%s\n",
-                toLine({std::to_string(outcome.seconds), outcome.failure, outcome.output}).c_str());
-        fclose(file);
-        _exit(0);
-    }
-
-    void report(size_t i);
-
-    const RunOptions &options_;
-    const std::vector<Scenario> &scenarios_;
-    std::vector<Outcome> outcomes_;
-    Loop loop_;
-    Pipe life_; ///< those who read it end with its writing end
-    size_t next_ = 0;
-    std::map<size_t, Member> running_;
-    std::vector<size_t> ended_;
-};
-
-void Crew::report(size_t i)
+/// Runs a scenario in a process of its own, which writes a line of its outcome into a pipe.
+pid_t startScenario(const Scenario &scenario, size_t number, const RunOptions &options, Pipe &life,
+                    int report)
 {
-    waitFor(running_[i].process);
-    running_.erase(i);
-    const Outcome &outcome = outcomes_[i];
+    const pid_t process = fork();
+    if (process < 0)
+        throw std::system_error(errno, std::generic_category(), "fork");
+    if (process > 0)
+        return process;
+    setpgid(0, 0); // a Ctrl-C is the first process's affair
+    for (const int signalNumber : endingSignals)
+        signal(signalNumber, SIG_DFL);
+    life.write.reset();
+    const std::string board = "run-" + std::to_string(getppid()) + "-" + std::to_string(number);
+    const Outcome outcome = runScenario(scenario, board, life.read.get(), options);
+    dprintf(report, "%s\n",
+            toLine({std::to_string(outcome.seconds), outcome.failure, outcome.output}).c_str());
+    _exit(0);
+}
+
+void print(const Outcome &outcome, bool shown)
+{
     printf("%s  %s (%.1f s)%s%s\n", outcome.failure.empty() ? "PASS" : "FAIL", outcome.name.c_str(),
            outcome.seconds, outcome.failure.empty() ? "" : ": ", outcome.failure.c_str());
-    if (!outcome.failure.empty() && !options_.show) {
+    if (!outcome.failure.empty() && !shown) {
         std::istringstream lines(outcome.output);
         for (std::string line; std::getline(lines, line);)
             printf("      %s\n", line.c_str());
     }
     fflush(stdout);
+}
+
+/// Runs scenarios side by side until all have ended, or a signal says so.
+std::vector<Outcome> runSideBySide(const std::vector<Scenario> &scenarios,
+                                   const RunOptions &options)
+{
+    const Loop loop;
+    Pipe life = makePipe(); // who runs a scenario ends with this
+    std::vector<Watch> signals;
+    for (const int number : endingSignals)
+        signals.push_back(Watch::onSignal(loop.base(), number, [&] { life.write.reset(); }));
+
+    std::vector<Outcome> outcomes;
+    for (const Scenario &scenario : scenarios)
+        outcomes.push_back({scenario.name, 0, "interrupted before it began", {}, {}});
+    std::map<size_t, std::pair<pid_t, Stream>> running;
+    std::vector<size_t> ended;
+    for (size_t next = 0;;) {
+        while (life.write && next < scenarios.size() &&
+               running.size() < (options.show ? 1 : options.jobs)) {
+            Pipe report = makePipe();
+            const pid_t process =
+                startScenario(scenarios[next], next, options, life, report.write.get());
+            Outcome &outcome = outcomes[next];
+            outcome.failure = "it ended without a word";
+            const auto take = [&outcome](const std::string &line) {
+                const Words words = toWords(line);
+                outcome.seconds = atof(words.at(0).c_str());
+                outcome.failure = words.at(1);
+                outcome.output = words.at(2);
+            };
+            running.try_emplace(next, std::piecewise_construct, std::tuple(process),
+                                std::forward_as_tuple(loop.base(), std::move(report.read),
+                                                      Descriptor(), take,
+                                                      [&ended, next] { ended.push_back(next); }));
+            next++;
+        }
+        if (running.empty())
+            return outcomes;
+        loop.turn(Clock::now() + std::chrono::hours(1));
+        for (const size_t i : std::exchange(ended, {})) {
+            waitFor(running.at(i).first);
+            running.erase(i);
+            print(outcomes[i], options.show);
+        }
+    }
 }
 
 std::string toXml(const std::string &text)
@@ -422,7 +404,7 @@ int runAll(const RunOptions &options)
         if (error)
             throw Failure("cannot write into " + folder + ": " + error.message());
     }
-    const std::vector<Outcome> outcomes = Crew(options, scenarios).run();
+    const std::vector<Outcome> outcomes = runSideBySide(scenarios, options);
     const auto failures = static_cast<size_t>(
         std::count_if(outcomes.begin(), outcomes.end(),
                       [](const Outcome &outcome) { return !outcome.failure.empty(); }));

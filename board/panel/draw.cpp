@@ -196,8 +196,7 @@ private:
             screen_.put(MODE_ROW, LEFT, width_, "none yet");
             return;
         }
-        const auto number = static_cast<size_t>(*state_.mode);
-        const std::string keyword = number < std::size(modeKeywords) ? modeKeywords[number] : "?";
+        const std::string keyword = modeName(std::to_string(*state_.mode));
         screen_.put(MODE_ROW, LEFT, width_, keyword, Colour::Cool, Screen::BOLD);
         screen_.put(
             MODE_ROW, LEFT + static_cast<int>(keyword.size()), width_ - LEFT,
