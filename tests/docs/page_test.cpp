@@ -26,9 +26,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern "C" int __real_main(int argc, char **argv);
-extern "C" pid_t __real_fork();
-extern "C" [[noreturn]] void __real__exit(int status);
+extern "C" int daemon_main(int argc, char **argv);
 
 namespace {
 
@@ -70,19 +68,19 @@ struct Truth {
 Lines play(const std::function<void()> &scene, string option = "--")
 {
     FILE *const file = tmpfile();
-    const pid_t child = __real_fork();
+    const pid_t child = fork();
     if (child == 0) {
         eventLoop().duringDispatch = scene;
         string name = "kelo-monitord";
         char *arguments[] = {name.data(), option.data(), nullptr};
         try {
-            __real_main(2, arguments);
+            daemon_main(2, arguments);
         } catch (const fakes::Exit &) {
         }
         for (const string &line : fakes::journal().take())
             fwrite(line.c_str(), line.size() + 1, 1, file);
         fflush(file);
-        __real__exit(0);
+        _exit(0);
     }
     int status = -1;
     waitpid(child, &status, 0);

@@ -2,39 +2,35 @@
 
 #include "display.h"
 
+#include "fakes/board.h"
 #include "fakes/event_loop.h"
-#include "fakes/journal.h"
+#include "fakes/files.h"
+#include "fakes/vendor.h"
 #include "fuzz.h"
 
 #include <array>
 #include <cerrno>
-#include <cmath>
-#include <cstdlib>
 #include <fcntl.h>
 #include <string_view>
-#include <sys/types.h>
 
-using fakes::EventLoop;
+using fakes::board;
 using fakes::eventLoop;
-using fuzz::did;
+using fakes::files;
+using fakes::vendor;
 using fuzz::due;
 
 namespace {
 
 constexpr const char *path = "/var/run/kelo-monitord.display";
 
-// What the neighbours do.
-int nextFd;
-int openFd; // -1: none
-bool openFails;
-bool mkfifoFails;
+constexpr std::string_view order = "678234";
+
 std::string chunk; // what is in the pipe
-int readError;
-float power;
-int powerResult;
-int gponUp;
-int level;
-std::string panel; // the flags that were written since all six were
+
+void draw(const char *pattern)
+{
+    due("leds %s", pattern);
+}
 
 /// Patterns as the tables show them, and how they follow each other.
 struct Timed {
@@ -64,12 +60,13 @@ class Model {
 public:
     void start()
     {
-        due("init 678234");
+        for (const char gpio : order)
+            due("platform_ledInit %d", gpio - '0');
         setMode(1);
         due("unlink %s", path);
-        due("mkfifo %s 600", path);
-        if (mkfifoFails)
-            due("log display_register: Failed to create fifo \"%s\"\n", path);
+        due("mkfifo %s 0600", path);
+        if (files().fileErrors[path] != 0)
+            due("log display.cpp display_register: Failed to create fifo \"%s\"\n", path);
         else
             open();
     }
@@ -78,7 +75,9 @@ public:
     {
         if (mode == mode_)
             return;
-        due("log display_setMode: switch display mode %d -> %d\n", mode_, mode);
+        due("log display.cpp display_setMode: switch display mode %d -> %d\n", mode_, mode);
+        if (timerSet_)
+            due("event_del fd=-1");
         mode_ = mode;
         current_ = nullptr;
         for (const Timed &candidate : modes) {
@@ -86,11 +85,14 @@ public:
                 current_ = &candidate;
         }
         if (current_ && current_->milliseconds == 0) {
-            due("leds %s", current_->phases[0]);
+            draw(current_->phases[0]);
             current_ = nullptr;
         }
         if (current_) {
-            active_ = true;
+            due("event_set fd=-1 flags=0x10");
+            due("event_add fd=-1 every %dus", current_->milliseconds * 1000);
+            due("event_active fd=-1 result=0 calls=0");
+            timerSet_ = active_ = true;
             deadline_ = now_ + current_->milliseconds;
         }
     }
@@ -110,17 +112,19 @@ public:
 
     void readable(const void *argument)
     {
-        due("log readDisplayMode: readDisplayMode called with fd: %d, event: 2, arg: %p\n", fd_,
-            argument);
-        due("read %d 127", fd_);
-        const auto received = static_cast<int>(readError != 0 ? -1 : std::min(127, size()));
+        due("log display.cpp readDisplayMode: readDisplayMode called with fd: %d, event: 2, arg: "
+            "%p\n",
+            fd_, argument);
+        due("read fd=%d size=127", fd_);
+        const auto received = static_cast<int>(files().readError != 0 ? -1 : std::min(127, size()));
         if (received <= 0) {
-            due("log readDisplayMode: received len: %d\n", received);
+            due("log display.cpp readDisplayMode: received len: %d\n", received);
+            due("event_del fd=%d", fd_);
             open();
             return;
         }
         const std::string text = chunk.substr(0, 127).c_str();
-        due("log readDisplayMode: received \"%s\"\n", text.c_str());
+        due("log display.cpp readDisplayMode: received \"%s\"\n", text.c_str());
         for (const Timed &mode : modes) {
             if (text.rfind(mode.keyword, 0) == 0) {
                 setMode(mode.mode);
@@ -138,10 +142,15 @@ private:
     {
         if (fd_ != -1)
             due("close %d", fd_);
-        due("open %s", path);
-        fd_ = openFails ? -1 : nextFd;
-        if (openFails)
-            due("log openDisplayModeFifo: Failed to open socket \"%s\"\n", path);
+        due("open %s 0x%x", path, static_cast<unsigned>(O_RDONLY | O_NONBLOCK));
+        const bool openFails = files().openErrors[path] != 0;
+        fd_ = openFails ? -1 : files().nextDescriptor;
+        if (openFails) {
+            due("log display.cpp openDisplayModeFifo: Failed to open socket \"%s\"\n", path);
+            return;
+        }
+        due("event_set fd=%d flags=0x12", fd_);
+        due("event_add fd=%d", fd_);
     }
 
     void tickAtOnce()
@@ -161,7 +170,7 @@ private:
             count++;
             return;
         }
-        due("leds %s", current_->phases[count % 4]);
+        draw(current_->phases[count % 4]);
         count++;
         if (mode_ == 5 && count >= 120) {
             count = 0;
@@ -172,23 +181,25 @@ private:
     void signal(unsigned count)
     {
         if (count % 6 == 0) {
-            due("power");
-            power_ = powerResult != 0 ? power : 0;
+            due("syscfg_getLaserInfo");
+            power_ = vendor().laserResult != 0 ? vendor().laserPower : 0;
         }
         if (power_ == 0 || power_ <= -40) {
-            due("leds 000111");
+            draw("000111");
             return;
         }
-        due("level");
-        due("gpon");
-        if (gponUp == 0 && count % 2 == 0)
-            due("leds 010101");
+        due("platform_getLaserRxPowerLevel");
+        due("platform_isGponUp");
+        const int level = board().level;
+        if (board().gponUp == 0 && count % 2 == 0)
+            draw("010101");
         else
-            due("leds %s", level >= 0 && level < 5 ? bars[static_cast<size_t>(level)] : "000000");
+            draw(level >= 0 && level < 5 ? bars[static_cast<size_t>(level)] : "000000");
     }
 
     int32_t mode_ = 0;
     const Timed *current_ = nullptr; // null: no timer runs
+    bool timerSet_ = false;
     bool active_ = false;
     int now_ = 0;
     int deadline_ = 0;
@@ -199,127 +210,30 @@ private:
 
 } // namespace
 
-extern "C" {
-
-int platform_ledInit(uint8_t gpio)
-{
-    panel += static_cast<char>('0' + gpio);
-    if (panel.size() == 6) {
-        did("init %s", panel.c_str());
-        panel.clear();
-    }
-    return 0;
-}
-
-int platform_ledSet(uint8_t gpio, uint8_t on)
-{
-    constexpr std::string_view order = "678234";
-    if (gpio != order[panel.size()] - '0' || on > 1)
-        fuzz::wrong("the LEDs are written in another order");
-    panel += on ? '1' : '0';
-    if (panel.size() == order.size()) {
-        did("leds %s", panel.c_str());
-        panel.clear();
-    }
-    return 0;
-}
-
-uint8_t platform_isGponUp()
-{
-    did("gpon");
-    return static_cast<uint8_t>(gponUp);
-}
-
-int platform_getLaserRxPowerLevel(float)
-{
-    did("level");
-    return level;
-}
-
-int syscfg_getLaserInfo(float *rxPower, void *second, void *third, void *fourth, void *fifth)
-{
-    if (second || third || fourth || fifth)
-        fuzz::wrong("more than the power is asked for");
-    did("power");
-    *rxPower = power;
-    return powerResult;
-}
-
-int fuzz_open(const char *name, int flags, ...)
-{
-    did("open %s", name);
-    if (flags != (O_RDONLY | O_NONBLOCK))
-        fuzz::wrong("the pipe is opened in another way");
-    if (openFd != -1)
-        fuzz::wrong("the pipe is open twice");
-    if (!openFails)
-        openFd = nextFd;
-    return openFd;
-}
-
-int fuzz_close(int fd)
-{
-    if (fd != openFd)
-        fuzz::wrong("a close of another descriptor");
-    did("close %d", fd);
-    openFd = -1;
-    return 0;
-}
-
-ssize_t fuzz_read(int fd, void *buffer, size_t size)
-{
-    did("read %d %d", fd, static_cast<int>(size));
-    if (readError != 0) {
-        errno = readError;
-        return -1;
-    }
-    const size_t length = std::min(size, chunk.size());
-    memset(buffer, '#', size); // behind what was read, too
-    if (length > 0)
-        memcpy(buffer, chunk.data(), length);
-    return static_cast<ssize_t>(length);
-}
-
-int fuzz_unlink(const char *name)
-{
-    did("unlink %s", name);
-    return -1; // nobody looks at it
-}
-
-int fuzz_mkfifo(const char *name, mode_t mode)
-{
-    did("mkfifo %s %o", name, mode);
-    return mkfifoFails ? -1 : 0;
-}
-
-int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
     fuzz::Input input(bytes, size);
-    fuzz::restoreModule();
-    fakes::journal().recording = false;
-    eventLoop() = {};
+    fuzz::restart();
+    fakes::board() = {};
     event_init();
-    nextFd = 3;
-    openFd = -1;
-    power = -20;
-    powerResult = 1;
-    gponUp = 1;
-    level = 4;
+    fakes::journal().take();
     const uint8_t failures = input.byte();
-    mkfifoFails = failures == 1;
-    openFails = failures == 2;
+    files().fileErrors[path] = failures == 1 ? EACCES : 0;
+    files().openErrors[path] = failures == 2 ? ENXIO : 0;
     Model model;
     model.start();
     display_register();
+    fuzz::compare();
     while (!input.empty()) {
         switch (const uint8_t operation = input.byte(); operation % 6) {
         case 0:
         case 1: {
             const uint8_t how = input.byte();
-            readError = how >= 250 ? EAGAIN : 0;
-            openFails = how == 251 || how == 249;
+            files().readError = how >= 250 ? EAGAIN : 0;
+            files().openErrors[path] = how == 251 || how == 249 ? ENXIO : 0;
             chunk = input.text(how == 249 ? 0 : how);
-            nextFd = 3 + input.byte() % 8;
+            files().chunks = {chunk};
+            files().nextDescriptor = fakes::firstDescriptor + input.byte() % 8;
             if (const int fd = model.fd(); fd != -1) {
                 model.readable(eventLoop().find(fd)->argument);
                 eventLoop().readable(fd);
@@ -342,17 +256,19 @@ int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
         }
         default: {
             const uint8_t how = input.byte();
-            powerResult = how & 1 ? -1 : 0;
-            gponUp = how >> 4;
-            level = how & 8 ? input.take<int8_t>() : how >> 1 & 7;
-            power = how & 2 ? input.take<float>() : static_cast<float>(input.take<int8_t>()) / 2;
+            vendor().laserResult = how & 1 ? -1 : 0;
+            board().gponUp = how >> 4;
+            board().level = how & 8 ? input.take<int8_t>() : how >> 1 & 7;
+            vendor().laserPower =
+                how & 2 ? input.take<float>() : static_cast<float>(input.take<int8_t>()) / 2;
             break;
         }
         }
-        if (openFd != model.fd() || (openFd != -1 && !eventLoop().isPending(openFd)))
+        const bool open = model.fd() != -1;
+        if (files().openCount != (open ? 1U : 0U) || (open && !eventLoop().isPending(model.fd())))
             fuzz::wrong("the pipe is not watched as it should be");
+        fakes::takePatterns();
+        fuzz::compare();
     }
-    fuzz::compare();
     return 0;
-}
 }

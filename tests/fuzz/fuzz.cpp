@@ -1,8 +1,16 @@
 #include "fuzz.h"
 
-#include <charconv>
+#include "fakes/event_loop.h"
+#include "fakes/files.h"
+#include "fakes/memory.h"
+#include "fakes/netlink.h"
+#include "fakes/process.h"
+#include "fakes/vendor.h"
+
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 #include <vector>
 
 // The module's variables: objcopy gave their sections these names. A module may lack one of them.
@@ -14,13 +22,6 @@ extern char __stop_module_bss[] __attribute__((weak));
 }
 
 namespace {
-
-void appendNumber(std::string &notes, long long number, int base = 10)
-{
-    char digits[32];
-    const auto end = std::to_chars(digits, digits + sizeof digits, number, base).ptr;
-    notes.append(digits, end);
-}
 
 /// Byte by byte, because the guards that the sanitizer lays between the variables lie in between.
 __attribute__((no_sanitize("address"))) void copy(volatile char *to, const volatile char *from,
@@ -50,72 +51,33 @@ private:
 
 namespace fuzz {
 
-void append(std::string &notes, const char *format, va_list arguments)
+fakes::Lines &expected()
 {
-    for (; *format != '\0'; format++) {
-        if (*format != '%') {
-            notes += *format;
-            continue;
-        }
-        switch (*++format) {
-        case 'd':
-            appendNumber(notes, va_arg(arguments, int));
-            break;
-        case 'u':
-            appendNumber(notes, va_arg(arguments, unsigned));
-            break;
-        case 'o':
-            appendNumber(notes, va_arg(arguments, unsigned), 8);
-            break;
-        case 'p':
-            appendNumber(notes, reinterpret_cast<intptr_t>(va_arg(arguments, void *)), 16);
-            break;
-        case 's':
-            notes += va_arg(arguments, const char *);
-            break;
-        default:
-            wrong("a format that the notes do not know");
-        }
-    }
-}
-
-std::string &done()
-{
-    static auto &notes = *new std::string; // outlives every other static object
-    return notes;
-}
-
-std::string &expected()
-{
-    static auto &notes = *new std::string;
-    return notes;
-}
-
-void did(const char *format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    append(done(), format, arguments);
-    va_end(arguments);
-    done() += '\n';
+    static auto &lines = *new fakes::Lines; // outlives every other static object
+    return lines;
 }
 
 void due(const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    append(expected(), format, arguments);
+    expected().push_back(fakes::textOf(format, arguments));
     va_end(arguments);
-    expected() += '\n';
 }
 
 void compare()
 {
-    if (done() != expected()) {
-        fprintf(stderr, "-- done\n%s-- expected\n%s--\n", done().c_str(), expected().c_str());
+    const fakes::Lines &done = fakes::journal().lines();
+    if (done != expected()) {
+        for (const auto &[name, lines] :
+             {std::pair("done", done), std::pair("expected", expected())}) {
+            fprintf(stderr, "-- %s\n", name);
+            for (const std::string &line : lines)
+                fprintf(stderr, "%s\n", line.c_str());
+        }
         wrong("what was done is not what was expected");
     }
-    done().clear();
+    fakes::journal().clear();
     expected().clear();
 }
 
@@ -125,12 +87,23 @@ void wrong(const char *what)
     abort();
 }
 
-void restoreModule()
+void restart()
 {
     static const auto &data = *new Section(__start_module_data, __stop_module_data);
     static const auto &bss = *new Section(__start_module_bss, __stop_module_bss);
     data.restore();
     bss.restore();
+    for (const auto &[block, size] : fakes::memory().live)
+        free(const_cast<void *>(block));
+    fakes::eventLoop() = {};
+    fakes::files() = {};
+    fakes::memory() = {};
+    fakes::netlink() = {};
+    fakes::process() = {};
+    fakes::vendor() = {};
+    fakes::journal().clear();
+    fakes::journal().detailed = false;
+    expected().clear();
 }
 
 } // namespace fuzz

@@ -1,10 +1,11 @@
-/// What every fuzz target is made of. A target is an unmodified module, stand-ins for what the
-/// module calls that note each call, and a model that notes what should have been called: the two
-/// notes have to be equal.
+/// What every fuzz target is made of. A target is an unmodified module on the fakes of the unit
+/// tests, which note each call, and a model that notes what should have been called: the two notes
+/// have to be equal.
 
 #pragma once
 
-#include <cstdarg>
+#include "fakes/journal.h"
+
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -57,33 +58,22 @@ private:
     size_t left_;
 };
 
-/// Notes a call that the module made.
-void did(const char *format, ...) __attribute__((format(printf, 1, 2)));
-
-/// Notes a call that the module should make.
+/// Notes a line that the journal of the fakes should have, made as by printf(3).
 void due(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-/// Appends a text as printf(3) makes it. It knows %d, %u, %o, %p and %s: the sanitizer's checks of
-/// a real printf take most of a target's time.
-void append(std::string &notes, const char *format, va_list arguments);
+/// The lines that are due.
+fakes::Lines &expected();
 
-/// The notes of what was done, for text that is no format.
-std::string &done();
-std::string &expected();
-
-/// Ends the program unless all that was due was done, and nothing else, in order. Begins anew.
+/// Ends the program unless the journal has all that was due and nothing else, in order. Begins
+/// anew.
 void compare();
 
 /// Ends the program with what went wrong.
 [[noreturn]] void wrong(const char *what);
 
-/// Gives the module's variables the values that they had at the start of the program.
-void restoreModule();
-
-/// What the module's call of exit(3) throws.
-struct Exit {
-    int status;
-};
+/// Gives the module's variables the values that they had at the start of the program, and the fakes
+/// theirs.
+void restart();
 
 } // namespace fuzz
 

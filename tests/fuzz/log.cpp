@@ -1,10 +1,13 @@
 /// The log function: any result of formatting, any length of message, any call-site names.
 
+#include "fakes/process.h"
 #include "fuzz.h"
 #include "kelo-monitord.h"
 
-#include <cstdarg>
+#include <algorithm>
 #include <cstdio>
+
+using fuzz::due;
 
 // The log has hardly a branch: what is to be tried is each row of the table of record shapes with
 // each kind of message. These libFuzzer takes for branches.
@@ -13,12 +16,6 @@ constexpr size_t shapes = 8;
 __attribute__((section("__libfuzzer_extra_counters"))) uint8_t tried[kinds * shapes];
 
 namespace {
-
-bool forced; // the message is not formatted: forcedResult says what that gave
-int forcedResult;
-int fputsResult;
-size_t messageRoom;
-std::string record;
 
 /// The record as documented, from the message and what formatting it gave.
 std::string documented(const std::string &message, int result, const std::string &suffix)
@@ -71,29 +68,7 @@ std::string anyText(fuzz::Input &input, size_t longest)
 
 } // namespace
 
-extern "C" {
-
-int fuzz_vsnprintf(char *buffer, size_t size, const char *format, va_list arguments)
-{
-    messageRoom = size;
-    if (!forced)
-        return vsnprintf(buffer, size, format, arguments);
-    const auto length = static_cast<size_t>(forcedResult < 0 ? 0 : forcedResult);
-    const size_t written = length < size ? length : size - 1;
-    memset(buffer, '#', written);
-    buffer[written] = '\0';
-    return forcedResult;
-}
-
-int fuzz_fputs(const char *text, FILE *stream)
-{
-    if (stream != stderr)
-        fuzz::wrong("the record does not go to standard error");
-    record = text;
-    return fputsResult;
-}
-
-int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
     fuzz::Input input(bytes, size);
     const uint8_t kind = input.byte();
@@ -101,22 +76,20 @@ int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
     const std::string function = anyText(input, kind & 0x80 ? 1200 : 60);
     const auto line = input.take<int32_t>();
     const auto number = input.take<int32_t>();
-    fputsResult = kind & 0x40 ? EOF : 1;
-    forced = kind % kinds == 0;
-    record.clear();
+    const bool forced = kind % kinds == 0;
+    fuzz::restart();
+    fakes::journal().detailed = true;
+    fakes::process().fputsResult = kind & 0x40 ? EOF : 1;
     std::string message;
     int result;
     int returned;
     const std::string text = forced ? "" : anyText(input, 3000);
     switch (kind % kinds) {
     case 0:
-        forcedResult = number;
+        fakes::process().formatResult = number;
         returned = kelo_log(file.c_str(), line, function.c_str(), "forced");
         result = number;
-        message = std::string(static_cast<size_t>(number < 0      ? 0
-                                                  : number > 2000 ? 2000
-                                                                  : number),
-                              '#');
+        message = std::string(static_cast<size_t>(std::clamp(number, 0, 2000)), '#');
         break;
     case 1:
         LOG("%s", text.c_str());
@@ -143,13 +116,13 @@ int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
     }
     const std::string suffix = " [" + file + ":" + std::to_string(line) + " " + function + "]\n";
     tried[kind % kinds * shapes + shapeOf(result, suffix)] = 1;
-    if (returned != fputsResult)
+    if (returned != fakes::process().fputsResult)
         fuzz::wrong("the result is not that of fputs");
-    if (messageRoom != 1024 - 15)
+    const fakes::Lines done = fakes::journal().take();
+    if (done.size() != 4 || !done[1].starts_with("vsnprintf 1009 "))
         fuzz::wrong("the message has another room than the rest of the line");
-    fuzz::done() = record;
-    fuzz::expected() = documented(message, result, suffix).c_str(); // up to a formatted NUL
+    fakes::journal().add(done.back());
+    due("stderr %s", documented(message, result, suffix).c_str()); // up to a formatted NUL
     fuzz::compare();
     return 0;
-}
 }

@@ -4,17 +4,19 @@
 /// An input is a row of receptions: four bytes, the length of the datagram, how it is received and
 /// which interface gets which name before, and the datagram.
 
+#include "fakes/event_loop.h"
+#include "fakes/memory.h"
 #include "tracker.h"
 
 #include <algorithm>
-#include <linux/rtnetlink.h>
+#include <cerrno>
 #include <random>
-#include <sys/socket.h>
 
-using fuzz::AddressBytes;
-using fuzz::datagramRoom;
+using fakes::datagramRoom;
+using fakes::netlink;
 using fuzz::due;
-using fuzz::kernel;
+using fuzz::netlinkFd;
+using tracker::Tables;
 
 namespace {
 
@@ -37,100 +39,90 @@ struct Reception {
     uint8_t rename; // high half: which interface, low half: the name of which it takes over
 };
 
-/// The bytes of a datagram by offset; zeros follow it.
-class Bytes {
-public:
-    explicit Bytes(const std::string &datagram) : bytes_(datagram) {}
+uint8_t byteAt(const Bytes &bytes, size_t offset)
+{
+    return offset < bytes.size() ? bytes[offset] : uint8_t{0}; // zeros follow a datagram
+}
 
-    uint32_t number(size_t offset, size_t width) const
-    {
-        uint32_t value = 0;
-        for (size_t i = width; i-- > 0;) // as this machine stores them, little-endian
-            value = value << 8 | at(offset + i);
-        return value;
-    }
+uint32_t numberAt(const Bytes &bytes, size_t offset, size_t width)
+{
+    uint32_t value = 0;
+    for (size_t i = width; i-- > 0;) // as this machine stores them, little-endian
+        value = value << 8 | byteAt(bytes, offset + i);
+    return value;
+}
 
-    AddressBytes address(size_t offset) const
-    {
-        AddressBytes result;
-        for (size_t i = 0; i < result.size(); i++)
-            result[i] = at(offset + i);
-        return result;
-    }
-
-private:
-    uint8_t at(size_t offset) const
-    {
-        return offset < bytes_.size() ? static_cast<uint8_t>(bytes_[offset]) : uint8_t{0};
-    }
-
-    const std::string &bytes_;
-};
+Bytes addressAt(const Bytes &bytes, size_t offset)
+{
+    Bytes result(16);
+    for (size_t i = 0; i < result.size(); i++)
+        result[i] = byteAt(bytes, offset + i);
+    return result;
+}
 
 /// The offset of the data of the last attribute of a type, 0 for none.
 size_t findAttribute(const Bytes &bytes, size_t first, size_t end, uint32_t type)
 {
     size_t found = 0;
     for (size_t at = first; at + 4 <= end;) {
-        const uint32_t length = bytes.number(at, 2);
+        const uint32_t length = numberAt(bytes, at, 2);
         if (length < 4 || at + length > end)
             break;
-        if (bytes.number(at + 2, 2) == type)
+        if (numberAt(bytes, at + 2, 2) == type)
             found = at + 4;
         at += (length + 3) / 4 * 4;
     }
     return found;
 }
 
-void expectAddress(fuzz::Tables &tables, const Bytes &bytes, size_t at, size_t end, bool add)
+void expectAddress(Tables &tables, const Bytes &bytes, size_t at, size_t end, bool add)
 {
-    const auto family = static_cast<uint8_t>(bytes.number(at + 16, 1));
-    const auto length = static_cast<uint8_t>(bytes.number(at + 17, 1));
+    const auto family = static_cast<uint8_t>(numberAt(bytes, at + 16, 1));
+    const auto length = static_cast<uint8_t>(numberAt(bytes, at + 17, 1));
     const size_t host = findAttribute(bytes, at + 24, end, IFA_ADDRESS);
-    if (bytes.number(at + 19, 1) != RT_SCOPE_UNIVERSE || host == 0)
+    if (numberAt(bytes, at + 19, 1) != RT_SCOPE_UNIVERSE || host == 0)
         return;
-    const uint32_t ifindex = bytes.number(at + 20, 4);
+    const uint32_t ifindex = numberAt(bytes, at + 20, 4);
     if (add)
-        tables.addAddress(ifindex, family, bytes.address(host), length);
+        tables.insertAddress(ifindex, family, addressAt(bytes, host), length);
     else
-        tables.removeAddress(ifindex, family, bytes.address(host), length);
+        tables.removeAddress(ifindex, family, addressAt(bytes, host), length);
 }
 
-void expectRoute(fuzz::Tables &tables, const Bytes &bytes, size_t at, size_t end, bool add)
+void expectRoute(Tables &tables, const Bytes &bytes, size_t at, size_t end, bool add)
 {
-    const auto family = static_cast<uint8_t>(bytes.number(at + 16, 1));
-    const auto length = static_cast<uint8_t>(bytes.number(at + 17, 1));
+    const auto family = static_cast<uint8_t>(numberAt(bytes, at + 16, 1));
+    const auto length = static_cast<uint8_t>(numberAt(bytes, at + 17, 1));
     const size_t to = findAttribute(bytes, at + 28, end, RTA_DST);
     const size_t gateway = findAttribute(bytes, at + 28, end, RTA_GATEWAY);
     const size_t oif = findAttribute(bytes, at + 28, end, RTA_OIF);
-    if (bytes.number(at + 20, 1) != RT_TABLE_MAIN || bytes.number(at + 23, 1) != RTN_UNICAST ||
-        gateway == 0)
+    if (numberAt(bytes, at + 20, 1) != RT_TABLE_MAIN ||
+        numberAt(bytes, at + 23, 1) != RTN_UNICAST || gateway == 0)
         return;
-    const uint32_t ifindex = oif != 0 ? bytes.number(oif, 4) : 0;
-    const fuzz::Destination destination = {to != 0, bytes.address(to)};
+    const uint32_t ifindex = oif != 0 ? numberAt(bytes, oif, 4) : 0;
+    const Bytes destination = to != 0 ? addressAt(bytes, to) : Bytes{};
     if (add)
-        tables.addRoute(ifindex, family, destination, length, bytes.address(gateway));
+        tables.insertRoute(ifindex, family, destination, length, addressAt(bytes, gateway));
     else
-        tables.removeRoute(ifindex, family, destination, length, bytes.address(gateway));
+        tables.removeRoute(ifindex, family, destination, length, addressAt(bytes, gateway));
 }
 
-void expectDatagram(fuzz::Tables &tables, const std::string &datagram)
+void expectDatagram(Tables &tables, const Bytes &bytes)
 {
-    const Bytes bytes(datagram);
     size_t at = 0;
-    while (at + 16 <= datagram.size()) {
-        const size_t length = bytes.number(at, 4);
-        if (length < 16 || length > datagram.size() - at)
+    while (at + 16 <= bytes.size()) {
+        const size_t length = numberAt(bytes, at, 4);
+        if (length < 16 || length > bytes.size() - at)
             return;
-        const uint32_t type = bytes.number(at + 4, 2);
+        const uint32_t type = numberAt(bytes, at + 4, 2);
         if (type == NLMSG_DONE)
             return;
         if (type == NLMSG_ERROR) {
-            due("log ipinfo_netlink_recv: Netlink error");
+            due("log ipinfo.cpp ipinfo_netlink_recv: Netlink error");
             return;
         }
         if (type == RTM_DELLINK)
-            tables.removeLink(bytes.number(at + 20, 4));
+            tables.deleteLink(numberAt(bytes, at + 20, 4));
         if (type == RTM_NEWADDR || type == RTM_DELADDR)
             expectAddress(tables, bytes, at, at + length, type == RTM_NEWADDR);
         if (type == RTM_NEWROUTE || type == RTM_DELROUTE)
@@ -139,81 +131,54 @@ void expectDatagram(fuzz::Tables &tables, const std::string &datagram)
     }
 }
 
-/// Sets up how the kernel behaves; returns the descriptor of the callback.
-int prepare(const Reception &reception)
+/// Receives a datagram, and expects what it should bring about.
+void receive(Tables &tables, How how, Bytes datagram)
 {
-    kernel().receiveResult = 0;
-    kernel().receiveFlags = 0;
-    kernel().getsocknameResult = 0;
-    kernel().memoryExhausted = false;
-    switch (reception.how & 0x7f) {
-    case truncated:
-        kernel().receiveFlags = MSG_TRUNC;
-        break;
-    case controlTruncated:
-        kernel().receiveFlags = MSG_CTRUNC | MSG_EOR;
-        break;
-    case failed:
-        kernel().receiveResult = -1;
-        break;
-    case empty:
-        kernel().datagram.clear();
-        break;
-    case noSocket:
-        kernel().getsocknameResult = -1;
-        break;
-    case invalidFd:
-        return 0;
-    case memoryExhausted:
-        kernel().memoryExhausted = true;
-        break;
-    default:
-        break;
+    fakes::Reception reception;
+    if (how == truncated)
+        reception.flags = MSG_TRUNC;
+    if (how == controlTruncated)
+        reception.flags = MSG_CTRUNC | MSG_EOR;
+    if (how == failed)
+        reception.error = ENOBUFS;
+    if (how == empty)
+        datagram.clear();
+    netlink().getsocknameResult = how == noSocket ? -1 : 0;
+    fakes::memory().exhausted = how == memoryExhausted;
+    if (how == invalidFd) {
+        due("log ipinfo.cpp ipinfo_netlink_recv: Invalid netlink fd");
+        fakes::eventLoop().find(netlinkFd)->callback(0, EV_READ, nullptr);
+        return;
     }
-    return -1;
-}
-
-void expectReception(fuzz::Tables &tables, int fd)
-{
-    if (fd == 0)
-        due("log ipinfo_netlink_recv: Invalid netlink fd");
-    else if (kernel().getsocknameResult != 0)
-        due("log ipinfo_netlink_recv: Failed to get netlink addr");
-    else if (kernel().receiveResult != 0 || kernel().datagram.empty())
-        due("log ipinfo_netlink_recv: Failed to receive netlink msg (%d)", kernel().receiveResult);
-    else if (kernel().receiveFlags != 0)
-        due("log ipinfo_netlink_recv: Netlink msg_trunc (%d)", kernel().receiveFlags);
+    due("getsockname fd=%d room=0", netlinkFd);
+    if (how == noSocket)
+        due("log ipinfo.cpp ipinfo_netlink_recv: Failed to get netlink addr");
     else
-        expectDatagram(tables, kernel().datagram);
+        due("recvmsg fd=%d flags=0", netlinkFd);
+    if (how == failed || (how != noSocket && datagram.empty()))
+        due("log ipinfo.cpp ipinfo_netlink_recv: Failed to receive netlink msg (%d)",
+            how == failed ? -1 : 0);
+    else if (reception.flags != 0)
+        due("log ipinfo.cpp ipinfo_netlink_recv: Netlink msg_trunc (%d)", reception.flags);
+    else if (how != noSocket)
+        expectDatagram(tables, datagram);
+    reception.bytes = std::move(datagram);
+    fuzz::receive(std::move(reception));
 }
 
-template <typename T>
-std::string bytesOf(const T &value)
-{
-    std::string bytes(sizeof value, '\0');
-    memcpy(bytes.data(), &value, sizeof value);
-    return bytes;
-}
-
-std::string fillerMessage(size_t length)
-{
-    nlmsghdr header = {};
-    header.nlmsg_len = static_cast<uint32_t>(length);
-    header.nlmsg_type = RTM_NEWLINK;
-    return bytesOf(header) + std::string(length - sizeof header, '\x55');
-}
-
-std::string pushed(const std::string &datagram)
+Bytes pushed(const Bytes &datagram)
 {
     const size_t before = (datagramRoom - std::min(datagram.size(), datagramRoom)) / 4 * 4;
-    return before < sizeof(nlmsghdr) ? datagram : fillerMessage(before) + datagram;
+    return before < sizeof(nlmsghdr)
+               ? datagram
+               : message(RTM_NEWLINK, Bytes(before - sizeof(nlmsghdr), 0x55)) + datagram;
 }
 
 // The mutator.
 
 struct Received {
     Reception reception;
-    std::string datagram;
+    Bytes datagram;
 };
 
 std::vector<Received> parse(const uint8_t *bytes, size_t size)
@@ -222,19 +187,22 @@ std::vector<Received> parse(const uint8_t *bytes, size_t size)
     std::vector<Received> rows;
     while (!input.empty()) {
         const auto reception = input.take<Reception>();
-        rows.push_back({reception, input.text(reception.length)});
+        const std::string datagram = input.text(reception.length);
+        rows.push_back({reception, {datagram.begin(), datagram.end()}});
     }
     return rows;
 }
 
 size_t write(std::vector<Received> &rows, uint8_t *bytes, size_t room)
 {
-    std::string all;
+    Bytes all;
     for (Received &row : rows) {
         row.reception.length = static_cast<uint16_t>(row.datagram.size());
-        all += bytesOf(row.reception) + row.datagram;
+        all = std::move(all) + bytesOf(row.reception) + row.datagram;
     }
-    return all.copy(reinterpret_cast<char *>(bytes), room);
+    all.resize(std::min(all.size(), room));
+    std::ranges::copy(all, bytes);
+    return all.size();
 }
 
 class Mutator {
@@ -259,20 +227,20 @@ public:
     }
 
 private:
-    void mutate(std::string &datagram)
+    void mutate(Bytes &datagram)
     {
         const std::vector<size_t> starts = messages(datagram);
         const size_t at = starts.empty() ? 0 : starts[upTo(starts.size() - 1)];
         switch (starts.empty() ? 0 : upTo(9)) {
         case 0:
         case 1:
-            datagram.insert(at, message());
+            insert(datagram, at, anyMessage());
             break;
         case 2: // the opposite of what was announced, or the same once more
             opposite(datagram, at);
             break;
         case 3:
-            datagram.erase(at, messageLength(datagram, at));
+            datagram.erase(from(datagram, at), from(datagram, at + messageLength(datagram, at)));
             break;
         case 4:
             store(datagram, at, 4, lengthNear(messageLength(datagram, at)));
@@ -293,69 +261,68 @@ private:
             break;
         default:
             if (!datagram.empty())
-                datagram[upTo(datagram.size() - 1)] = static_cast<char>(byte());
+                datagram[upTo(datagram.size() - 1)] = byte();
             break;
         }
     }
 
     /// A valid message over few interfaces and addresses.
-    std::string message()
+    Bytes anyMessage()
     {
         const size_t kind = upTo(9);
-        std::string payload;
-        uint16_t type = static_cast<uint16_t>(upTo(30));
-        if (kind < 4) {
-            type = oneIn(3) ? RTM_DELADDR : RTM_NEWADDR;
-            payload = bytesOf(
-                ifaddrmsg{family(), number(3), 0, oneIn(6) ? byte() : uint8_t{0}, number(6)});
-            payload += attributes({IFA_ADDRESS, IFA_LOCAL, IFA_LABEL});
-        } else if (kind < 8) {
-            type = oneIn(3) ? RTM_DELROUTE : RTM_NEWROUTE;
-            const uint8_t table = oneIn(8) ? uint8_t{RT_TABLE_LOCAL} : uint8_t{RT_TABLE_MAIN};
-            const uint8_t unicast = oneIn(8) ? number(8) : uint8_t{RTN_UNICAST};
-            payload =
-                bytesOf(rtmsg{family(), number(3), 0, 0, table, RTPROT_KERNEL, 0, unicast, 0});
-            payload += attributes({RTA_GATEWAY, RTA_DST, RTA_OIF});
-        } else if (kind == 8) {
-            type = RTM_DELLINK;
-            ifinfomsg link = {};
-            link.ifi_index = number(6);
-            payload = bytesOf(link);
-        }
-        nlmsghdr header = {};
-        header.nlmsg_len = static_cast<uint32_t>(sizeof header + payload.size());
-        header.nlmsg_type = type;
-        return bytesOf(header) + payload;
+        if (kind < 4)
+            return message(
+                oneIn(3) ? RTM_DELADDR : RTM_NEWADDR,
+                AddressHeader{number(6), family(), number(3), oneIn(6) ? byte() : uint8_t{0}} +
+                    attributes({IFA_ADDRESS, IFA_LOCAL, IFA_LABEL}));
+        if (kind < 8)
+            return message(oneIn(3) ? RTM_DELROUTE : RTM_NEWROUTE,
+                           RouteHeader{family(), number(3),
+                                       oneIn(8) ? uint8_t{RT_TABLE_LOCAL} : uint8_t{RT_TABLE_MAIN},
+                                       oneIn(8) ? number(8) : uint8_t{RTN_UNICAST}} +
+                               attributes({RTA_GATEWAY, RTA_DST, RTA_OIF}));
+        if (kind == 8)
+            return message(RTM_DELLINK, linkHeader(number(6)));
+        return message(static_cast<unsigned>(upTo(30)), {});
     }
 
-    std::string attributes(const std::vector<uint16_t> &types)
+    Bytes attributes(const std::vector<uint16_t> &types)
     {
-        std::string result;
+        Bytes result;
         for (size_t count = upTo(3) + (oneIn(8) ? 0 : 1); count > 0; count--) {
             const uint16_t type = oneIn(2) ? types[0] : types[upTo(types.size() - 1)];
-            std::string data(type == RTA_OIF ? 4 : oneIn(3) ? 4 : 16, '\0');
-            data[type == RTA_OIF || oneIn(2) ? 0 : data.size() - 1] = static_cast<char>(number(6));
-            const rtattr header = {static_cast<uint16_t>(sizeof header + data.size()), type};
-            result += bytesOf(header) + data;
+            Bytes data(type == RTA_OIF || oneIn(3) ? 4 : 16);
+            data[type == RTA_OIF || oneIn(2) ? 0 : data.size() - 1] = number(6);
+            result = std::move(result) + attribute(type, data);
         }
         return result;
     }
 
-    void opposite(std::string &datagram, size_t at)
+    void opposite(Bytes &datagram, size_t at)
     {
-        std::string copy = datagram.substr(at, messageLength(datagram, at));
+        Bytes copy(from(datagram, at), from(datagram, at + messageLength(datagram, at)));
         if (copy.size() > 5 && oneIn(2)) {
-            const auto type = static_cast<uint8_t>(copy[4]);
+            const uint8_t type = copy[4];
             if (type == RTM_NEWADDR || type == RTM_DELADDR)
-                copy[4] = static_cast<char>(RTM_NEWADDR + RTM_DELADDR - type);
+                copy[4] = RTM_NEWADDR + RTM_DELADDR - type;
             if (type == RTM_NEWROUTE || type == RTM_DELROUTE)
-                copy[4] = static_cast<char>(RTM_NEWROUTE + RTM_DELROUTE - type);
+                copy[4] = static_cast<uint8_t>(RTM_NEWROUTE + RTM_DELROUTE - type);
         }
-        datagram.insert(oneIn(2) ? at : datagram.size() / 4 * 4, copy);
+        insert(datagram, oneIn(2) ? at : datagram.size() / 4 * 4, copy);
+    }
+
+    static Bytes::iterator from(Bytes &datagram, size_t at)
+    {
+        return datagram.begin() + static_cast<std::ptrdiff_t>(at);
+    }
+
+    static void insert(Bytes &datagram, size_t at, const Bytes &bytes)
+    {
+        datagram.insert(from(datagram, at), bytes.begin(), bytes.end());
     }
 
     /// Where messages begin, as far as their lengths lead.
-    static std::vector<size_t> messages(const std::string &datagram)
+    static std::vector<size_t> messages(const Bytes &datagram)
     {
         std::vector<size_t> starts;
         for (size_t at = 0; at + 16 <= datagram.size();
@@ -364,17 +331,17 @@ private:
         return starts;
     }
 
-    static size_t messageLength(const std::string &datagram, size_t at)
+    static size_t messageLength(const Bytes &datagram, size_t at)
     {
-        return std::min<size_t>(Bytes(datagram).number(at, 4), datagram.size() - at);
+        return std::min<size_t>(numberAt(datagram, at, 4), datagram.size() - at);
     }
 
-    size_t anyAttribute(const std::string &datagram, size_t at)
+    size_t anyAttribute(const Bytes &datagram, size_t at)
     {
-        const size_t header = Bytes(datagram).number(at + 4, 2) >= RTM_NEWROUTE ? 28 : 24;
+        const size_t header = numberAt(datagram, at + 4, 2) >= RTM_NEWROUTE ? 28 : 24;
         size_t attribute = at + header;
         for (size_t skipped = upTo(3); skipped > 0; skipped--)
-            attribute += (Bytes(datagram).number(attribute, 2) + 3) / 4 * 4;
+            attribute += (numberAt(datagram, attribute, 2) + 3) / 4 * 4;
         return attribute + 4 <= datagram.size() ? attribute : 0;
     }
 
@@ -387,10 +354,10 @@ private:
         return candidates[upTo(std::size(candidates) - 1)];
     }
 
-    static void store(std::string &datagram, size_t at, size_t width, size_t value)
+    static void store(Bytes &datagram, size_t at, size_t width, size_t value)
     {
         for (size_t i = 0; i < width && at + i < datagram.size(); i++)
-            datagram[at + i] = static_cast<char>(value >> (8 * i));
+            datagram[at + i] = static_cast<uint8_t>(value >> (8 * i));
     }
 
     uint8_t family()
@@ -423,27 +390,24 @@ size_t LLVMFuzzerCustomMutator(uint8_t *bytes, size_t size, size_t room, unsigne
 
 int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
-    fuzz::Tables tables;
+    Tables tables(fuzz::expected());
     fuzz::startTracker();
-    for (const Received &row : parse(bytes, size)) {
-        const Reception &reception = row.reception;
+    for (const auto &[reception, datagram] : parse(bytes, size)) {
         if (reception.how == startedAnew) {
-            fuzz::stopTracker();
-            tables = {};
+            tables.clear();
             fuzz::startTrackerInVain(1 + reception.rename % 3);
             fuzz::startTracker();
             continue;
         }
-        kernel().names[reception.rename >> 4] = kernel().names[reception.rename & 15];
-        kernel().datagram = reception.how & pushedToTheEnd ? pushed(row.datagram) : row.datagram;
-        kernel().datagram.resize(std::min(kernel().datagram.size(), datagramRoom));
-        const int fd = prepare(reception);
-        expectReception(tables, fd);
-        fuzz::receive(fd);
+        auto &names = netlink().names;
+        names[reception.rename >> 4] = names[reception.rename & 15];
+        Bytes whole = reception.how & pushedToTheEnd ? pushed(datagram) : datagram;
+        whole.resize(std::min(whole.size(), datagramRoom));
+        receive(tables, static_cast<How>(reception.how & 0x7f), std::move(whole));
         fuzz::compare();
-        tables.compare();
+        if (!tables.agree())
+            fuzz::wrong("the tables differ");
     }
-    fuzz::stopTracker();
     return 0;
 }
 }

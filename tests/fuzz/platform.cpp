@@ -3,42 +3,21 @@
 
 #include "platform.h"
 
+#include "fakes/files.h"
+#include "fakes/vendor.h"
 #include "fuzz.h"
 
-#include <cmath>
-#include <cstdio>
+#include <cerrno>
 #include <cstdlib>
 #include <sys/socket.h>
 
-using fuzz::did;
+using fakes::files;
 using fuzz::due;
 
 namespace {
 
-bool openFails;
-bool writeFails;
-std::string buttonFile;
-size_t buttonRead;
-int gponState;
-
-ssize_t read(void *, char *buffer, size_t size)
-{
-    const size_t length = buttonFile.copy(buffer, size, buttonRead);
-    buttonRead += length;
-    return static_cast<ssize_t>(length);
-}
-
-ssize_t write(void *, const char *bytes, size_t size)
-{
-    did("write %s", std::string(bytes, size).c_str());
-    return writeFails ? 0 : static_cast<ssize_t>(size);
-}
-
-int close(void *)
-{
-    did("close");
-    return writeFails ? EOF : 0;
-}
+constexpr char gpioPath[] = "/proc/tc3162/gpio_output";
+constexpr char buttonPath[] = "/proc/tc3162/reset_button";
 
 /// The number that a text begins with, as strtol(3) reads it; 0 for none.
 int numberIn(const std::string &text)
@@ -50,42 +29,42 @@ void checkLed(fuzz::Input &input)
 {
     const uint8_t gpio = input.byte();
     const uint8_t on = input.byte();
-    openFails = input.flag();
-    writeFails = input.flag();
-    due("fopen /proc/tc3162/gpio_output w");
-    if (!openFails) {
-        due("write active %d %d\n", gpio, on ? 0 : 1);
-        due("close");
-    }
+    const bool openFails = input.flag();
+    files().openErrors[gpioPath] = openFails ? EACCES : 0;
+    files().writesFail = files().closeFails = input.flag();
+    const auto expect = [&](int level) {
+        due("fopen %s w", gpioPath);
+        if (openFails)
+            return;
+        due("write %s: active %d %d\n", gpioPath, gpio, level);
+        due("close %s", gpioPath);
+    };
+    expect(on ? 0 : 1);
     if (platform_ledSet(gpio, on) != 0)
         fuzz::wrong("platform_ledSet does not give 0");
     fuzz::compare();
-    due("fopen /proc/tc3162/gpio_output w");
-    if (!openFails) {
-        due("write active %d 1\n", gpio);
-        due("close");
-    }
+    expect(1);
     if (platform_ledInit(gpio) != 0)
         fuzz::wrong("platform_ledInit does not give 0");
 }
 
 void checkButton(fuzz::Input &input)
 {
-    openFails = input.byte() == 255;
-    buttonFile = input.text(input.byte());
-    buttonRead = 0;
-    due("fopen /proc/tc3162/reset_button r");
+    const bool openFails = input.byte() == 255;
+    files().openErrors[buttonPath] = openFails ? EACCES : 0;
+    files().content[buttonPath] = input.text(input.byte());
+    due("fopen %s r", buttonPath);
     if (!openFails)
-        due("close");
-    if (platform_getResetButton() != (openFails ? 0 : numberIn(buttonFile)))
+        due("close %s", buttonPath);
+    if (platform_getResetButton() != (openFails ? 0 : numberIn(files().content[buttonPath])))
         fuzz::wrong("the button has another value");
 }
 
 void checkLevels(fuzz::Input &input)
 {
-    gponState = input.take<int8_t>();
-    due("gpon");
-    if (platform_isGponUp() != (gponState == 5 ? 1 : 0))
+    const int state = fakes::vendor().gponState = input.take<int8_t>();
+    due("syscfg_getGponState");
+    if (platform_isGponUp() != (state == 5 ? 1 : 0))
         fuzz::wrong("the link is up in state 5, and only there");
     const bool whole = input.flag();
     const float power = whole ? static_cast<float>(input.take<int8_t>()) / 4 : input.take<float>();
@@ -123,15 +102,15 @@ void checkHooks(fuzz::Input &input)
     const char address[16] = {};
     if (family == AF_INET6 && (wan || interface == "br0")) {
         const char *const side = interface == "br0" ? "lan" : "wan";
-        due("set Kelo_Ipv6Status %sAddress \"%s\"", side, add ? text.c_str() : "");
-        due("set Kelo_Ipv6Status %sAddressLen %u", side, add ? length : 0U);
+        due("tcapiSet Kelo_Ipv6Status %sAddress \"%s\"", side, add ? text.c_str() : "");
+        due("tcapiSetUint32 Kelo_Ipv6Status %sAddressLen %u", side, add ? length : 0U);
         due("system omci set update_ip");
     }
     platform_ipinfo_ip(add, interface.c_str(), family, address, text.c_str(), length);
     fuzz::compare();
     const bool isDefault = input.flag();
     if (family == AF_INET6 && wan && isDefault) {
-        due("set Kelo_Ipv6Status wanGateway \"%s\"", add ? text.c_str() : "");
+        due("tcapiSet Kelo_Ipv6Status wanGateway \"%s\"", add ? text.c_str() : "");
         due("system omci set update_ip");
     }
     platform_ipinfo_route(add, interface.c_str(), family, isDefault ? nullptr : address,
@@ -140,41 +119,11 @@ void checkHooks(fuzz::Input &input)
 
 } // namespace
 
-extern "C" {
-
-FILE *fuzz_fopen(const char *path, const char *mode)
-{
-    did("fopen %s %s", path, mode);
-    return openFails ? nullptr : fopencookie(nullptr, mode, {read, write, nullptr, close});
-}
-
-int fuzz_system(const char *command)
-{
-    did("system %s", command);
-    return -1; // nobody looks at it
-}
-
-int syscfg_getGponState()
-{
-    did("gpon");
-    return gponState;
-}
-
-int tcapiSet(const char *node, const char *attribute, const char *value)
-{
-    did("set %s %s \"%s\"", node, attribute, value);
-    return -1; // nobody looks at it
-}
-
-int tcapiSetUint32(const char *node, const char *attribute, unsigned value)
-{
-    did("set %s %s %u", node, attribute, value);
-    return -1; // nobody looks at it
-}
-
-int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
     fuzz::Input input(bytes, size);
+    fuzz::restart();
+    fakes::vendor().storeResult = -1; // nobody looks at it
     while (!input.empty()) {
         switch (input.byte() % 4) {
         case 0:
@@ -193,5 +142,4 @@ int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
         fuzz::compare();
     }
     return 0;
-}
 }

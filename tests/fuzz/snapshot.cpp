@@ -1,46 +1,26 @@
 /// The counter snapshot: any counters, ports that cannot be read, files that cannot be opened.
 
 #include "fakes/event_loop.h"
-#include "fakes/journal.h"
+#include "fakes/files.h"
+#include "fakes/vendor.h"
 #include "fuzz.h"
 #include "netinfo.h"
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
-#include <optional>
 
-using fuzz::did;
+using fakes::files;
+using fakes::PortBytes;
+using fakes::vendor;
 using fuzz::due;
 using Counter = unsigned long long;
 
 namespace {
 
-struct Reading {
-    Counter in;
-    Counter out;
-};
-
 constexpr const char *names[] = {"lan1", "lan2", "lan3", "lan4", "wan", "wifi2", "wifi5"};
 constexpr size_t ports = 7;
-
-std::array<std::optional<Reading>, ports> readings;
-bool openFails;
-bool writeFails;
-int renameResult;
-
-ssize_t write(void *, const char *bytes, size_t size)
-{
-    did("write");
-    fuzz::done().append(bytes, size);
-    return writeFails ? 0 : static_cast<ssize_t>(size);
-}
-
-int close(void *)
-{
-    did("close");
-    return writeFails ? EOF : 0;
-}
+const std::string path = "/var/run/kelo-monitord.netinfo";
+const std::string temporary = path + ".tmp";
 
 /// The difference in the documented form: low words, signed, widened.
 Counter delta(Counter current, Counter previous)
@@ -49,19 +29,19 @@ Counter delta(Counter current, Counter previous)
     return low < (1ULL << 31) ? low : low - (1ULL << 32);
 }
 
-void expectSnapshot(std::array<Reading, ports> &previous)
+void expectSnapshot(std::array<PortBytes, ports> &previous)
 {
-    due("open /var/run/kelo-monitord.netinfo.tmp w");
-    if (openFails) {
-        due("log dumpNetwork: Failed to open file /var/run/kelo-monitord.netinfo.tmp\n");
+    due("fopen %s w", temporary.c_str());
+    if (!files().openErrors.empty()) {
+        due("log netinfo.cpp dumpNetwork: Failed to open file %s\n", temporary.c_str());
         return;
     }
     std::string lines;
     for (size_t i = 0; i < ports; i++) {
-        due("port %d", static_cast<int>(i + 1));
-        if (!readings[i])
+        due("syscfg_getPortBytes %zu", i + 1);
+        if (!vendor().ports[i + 1])
             continue;
-        const Reading &now = *readings[i];
+        const PortBytes &now = *vendor().ports[i + 1];
         lines += std::string("port=") + names[i] +
                  ",in=" + std::to_string(delta(now.in, previous[i].in)) +
                  ",out=" + std::to_string(delta(now.out, previous[i].out)) +
@@ -69,12 +49,10 @@ void expectSnapshot(std::array<Reading, ports> &previous)
                  "\n";
         previous[i] = now;
     }
-    if (!lines.empty()) {
-        due("write");
-        fuzz::expected() += lines;
-    }
-    due("close");
-    due("rename /var/run/kelo-monitord.netinfo.tmp /var/run/kelo-monitord.netinfo");
+    if (!lines.empty())
+        due("write %s: %s", temporary.c_str(), lines.c_str());
+    due("close %s", temporary.c_str());
+    due("rename %s %s", temporary.c_str(), path.c_str());
 }
 
 Counter nextCounter(fuzz::Input &input, Counter before)
@@ -98,66 +76,35 @@ Counter nextCounter(fuzz::Input &input, Counter before)
 
 } // namespace
 
-extern "C" {
-
-FILE *fuzz_fopen(const char *path, const char *mode)
-{
-    did("open %s %s", path, mode);
-    if (openFails) {
-        errno = EACCES;
-        return nullptr;
-    }
-    return fopencookie(nullptr, mode, {nullptr, write, nullptr, close});
-}
-
-int fuzz_rename(const char *from, const char *to)
-{
-    did("rename %s %s", from, to);
-    return renameResult;
-}
-
-int syscfg_getPortBytes(int port, unsigned long long *in, unsigned long long *out)
-{
-    did("port %d", port);
-    if (*in != 0 || *out != 0)
-        fuzz::wrong("the counters are not 0 before they are read");
-    const auto &reading = readings.at(static_cast<size_t>(port - 1));
-    // A library that fails may have stored something all the same.
-    *in = reading ? reading->in : 1;
-    *out = reading ? reading->out : 2;
-    return reading ? -1 : 0;
-}
-
-int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
     fuzz::Input input(bytes, size);
-    fuzz::restoreModule();
-    fakes::journal().recording = false;
-    fakes::eventLoop() = {};
+    fuzz::restart();
     event_init();
     if (netinfo_register() != 0)
         fuzz::wrong("the timer was not added");
-    readings = {};
-    std::array<Reading, ports> previous = {};
+    fakes::journal().take();
+    std::array<PortBytes, ports> previous = {};
     while (!input.empty()) {
         const uint8_t failures = input.byte();
-        openFails = failures % 8 == 1;
-        writeFails = failures % 8 == 2;
-        renameResult = failures % 8 == 3 ? -1 : 0;
+        files().openErrors.clear();
+        if (failures % 8 == 1)
+            files().openErrors[temporary] = EACCES;
+        files().writesFail = files().closeFails = failures % 8 == 2;
+        files().fileErrors[temporary] = failures % 8 == 3 ? EACCES : 0;
         for (uint8_t changes = failures / 8 % 8; changes > 0; changes--) {
             const uint8_t which = input.byte();
-            auto &reading = readings[which % ports];
+            auto &reading = vendor().ports[which % ports + 1];
             if (which / ports % 4 == 0) {
                 reading.reset();
                 continue;
             }
-            const Reading before = reading.value_or(Reading{});
-            reading = Reading{nextCounter(input, before.in), nextCounter(input, before.out)};
+            const PortBytes before = reading.value_or(PortBytes{});
+            reading = PortBytes{nextCounter(input, before.in), nextCounter(input, before.out)};
         }
         expectSnapshot(previous);
         fakes::eventLoop().run(std::chrono::seconds(1));
         fuzz::compare();
     }
     return 0;
-}
 }

@@ -1,25 +1,23 @@
 /// main: any arguments, any step of detaching failing, any signals while it runs.
 
 #include "fakes/event_loop.h"
-#include "fakes/journal.h"
+#include "fakes/files.h"
+#include "fakes/process.h"
 #include "fuzz.h"
-#include "process.h"
 
 #include <array>
 #include <csignal>
-#include <cstdarg>
-#include <cstdio>
 #include <unistd.h>
 
-using fuzz::did;
+using fakes::process;
 using fuzz::due;
-using fuzz::process;
 
 extern "C" int daemon_main(int argc, char **argv);
 
 namespace {
 
 constexpr size_t argumentsMax = 6;
+constexpr int ending[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM};
 
 /// How often the option d occurs before "--", options and arguments in any order.
 int countOptions(const std::array<std::string, argumentsMax> &arguments, size_t count)
@@ -41,15 +39,15 @@ int countOptions(const std::array<std::string, argumentsMax> &arguments, size_t 
 bool expectDetaching()
 {
     due("fork");
-    if (process().fork != 0) {
-        due("exit %d", process().fork < 0 ? 1 : 0);
+    if (process().forkResult != 0) {
+        due("exit %d", process().forkResult < 0 ? 1 : 0);
         return false;
     }
-    due("umask 0");
+    due("umask 000");
     due("setsid");
-    if (process().setsid >= 0)
+    if (process().setsidResult >= 0)
         due("chdir /");
-    if (process().setsid < 0 || process().chdir < 0) {
+    if (process().setsidResult < 0 || process().chdirResult < 0) {
         due("exit 1");
         return false;
     }
@@ -60,27 +58,14 @@ bool expectDetaching()
 
 } // namespace
 
-extern "C" {
-
-int fuzz_vsnprintf(char *buffer, size_t size, const char *format, va_list arguments)
-{
-    return vsnprintf(buffer, size, format, arguments);
-}
-
-int fuzz_fputs(const char *text, FILE *stream)
-{
-    if (stream != stderr)
-        fuzz::wrong("the record does not go to standard error");
-    did("%s", std::string(text, strnlen(text, 38)).c_str()); // without the line
-    return 1;
-}
-
-int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
     fuzz::Input input(bytes, size);
-    fakes::journal().recording = false;
-    fakes::eventLoop() = {};
-    process() = {input.take<int8_t>() / 32, input.take<int8_t>(), input.take<int8_t>()};
+    fuzz::restart();
+    process().forkResult = input.take<int8_t>() / 32;
+    process().setsidResult = input.take<int8_t>();
+    process().chdirResult = input.take<int8_t>();
+    fakes::files().closeFails = true; // nobody looks at it
     const uint8_t signals = input.byte();
     const size_t count = 1 + input.byte() % (argumentsMax - 1);
     std::array<std::string, argumentsMax> arguments = {"kelo-monitord"};
@@ -95,17 +80,24 @@ int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 
     const int options = countOptions(given, count);
     for (int i = 0; i < options; i++)
-        due("kelo-monitord: Launching as daemon...\n");
+        due("stderr kelo-monitord: Launching as daemon...");
     bool exits = false;
     if (options == 0 || expectDetaching()) {
+        due("event_init");
+        for (const int signal : ending) {
+            due("event_set fd=%d flags=0x18", signal);
+            due("event_add fd=%d", signal);
+        }
         for (const char *const module : {"netinfo", "ipinfo", "display", "input"})
-            due("%s", module);
+            due("%s_register", module);
+        due("event_base_dispatch");
+        for (unsigned raised = signals & 15; raised != 0; raised &= raised - 1)
+            due("event_base_loopexit now");
         due("exit 0");
         exits = (signals & 15) != 0;
     }
     fakes::eventLoop().dispatchResult = input.take<int8_t>();
     fakes::eventLoop().duringDispatch = [signals] {
-        constexpr int ending[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM};
         if (fakes::eventLoop().pendingCount() != 4)
             fuzz::wrong("other than four signals are waited for");
         for (unsigned i = 0; i < 4; i++) {
@@ -118,11 +110,12 @@ int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
     try {
         daemon_main(static_cast<int>(count), argv.data());
         fuzz::wrong("main returned");
-    } catch (const fuzz::Exit &) {
+    } catch (const fakes::Exit &) {
+        for (const std::string &line : fakes::journal().take())
+            fakes::journal().add(line.substr(0, line.find('\n'))); // without a record's location
         fuzz::compare();
     }
     if (fakes::eventLoop().exitRequested != exits)
         fuzz::wrong("a signal, and only a signal, ends the loop");
     return 0;
-}
 }

@@ -2,53 +2,23 @@
 /// announcements meet the records that earlier ones made; links go, come anew and are renamed, and
 /// memory runs out.
 
+#include "fakes/memory.h"
 #include "tracker.h"
 
-#include <linux/rtnetlink.h>
-#include <sys/socket.h>
-
-using fuzz::AddressBytes;
-using fuzz::kernel;
+using fuzz::due;
 
 namespace {
 
-template <typename T>
-std::string bytesOf(const T &value)
-{
-    std::string bytes(sizeof value, '\0');
-    memcpy(bytes.data(), &value, sizeof value);
-    return bytes;
-}
-
-std::string attribute(uint16_t type, const std::string &data)
-{
-    const rtattr header = {static_cast<uint16_t>(sizeof header + data.size()), type};
-    return bytesOf(header) + data;
-}
-
-std::string message(uint16_t type, const std::string &payload)
-{
-    nlmsghdr header = {};
-    header.nlmsg_len = static_cast<uint32_t>(sizeof header + payload.size());
-    header.nlmsg_type = type;
-    return bytesOf(header) + payload;
-}
-
 /// One of a few addresses; two of them differ only past the first 4 bytes.
-AddressBytes address(unsigned which)
+Bytes hostOf(unsigned which)
 {
-    AddressBytes result = {};
+    Bytes result(16);
     result[which & 1 ? 0 : 15] = static_cast<uint8_t>(which & 2 ? 0x20 : 0);
     result[3] = static_cast<uint8_t>(which & 4);
     return result;
 }
 
-std::string textOf(const AddressBytes &bytes)
-{
-    return {bytes.begin(), bytes.end()};
-}
-
-uint8_t family(unsigned which)
+uint8_t familyOf(unsigned which)
 {
     constexpr uint8_t families[] = {AF_INET6, AF_INET, AF_INET6, AF_UNSPEC};
     return families[which % 4];
@@ -59,69 +29,64 @@ uint8_t family(unsigned which)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
     fuzz::Input input(bytes, size);
-    fuzz::Tables tables;
+    tracker::Tables tables(fuzz::expected());
     fuzz::startTracker();
-    std::string datagram;
+    auto &names = fakes::netlink().names;
     while (!input.empty()) {
         const uint8_t operation = input.byte();
         const uint8_t what = input.byte();
         const uint32_t ifindex = what % 8;
         const auto length = static_cast<uint8_t>(what >> 6);
         const bool add = (operation & 8) == 0;
-        kernel().memoryExhausted = operation >> 4 == 15;
+        const uint8_t family = familyOf(what >> 4);
+        Bytes datagram;
+        fakes::memory().exhausted = operation >> 4 == 15;
+        if ((operation & 7) != 7) {
+            due("getsockname fd=%d room=0", fuzz::netlinkFd);
+            due("recvmsg fd=%d flags=0", fuzz::netlinkFd);
+        }
         switch (operation & 7) {
         case 0:
         case 1:
         case 2: {
-            const uint8_t from = input.byte();
-            const AddressBytes host = address(from);
-            const uint8_t kind = family(what >> 4);
-            datagram += message(add ? RTM_NEWADDR : RTM_DELADDR,
-                                bytesOf(ifaddrmsg{kind, length, 0, RT_SCOPE_UNIVERSE, ifindex}) +
-                                    attribute(IFA_ADDRESS, textOf(host)));
+            const Bytes host = hostOf(input.byte());
+            datagram =
+                message(add ? RTM_NEWADDR : RTM_DELADDR,
+                        AddressHeader{ifindex, family, length} + attribute(IFA_ADDRESS, host));
             if (add)
-                tables.addAddress(ifindex, kind, host, length);
+                tables.insertAddress(ifindex, family, host, length);
             else
-                tables.removeAddress(ifindex, kind, host, length);
+                tables.removeAddress(ifindex, family, host, length);
             break;
         }
         case 3:
         case 4:
         case 5: {
             const uint8_t from = input.byte();
-            const fuzz::Destination to = {(from & 64) != 0, address(from)};
-            const AddressBytes gateway = address(from >> 3);
-            const uint8_t kind = family(what >> 4);
-            datagram += message(add ? RTM_NEWROUTE : RTM_DELROUTE,
-                                bytesOf(rtmsg{kind, length, 0, 0, RT_TABLE_MAIN, RTPROT_KERNEL,
-                                              RT_SCOPE_UNIVERSE, RTN_UNICAST, 0}) +
-                                    (to.present ? attribute(RTA_DST, textOf(to.bytes)) : "") +
-                                    attribute(RTA_GATEWAY, textOf(gateway)) +
-                                    attribute(RTA_OIF, bytesOf(ifindex)));
+            const Bytes to = from & 64 ? hostOf(from) : Bytes{};
+            const Bytes gateway = hostOf(from >> 3);
+            datagram =
+                message(add ? RTM_NEWROUTE : RTM_DELROUTE,
+                        RouteHeader{family, length} + (to.empty() ? to : attribute(RTA_DST, to)) +
+                            attribute(RTA_GATEWAY, gateway) + attribute(RTA_OIF, ifindex));
             if (add)
-                tables.addRoute(ifindex, kind, to, length, gateway);
+                tables.insertRoute(ifindex, family, to, length, gateway);
             else
-                tables.removeRoute(ifindex, kind, to, length, gateway);
+                tables.removeRoute(ifindex, family, to, length, gateway);
             break;
         }
-        case 6: {
-            ifinfomsg link = {};
-            link.ifi_index = static_cast<int>(ifindex);
-            datagram += message(RTM_DELLINK, bytesOf(link));
-            tables.removeLink(ifindex);
+        case 6:
+            datagram = message(RTM_DELLINK, linkHeader(static_cast<int>(ifindex)));
+            tables.deleteLink(ifindex);
             break;
-        }
         default:
-            kernel().names[ifindex] = kernel().names[what >> 4];
-            break;
+            names[ifindex] = names[what >> 4];
+            continue;
         }
-        kernel().datagram = datagram;
-        if (!datagram.empty())
-            fuzz::receive();
-        datagram.clear();
+        fuzz::receive({datagram});
         fuzz::compare();
+        if (!tables.agree())
+            fuzz::wrong("the tables differ");
     }
-    tables.compare();
-    fuzz::stopTracker();
     return 0;
 }

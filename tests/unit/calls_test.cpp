@@ -17,13 +17,12 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdarg>
 #include <fcntl.h>
 #include <functional>
 #include <string>
 #include <sys/socket.h>
 
-extern "C" int __real_main(int argc, char **argv);
+extern "C" int daemon_main(int argc, char **argv);
 
 namespace {
 
@@ -34,6 +33,7 @@ using fakes::journal;
 using fakes::Lines;
 using fakes::netlink;
 using fakes::operator+;
+using fakes::text;
 using ::operator+;
 
 constexpr int netlinkFd = 7;
@@ -52,18 +52,6 @@ enum Event {
     displayPipe,
     buttonTimer
 };
-
-std::string text(const char *format, ...) __attribute__((format(printf, 1, 2)));
-
-std::string text(const char *format, ...)
-{
-    char result[300];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(result, sizeof result, format, arguments);
-    va_end(arguments);
-    return result;
-}
 
 /// What happened since the last take, with N for the line in a log record's location.
 Lines take()
@@ -170,6 +158,7 @@ protected:
     {
         files().content[gpioPath] = "";
         netlink().names = {{3, "br0"}, {5, "nas0_0"}};
+        journal().detailed = true;
     }
 
     /// Runs main until it exits, with the loop doing this.
@@ -179,7 +168,7 @@ protected:
         char option[] = "-d";
         char *arguments[] = {name, detached ? option : nullptr, nullptr};
         eventLoop().duringDispatch = loop;
-        EXPECT_THROW(__real_main(detached ? 2 : 1, arguments), fakes::Exit);
+        EXPECT_THROW(daemon_main(detached ? 2 : 1, arguments), fakes::Exit);
     }
 
     /// Starts the daemon, draws its first tick, and then has the loop do this.

@@ -42,14 +42,10 @@ inline std::string switched(int from, int to)
                                          std::to_string(to) + "\n");
 }
 
-/// The six writes of a pattern as they stand in the journal.
+/// A pattern as it stands in the journal.
 inline Lines drawn(const std::string &pattern)
 {
-    static constexpr const char *gpios[] = {"6", "7", "8", "2", "3", "4"};
-    Lines lines;
-    for (size_t led = 0; led < 6; led++)
-        lines.push_back(std::string("platform_ledSet ") + gpios[led] + ' ' + pattern[led]);
-    return lines;
+    return {"leds " + pattern};
 }
 
 inline Lines armed(int interval)

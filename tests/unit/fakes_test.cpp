@@ -3,12 +3,17 @@
 #include "fakes/event_loop.h"
 #include "fakes/files.h"
 #include "fakes/journal.h"
-#include "fakes/process.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <unistd.h>
+#include <sys/types.h>
+
+extern "C" {
+int fake_open(const char *path, int flags, ...);
+ssize_t fake_read(int fd, void *buffer, size_t size);
+int fake_close(int fd);
+}
 
 namespace {
 
@@ -43,19 +48,7 @@ protected:
     Loop() { event_init(); }
 };
 
-/// Each death takes place in a process of its own, which needs a fork(2) that forks.
-class Death : public testing::Test {
-protected:
-    Death() { fakes::process().forkResult.reset(); }
-};
-
-class LoopDeathTest : public Death {
-protected:
-    LoopDeathTest() { event_init(); }
-};
-
-using LoopWithoutBaseDeathTest = Death;
-using FilesDeathTest = Death;
+using LoopDeathTest = Loop;
 
 TEST_F(Loop, RunsAPersistentTimerEveryInterval)
 {
@@ -115,7 +108,7 @@ TEST_F(LoopDeathTest, EndsOnEventsThatWereNotSet)
     EXPECT_DEATH(event_active(&timer, 0, 0), "before event_set");
 }
 
-TEST_F(LoopWithoutBaseDeathTest, EndsOnAnEventSetBeforeTheBase)
+TEST(LoopWithoutBaseDeathTest, EndsOnAnEventSetBeforeTheBase)
 {
     EXPECT_DEATH(event_set(&timer, -1, 0, called, first), "before event_init");
 }
@@ -164,15 +157,15 @@ TEST_F(LoopDeathTest, EndsWhereNobodyWaits)
     EXPECT_DEATH(eventLoop().raise(15), "no event waits");
 }
 
-TEST_F(FilesDeathTest, EndOnAClosedDescriptor)
+TEST(FilesDeathTest, EndOnAClosedDescriptor)
 {
     fakes::files().content["/var/run/kelo-monitord.display"] = "";
-    const int fd = open("/var/run/kelo-monitord.display", O_RDONLY);
+    const int fd = fake_open("/var/run/kelo-monitord.display", O_RDONLY);
     EXPECT_EQ(fd, fakes::firstDescriptor);
-    close(fd);
+    fake_close(fd);
     char byte = 0;
-    EXPECT_DEATH(close(fd), "closed descriptor");
-    EXPECT_DEATH(static_cast<void>(read(fd, &byte, 1)), "closed descriptor");
+    EXPECT_DEATH(fake_close(fd), "closed descriptor");
+    EXPECT_DEATH(static_cast<void>(fake_read(fd, &byte, 1)), "closed descriptor");
 }
 
 } // namespace

@@ -5,12 +5,11 @@
 
 #include "ipinfo.h"
 
-#include "datagram.h"
-#include "fakes/board.h"
 #include "fakes/event_loop.h"
 #include "fakes/journal.h"
 #include "fakes/memory.h"
 #include "fakes/netlink.h"
+#include "tables.h"
 
 #include <gtest/gtest.h>
 
@@ -20,82 +19,12 @@ namespace tracker {
 
 using fakes::eventLoop;
 using fakes::journal;
-using fakes::Lines;
 using fakes::operator+;
 using ::operator+;
 using fakes::memory;
 using fakes::netlink;
 
 constexpr int netlinkFd = 7;
-
-inline std::string logged(const std::string &function, const std::string &text)
-{
-    return "log ipinfo.cpp " + function + ": " + text;
-}
-
-inline std::string quoted(const std::string &text)
-{
-    return '"' + text + '"';
-}
-
-/// What inet_ntop makes of an address, empty for none.
-inline std::string textOf(uint8_t family, const Bytes &bytes)
-{
-    char text[INET6_ADDRSTRLEN] = {};
-    if (!bytes.empty())
-        inet_ntop(family, bytes.data(), text, sizeof text);
-    return text;
-}
-
-inline std::string familyWord(uint8_t family)
-{
-    return family == AF_INET ? "IPv4" : "IPv6";
-}
-
-inline std::string onInterface(const std::string &name, uint32_t ifindex)
-{
-    return " on " + name + '(' + std::to_string(static_cast<int32_t>(ifindex)) + ')';
-}
-
-inline std::string loggedAddress(const std::string &action, uint8_t family, const Bytes &address,
-                                 int prefixlen, const std::string &name, uint32_t ifindex)
-{
-    return logged("ipaddr_log", action + ' ' + familyWord(family) + " address " +
-                                    textOf(family, address) + '/' + std::to_string(prefixlen) +
-                                    onInterface(name, ifindex));
-}
-
-inline std::string publishedAddress(int add, const std::string &name, uint8_t family,
-                                    const Bytes &address, int prefixlen)
-{
-    return "platform_ipinfo_ip " + std::to_string(add) + ' ' + quoted(name) + ' ' +
-           std::to_string(family) + ' ' + fakes::addressDigits(family, address.data()) + ' ' +
-           quoted(textOf(family, address)) + '/' + std::to_string(prefixlen);
-}
-
-/// An empty destination is that of a default route.
-inline std::string loggedRoute(const std::string &action, uint8_t family, const Bytes &dst,
-                               int dst_len, const Bytes &gw, const std::string &name,
-                               uint32_t ifindex)
-{
-    const std::string to = dst.empty()
-                               ? " default route"
-                               : " route " + textOf(family, dst) + '/' + std::to_string(dst_len);
-    return logged("route_log", action + ' ' + familyWord(family) + to + " via " +
-                                   textOf(family, gw) + onInterface(name, ifindex));
-}
-
-/// An empty destination is passed as null.
-inline std::string publishedRoute(int add, const std::string &name, uint8_t family,
-                                  const Bytes &dst, const std::string &dstText, int dst_len,
-                                  const Bytes &gw)
-{
-    return "platform_ipinfo_route " + std::to_string(add) + ' ' + quoted(name) + ' ' +
-           std::to_string(family) + ' ' +
-           fakes::addressDigits(family, dst.empty() ? nullptr : dst.data()) + ' ' +
-           quoted(dstText) + '/' + std::to_string(dst_len) + " via " +
-           fakes::addressDigits(family, gw.data()) + ' ' + quoted(textOf(family, gw));
-}
 
 inline const Bytes hostA = address("2001:db8::1");
 inline const Bytes hostB = address("2001:db8::2");
@@ -179,7 +108,6 @@ protected:
         event_init();
         ipinfo_register();
         netlink().names = {{3, "br0"}, {5, "nas0"}};
-        recordsBefore_ = memory().live;
         journal().take();
     }
 
@@ -197,10 +125,7 @@ protected:
         return journal().take({"log", "platform_ipinfo_ip", "platform_ipinfo_route"});
     }
 
-    size_t records() const { return memory().live - recordsBefore_; }
-
-private:
-    size_t recordsBefore_;
+    static size_t records() { return memory().live.size(); }
 };
 
 } // namespace tracker

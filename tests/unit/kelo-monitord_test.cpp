@@ -17,33 +17,7 @@
 #include <unistd.h>
 #include <vector>
 
-// The subsystems that main registers; what they return does not matter to it.
-extern "C" {
-
-int netinfo_register()
-{
-    fakes::note("netinfo_register");
-    return -1;
-}
-
-void ipinfo_register()
-{
-    fakes::note("ipinfo_register");
-}
-
-void display_register()
-{
-    fakes::note("display_register");
-}
-
-int input_register()
-{
-    fakes::note("input_register");
-    return -1;
-}
-
-int __real_main(int argc, char **argv);
-}
+extern "C" int daemon_main(int argc, char **argv);
 
 namespace {
 
@@ -178,7 +152,7 @@ int runMain(std::vector<std::string> arguments)
     argv.push_back(nullptr);
     optind = 0; // getopt starts afresh
     try {
-        __real_main(static_cast<int>(arguments.size()), argv.data());
+        daemon_main(static_cast<int>(arguments.size()), argv.data());
     } catch (const fakes::Exit &exit) {
         return exit.status;
     }

@@ -5,7 +5,6 @@
 #include "fakes/event_loop.h"
 #include "fakes/files.h"
 #include "fakes/journal.h"
-#include "fakes/log.h"
 #include "fakes/vendor.h"
 
 #include <gtest/gtest.h>
@@ -224,7 +223,7 @@ TEST_F(Snapshot, StaysUnchangedWhenTheRenameFails)
     vendor().ports[1] = {4, 6}; // the leftover is emptied first
     nextSnapshot();
     EXPECT_EQ(files().content[temporary], lineOf("lan1", 1, 2, 4, 6));
-    EXPECT_EQ(fakes::logRecords().size(), 0U);
+    EXPECT_EQ(journal().take({"log"}).size(), 0U);
 }
 
 TEST_F(Snapshot, IgnoresFailedWriteAndClose)

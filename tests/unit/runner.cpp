@@ -9,9 +9,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern "C" pid_t __real_fork();
-extern "C" [[noreturn]] void __real__exit(int status);
-
 namespace {
 
 constexpr char self[] = "/proc/self/exe";
@@ -19,11 +16,11 @@ constexpr char self[] = "/proc/self/exe";
 bool passesAlone(const std::string &name)
 {
     fflush(nullptr);
-    const pid_t child = __real_fork();
+    const pid_t child = fork();
     if (child == 0) {
         const std::string filter = "--gtest_filter=" + name;
         execl(self, self, filter.c_str(), "--gtest_brief=1", nullptr);
-        __real__exit(127);
+        _exit(127);
     }
     int status = -1;
     waitpid(child, &status, 0);
@@ -49,13 +46,13 @@ class OneProcessPerTest : public testing::EmptyTestEventListener {
         }
         printf("%d tests, %d failed\n", program.test_to_run_count(), failed);
         fflush(nullptr);
-        __real__exit(failed == 0 ? 0 : 1);
+        _exit(failed == 0 ? 0 : 1);
     }
 };
 
 } // namespace
 
-extern "C" int __wrap_main(int argc, char **argv)
+int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
     testing::UnitTest::GetInstance()->listeners().Append(new OneProcessPerTest);

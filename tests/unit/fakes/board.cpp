@@ -3,25 +3,24 @@
 #include "journal.h"
 #include "platform.h"
 
-#include <cstdio>
 #include <netinet/in.h>
 #include <utility>
 
 using fakes::addressDigits;
 using fakes::board;
+using fakes::misuse;
 using fakes::note;
 
 namespace {
 
-struct LedWrite {
-    uint8_t gpio;
-    uint8_t on;
-};
+constexpr uint8_t order[] = {6, 7, 8, 2, 3, 4};
 
-std::vector<LedWrite> &ledWrites()
+std::string begun; // the flags of a pattern that is not whole yet
+
+std::vector<std::string> &patterns()
 {
-    static auto &writes = *new std::vector<LedWrite>; // outlives every other static object
-    return writes;
+    static auto &drawn = *new std::vector<std::string>; // outlives every other static object
+    return drawn;
 }
 
 } // namespace
@@ -34,19 +33,9 @@ fakes::Board &fakes::board()
 
 std::vector<std::string> fakes::takePatterns()
 {
-    static constexpr uint8_t order[] = {6, 7, 8, 2, 3, 4};
-    std::vector<std::string> patterns;
-    std::string pattern;
-    for (const LedWrite &write : std::exchange(ledWrites(), {})) {
-        if (write.gpio != order[pattern.size()] || write.on > 1)
-            return {"disorder"};
-        pattern += write.on ? '1' : '0';
-        if (pattern.size() == sizeof order)
-            patterns.push_back(std::exchange(pattern, ""));
-    }
-    if (!pattern.empty())
-        return {"disorder"};
-    return patterns;
+    if (!begun.empty())
+        misuse("a pattern that ends halfway");
+    return std::exchange(patterns(), {});
 }
 
 std::string fakes::addressDigits(uint8_t family, const void *address)
@@ -54,19 +43,25 @@ std::string fakes::addressDigits(uint8_t family, const void *address)
     if (!address)
         return "null";
     std::string digits;
+    digits.reserve(32);
     for (size_t i = 0; i < (family == AF_INET ? 4 : 16); i++) {
-        char pair[3];
-        snprintf(pair, sizeof pair, "%02x", static_cast<const uint8_t *>(address)[i]);
-        digits += pair;
+        constexpr char hexadecimal[] = "0123456789abcdef";
+        const uint8_t byte = static_cast<const uint8_t *>(address)[i];
+        digits += hexadecimal[byte >> 4];
+        digits += hexadecimal[byte & 15];
     }
     return digits;
 }
 
 int platform_ledSet(uint8_t gpio, uint8_t on)
 {
-    note("platform_ledSet %d %d", gpio, on);
-    if (fakes::journal().recording)
-        ledWrites().push_back({gpio, on});
+    if (gpio != order[begun.size()] || on > 1)
+        misuse("the LEDs are written in another order");
+    begun += on ? '1' : '0';
+    if (begun.size() == sizeof order) {
+        note("leds %s", begun.c_str());
+        patterns().push_back(std::exchange(begun, ""));
+    }
     return 0;
 }
 
@@ -91,8 +86,7 @@ uint8_t platform_isGponUp()
 int platform_getLaserRxPowerLevel(float rxPower)
 {
     note("platform_getLaserRxPowerLevel");
-    if (fakes::journal().recording)
-        board().classified.push_back(rxPower);
+    board().classified.push_back(rxPower);
     return board().level;
 }
 

@@ -19,8 +19,8 @@ struct Board {
 Board &board();
 
 /// What the front panel was made to show since the last call: one text of six flags, GPIO 6, 7, 8,
-/// 2, 3 and 4 from left to right, for each time that all six were written in this order, and
-/// "disorder" for anything else.
+/// 2, 3 and 4 from left to right, for each time that all six were written in this order. Another
+/// order is misuse. The journal has each pattern as one line.
 std::vector<std::string> takePatterns();
 
 /// The bytes of an address as hexadecimal digits: 4 for AF_INET, otherwise 16; "null" for none.

@@ -12,6 +12,18 @@ namespace {
 constexpr short allowedFlags = EV_SIGNAL | EV_READ | EV_PERSIST;
 constexpr int lastSignal = 64;
 
+/// The number of something that was or was not seen before, from 1 on.
+template <typename T>
+size_t number(T thing)
+{
+    static std::vector<T> seen;
+    const auto found = std::ranges::find(seen, thing);
+    const auto index = static_cast<size_t>(found - seen.begin());
+    if (found == seen.end())
+        seen.push_back(thing);
+    return index + 1;
+}
+
 EventLoop::Time toTime(const timeval &value)
 {
     return std::chrono::seconds(value.tv_sec) + EventLoop::Time(value.tv_usec);
@@ -27,6 +39,17 @@ bool fits(int fd, short flags)
 }
 
 } // namespace
+
+std::string EventLoop::nameOf(const event *address, const void *argument) const
+{
+    if (!argument)
+        return "null";
+    if (argument == address)
+        return "itself";
+    if (argument == this)
+        return "base";
+    return std::to_string(reinterpret_cast<uintptr_t>(argument));
+}
 
 event_base *EventLoop::base()
 {
@@ -52,7 +75,11 @@ event_base *EventLoop::init()
 
 void EventLoop::set(event *address, int fd, short flags, event_callback_fn callback, void *argument)
 {
-    note("event_set fd=%d flags=0x%x", fd, static_cast<unsigned>(flags));
+    if (journal().detailed)
+        note("event_set %zu fd=%d flags=0x%x callback=%zu argument=%s", number(address), fd,
+             static_cast<unsigned>(flags), number(callback), nameOf(address, argument).c_str());
+    else
+        note("event_set fd=%d flags=0x%x", fd, static_cast<unsigned>(flags));
     if (!initialised_)
         misuse("event_set before event_init");
     if (!callback || (flags & ~allowedFlags) || !fits(fd, flags))
@@ -71,7 +98,12 @@ int EventLoop::add(event *address, const timeval *timeout)
     std::string what = "fd=" + std::to_string(watch.fd);
     if (timeout)
         what += " every " + std::to_string(toTime(*timeout).count()) + "us";
-    note("event_add %s", what.c_str());
+    if (!journal().detailed)
+        note("event_add %s", what.c_str());
+    else if (timeout)
+        note("event_add %zu %ld.%06ld", number(address), timeout->tv_sec, timeout->tv_usec);
+    else
+        note("event_add %zu", number(address));
     if (fails("event_add", what))
         return -1;
     if (addResult != 0)
@@ -88,7 +120,10 @@ int EventLoop::add(event *address, const timeval *timeout)
 int EventLoop::del(event *address)
 {
     Watch &watch = known(address);
-    note("event_del fd=%d", watch.fd);
+    if (journal().detailed)
+        note("event_del %zu", number(address));
+    else
+        note("event_del fd=%d", watch.fd);
     watch.pending = false;
     watch.active = false;
     watch.interval.reset();
@@ -98,7 +133,10 @@ int EventLoop::del(event *address)
 void EventLoop::activate(event *address, int result, short calls)
 {
     Watch &watch = known(address);
-    note("event_active fd=%d result=%d calls=%d", watch.fd, result, calls);
+    if (journal().detailed)
+        note("event_active %zu %d %d", number(address), result, calls);
+    else
+        note("event_active fd=%d result=%d calls=%d", watch.fd, result, calls);
     if (watch.active)
         return;
     watch.active = true;
@@ -106,9 +144,11 @@ void EventLoop::activate(event *address, int result, short calls)
     watch.order = order_++;
 }
 
-int EventLoop::initialized(const event *address) const
+int EventLoop::initialized(event *address) const
 {
-    return watches_.contains(address);
+    const int result = watches_.contains(address);
+    detail("event_initialized %zu = %d", number(address), result);
+    return result;
 }
 
 int EventLoop::dispatch(event_base *given)
@@ -268,7 +308,7 @@ void event_active(event *ev, int res, short ncalls)
 
 int event_initialized(const event *ev)
 {
-    return eventLoop().initialized(ev);
+    return eventLoop().initialized(const_cast<event *>(ev));
 }
 
 int event_base_dispatch(event_base *base)

@@ -1,6 +1,8 @@
 /// A stand-in for the eight legacy libevent calls that the daemon makes, with a virtual clock: time
 /// passes only while a test lets the loop run, and thirty seconds of a pattern take no time.
 ///
+/// A detailed journal numbers events and callbacks in the order in which they appear.
+///
 /// It aborts on misuse: an event set before event_init or while it is pending, added, activated or
 /// deleted before it was set, watching what its flags do not fit, or changed behind the loop's
 /// back.
@@ -14,6 +16,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <string>
 
 namespace fakes {
 
@@ -68,12 +71,13 @@ public:
     int add(event *address, const timeval *timeout);
     int del(event *address);
     void activate(event *address, int result, short calls);
-    int initialized(const event *address) const;
+    int initialized(event *address) const;
     int dispatch(event_base *given);
     int loopExit(event_base *given, const timeval *delay);
 
 private:
     event_base *base();
+    std::string nameOf(const event *address, const void *argument) const;
     Watch &known(event *address);
     Watch *firstActive();
     Watch *nextTimer(Time end);

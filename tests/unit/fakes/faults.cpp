@@ -12,11 +12,11 @@ ChooseFailure &chooseFailure()
     return instance;
 }
 
-bool fails(const char *call, const std::string &object)
+bool fails(const char *call, std::string_view object)
 {
-    if (!chooseFailure() || !chooseFailure()(call, object))
+    if (!chooseFailure() || !chooseFailure()(call, std::string(object)))
         return false;
-    note("failed %s %s", call, object.c_str());
+    note("failed %s %s", call, std::string(object).c_str());
     errno = EIO;
     return true;
 }

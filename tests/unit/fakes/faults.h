@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 namespace fakes {
 
@@ -15,6 +16,6 @@ using ChooseFailure = std::function<bool(const std::string &call, const std::str
 ChooseFailure &chooseFailure();
 
 /// Whether this call is to fail; errno is EIO then, and the journal has "failed CALL OBJECT".
-bool fails(const char *call, const std::string &object = "");
+bool fails(const char *call, std::string_view object = "");
 
 } // namespace fakes

@@ -11,35 +11,24 @@
 #include <string_view>
 #include <sys/types.h>
 
+using fakes::detail;
 using fakes::files;
-using fakes::firstDescriptor;
 using fakes::misuse;
 using fakes::note;
 
 namespace {
 
-std::map<int, std::string> &descriptors()
-{
-    static auto &paths = *new std::map<int, std::string>; // outlives every other static object
-    return paths;
-}
-
 /// The path behind a descriptor, or the descriptor itself.
 std::string nameOf(int fd)
 {
-    const auto found = descriptors().find(fd);
-    return found == descriptors().end() ? std::to_string(fd) : found->second;
+    const auto found = files().descriptors.find(fd);
+    return found == files().descriptors.end() ? std::to_string(fd) : found->second;
 }
 
-bool isForeign(int fd)
+void onOurs(std::string_view path)
 {
-    return fd < firstDescriptor && !descriptors().contains(fd);
-}
-
-bool isOurs(const char *path)
-{
-    const std::string_view name = path;
-    return name.starts_with("/proc/tc3162/") || name.starts_with("/var/run/kelo-monitord");
+    if (!path.starts_with("/proc/tc3162/") && !path.starts_with("/var/run/kelo-monitord"))
+        misuse("a file that is none of the daemon's");
 }
 
 /// The result of a call that fails with `error`, or succeeds where that is 0.
@@ -54,6 +43,14 @@ int errorOf(const std::map<std::string, int> &errors, const std::string &path)
 {
     const auto found = errors.find(path);
     return found == errors.end() ? 0 : found->second;
+}
+
+FILE *openStream;
+
+void onOpenStream(FILE *stream)
+{
+    if (!stream || stream != openStream)
+        misuse("a stream that is not open");
 }
 
 /// Why a file cannot be opened, 0 when it was.
@@ -71,7 +68,7 @@ int openError(const std::string &path, bool anew)
 
 void append(const std::string &path, const char *bytes, size_t size)
 {
-    note("write %s: %.*s", path.c_str(), static_cast<int>(size), bytes);
+    note("write %s: %s", path.c_str(), std::string(bytes, size).c_str());
     if (!files().writesFail)
         files().content[path].append(bytes, size);
 }
@@ -120,40 +117,20 @@ fakes::Files &fakes::files()
 
 extern "C" {
 
-int __real_open(const char *path, int flags, ...);
-ssize_t __real_read(int fd, void *buffer, size_t size);
-int __real_close(int fd);
-FILE *__real_fopen(const char *path, const char *mode);
-int __real_unlink(const char *path);
-int __real_mkfifo(const char *path, mode_t mode);
-int __real_rename(const char *from, const char *to);
-
-int __wrap_open(const char *path, int flags, ...)
+int fake_open(const char *path, int flags, ...)
 {
-    if (!isOurs(path)) {
-        va_list arguments;
-        va_start(arguments, flags);
-        const mode_t mode = flags & O_CREAT ? va_arg(arguments, mode_t) : 0;
-        va_end(arguments);
-        return __real_open(path, flags, mode);
-    }
+    onOurs(path);
     note("open %s 0x%x", path, static_cast<unsigned>(flags));
     if (fakes::fails("open", path) || result(openError(path, false)) != 0)
         return -1;
-    int fd = firstDescriptor;
-    while (descriptors().contains(fd))
-        fd++;
-    descriptors()[fd] = path;
-    return fd;
+    if (!files().descriptors.emplace(files().nextDescriptor, path).second)
+        misuse("open beside what is open already");
+    return files().nextDescriptor;
 }
 
-ssize_t __wrap_read(int fd, void *buffer, size_t size)
+ssize_t fake_read(int fd, void *buffer, size_t size)
 {
-    if (fd < 0)
-        misuse("read of a descriptor that was never opened");
-    if (isForeign(fd))
-        return __real_read(fd, buffer, size);
-    if (!descriptors().contains(fd))
+    if (!files().descriptors.contains(fd))
         misuse("read from a closed descriptor");
     note("read fd=%d size=%zu", fd, size);
     if (fakes::fails("read", nameOf(fd)))
@@ -171,38 +148,75 @@ ssize_t __wrap_read(int fd, void *buffer, size_t size)
     return static_cast<ssize_t>(length);
 }
 
-int __wrap_close(int fd)
+int fake_close(int fd)
 {
-    if (fd < 0)
-        misuse("close of a descriptor that was never opened");
-    if (fd > 2 && isForeign(fd))
-        return __real_close(fd);
     note("close %d", fd);
     // A descriptor is gone even where its close fails.
     const bool failure = fakes::fails("close", nameOf(fd));
-    if (descriptors().erase(fd) != 0)
+    if (files().descriptors.erase(fd) != 0)
         files().openCount--;
-    else if (fd > 2)
+    else if (fd < 0 || fd > 2)
         misuse("close of a closed descriptor");
     return failure || files().closeFails ? result(EIO) : 0;
 }
 
-FILE *__wrap_fopen(const char *path, const char *mode)
+FILE *fake_fopen(const char *path, const char *mode)
 {
-    if (!isOurs(path))
-        return __real_fopen(path, mode);
+    onOurs(path);
     note("fopen %s %s", path, mode);
     if (strcmp(mode, "r") != 0 && strcmp(mode, "w") != 0)
         misuse("fopen with another mode than r and w");
     if (fakes::fails("fopen", path) || result(openError(path, *mode == 'w')) != 0)
         return nullptr;
-    return fopencookie(new Stream{path, 0}, mode, {readStream, writeStream, nullptr, closeStream});
+    openStream =
+        fopencookie(new Stream{path, 0}, mode, {readStream, writeStream, nullptr, closeStream});
+    return openStream;
 }
 
-int __wrap_unlink(const char *path)
+int fake_setvbuf(FILE *stream, char *buffer, int mode, size_t size)
 {
-    if (!isOurs(path))
-        return __real_unlink(path);
+    onOpenStream(stream);
+    detail("setvbuf %s %zu", mode == _IOFBF ? "full" : "other", size);
+    return setvbuf(stream, buffer, mode, size);
+}
+
+int fake_fprintf(FILE *stream, const char *format, ...)
+{
+    onOpenStream(stream);
+    detail("fprintf \"%s\"", format);
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vfprintf(stream, format, arguments);
+    va_end(arguments);
+    return length;
+}
+
+int fake_fscanf(FILE *stream, const char *format, ...)
+{
+    onOpenStream(stream);
+    detail("fscanf \"%s\"", format);
+    va_list arguments;
+    va_start(arguments, format);
+    const int count = vfscanf(stream, format, arguments);
+    va_end(arguments);
+    return count;
+}
+
+// What glibc calls it in C++14 and in later standards.
+int fake___isoc99_fscanf(FILE *, const char *, ...) __attribute__((alias("fake_fscanf")));
+int fake___isoc23_fscanf(FILE *, const char *, ...) __attribute__((alias("fake_fscanf")));
+
+int fake_fclose(FILE *stream)
+{
+    onOpenStream(stream);
+    openStream = nullptr;
+    detail("fclose");
+    return fclose(stream);
+}
+
+int fake_unlink(const char *path)
+{
+    onOurs(path);
     note("unlink %s", path);
     if (fakes::fails("unlink", path))
         return -1;
@@ -211,10 +225,9 @@ int __wrap_unlink(const char *path)
     return result(files().content.erase(path) == 0 ? ENOENT : 0);
 }
 
-int __wrap_mkfifo(const char *path, mode_t mode)
+int fake_mkfifo(const char *path, mode_t mode)
 {
-    if (!isOurs(path))
-        return __real_mkfifo(path, mode);
+    onOurs(path);
     note("mkfifo %s %04o", path, mode);
     if (fakes::fails("mkfifo", path))
         return -1;
@@ -223,10 +236,10 @@ int __wrap_mkfifo(const char *path, mode_t mode)
     return result(files().content.emplace(path, "").second ? 0 : EEXIST);
 }
 
-int __wrap_rename(const char *from, const char *to)
+int fake_rename(const char *from, const char *to)
 {
-    if (!isOurs(from))
-        return __real_rename(from, to);
+    onOurs(from);
+    onOurs(to);
     note("rename %s %s", from, to);
     if (fakes::fails("rename", from))
         return -1;

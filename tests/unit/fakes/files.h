@@ -1,6 +1,6 @@
-/// The daemon's files and its pipe in memory: paths under /proc/tc3162 and /var/run/kelo-monitord
-/// never reach the file system, all others do. Every call is noted in the journal; what is written
-/// through stdio is noted when it reaches the file, not when it is printed.
+/// The daemon's files and its pipe in memory; another path than theirs is misuse, and so is a
+/// closed descriptor or stream. Every call is noted in the journal; what is written through stdio
+/// is noted when it reaches the file, not when it is printed.
 
 #pragma once
 
@@ -28,7 +28,9 @@ struct Files {
     bool writesFail = false;
     bool closeFails = false;
 
-    size_t openCount = 0; ///< descriptors and streams
+    std::map<int, std::string> descriptors; ///< that are open, with their paths
+    int nextDescriptor = firstDescriptor;   ///< what open(2) gives
+    size_t openCount = 0;                   ///< descriptors and streams
 };
 
 Files &files();

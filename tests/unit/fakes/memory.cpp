@@ -1,20 +1,23 @@
 #include "memory.h"
 
 #include "faults.h"
+#include "journal.h"
 
 #include <cerrno>
 #include <cstdlib>
-#include <set>
+#include <iterator>
 
-namespace {
+using fakes::detail;
+using fakes::memory;
 
-std::set<void *> &blocks()
+bool fakes::Memory::holds(const void *address) const
 {
-    static auto &instance = *new std::set<void *>; // outlives every other static object
-    return instance;
+    const auto behind = live.upper_bound(address);
+    if (behind == live.begin())
+        return false;
+    const auto &[start, size] = *std::prev(behind);
+    return address < static_cast<const char *>(start) + size;
 }
-
-} // namespace
 
 fakes::Memory &fakes::memory()
 {
@@ -24,26 +27,24 @@ fakes::Memory &fakes::memory()
 
 extern "C" {
 
-void *__real_calloc(size_t count, size_t size);
-void __real_free(void *block);
-
-void *__wrap_calloc(size_t count, size_t size)
+void *fake_calloc(size_t count, size_t size)
 {
-    if (fakes::fails("calloc") || fakes::memory().exhausted) {
+    detail("calloc %zu %zu", count, size);
+    if (fakes::fails("calloc") || memory().exhausted) {
         errno = ENOMEM;
         return nullptr;
     }
-    fakes::memory().lastSize = count * size;
-    void *const block = __real_calloc(count, size);
-    if (block && blocks().insert(block).second)
-        fakes::memory().live++;
+    memory().lastSize = count * size;
+    void *const block = calloc(count, size);
+    memory().live[block] = count * size;
     return block;
 }
 
-void __wrap_free(void *block)
+void fake_free(void *block)
 {
-    if (blocks().erase(block) != 0)
-        fakes::memory().live--;
-    __real_free(block);
+    detail("free");
+    if (memory().live.erase(block) == 0)
+        fakes::misuse("free of what was not allocated");
+    free(block);
 }
 }

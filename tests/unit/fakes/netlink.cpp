@@ -2,14 +2,17 @@
 
 #include "faults.h"
 #include "journal.h"
+#include "memory.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
 #include <linux/netlink.h>
 #include <net/if.h>
 #include <sys/socket.h>
 
+using fakes::detail;
 using fakes::misuse;
 using fakes::netlink;
 using fakes::note;
@@ -40,13 +43,13 @@ fakes::Netlink &fakes::netlink()
 
 extern "C" {
 
-int __wrap_socket(int domain, int type, int protocol)
+int fake_socket(int domain, int type, int protocol)
 {
     note("socket %d 0x%x %d", domain, static_cast<unsigned>(type), protocol);
     return fakes::fails("socket") ? -1 : given(netlink().socketResult);
 }
 
-int __wrap_setsockopt(int fd, int level, int option, const void *value, socklen_t length)
+int fake_setsockopt(int fd, int level, int option, const void *value, socklen_t length)
 {
     int number = 0;
     if (length != sizeof number)
@@ -56,7 +59,7 @@ int __wrap_setsockopt(int fd, int level, int option, const void *value, socklen_
     return fakes::fails("setsockopt") ? -1 : given(netlink().setsockoptResult);
 }
 
-int __wrap_bind(int fd, const sockaddr *address, socklen_t length)
+int fake_bind(int fd, const sockaddr *address, socklen_t length)
 {
     sockaddr_nl local = {};
     if (length != sizeof local)
@@ -67,7 +70,7 @@ int __wrap_bind(int fd, const sockaddr *address, socklen_t length)
     return fakes::fails("bind") ? -1 : given(netlink().bindResult);
 }
 
-int __wrap_getsockname(int fd, sockaddr *address, socklen_t *length)
+int fake_getsockname(int fd, sockaddr *address, socklen_t *length)
 {
     note("getsockname fd=%d room=%u", fd, *length);
     if (!isZero(address, 16))
@@ -78,7 +81,7 @@ int __wrap_getsockname(int fd, sockaddr *address, socklen_t *length)
     return given(netlink().getsocknameResult);
 }
 
-ssize_t __wrap_recvmsg(int fd, msghdr *message, int flags)
+ssize_t fake_recvmsg(int fd, msghdr *message, int flags)
 {
     note("recvmsg fd=%d flags=%d", fd, flags);
     if (message->msg_iovlen != 1 || message->msg_iov->iov_len != fakes::datagramRoom ||
@@ -112,8 +115,11 @@ ssize_t __wrap_recvmsg(int fd, msghdr *message, int flags)
     return static_cast<ssize_t>(length);
 }
 
-char *__wrap_if_indextoname(unsigned index, char *name)
+char *fake_if_indextoname(unsigned index, char *name)
 {
+    detail("if_indextoname %u", index);
+    if (!isZero(name, IF_NAMESIZE))
+        misuse("if_indextoname into an area that is not zeroed");
     const auto found = netlink().names.find(index);
     if (fakes::fails("if_indextoname", std::to_string(index)) || found == netlink().names.end()) {
         errno = ENXIO;
@@ -121,5 +127,15 @@ char *__wrap_if_indextoname(unsigned index, char *name)
     }
     strncpy(name, found->second.c_str(), IF_NAMESIZE - 1);
     return name;
+}
+
+const char *fake_inet_ntop(int family, const void *address, char *text, socklen_t size)
+{
+    if (!isZero(text, INET6_ADDRSTRLEN))
+        misuse("inet_ntop into an area that is not zeroed");
+    const char *const result = inet_ntop(family, address, text, size);
+    detail("inet_ntop %d %s %u \"%s\"", family,
+           fakes::memory().holds(address) ? "record" : "message", size, text);
+    return result;
 }
 }
