@@ -66,6 +66,12 @@ testing::AssertionResult has(const std::string &text, const std::string &part)
     return testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
 }
 
+/// Whether there is no such board: a command to a board can fail for other reasons, too.
+testing::AssertionResult isGone(const std::string &board)
+{
+    return has(kb({"-b", board, "leds"}).err, "no board named \"" + board + '"');
+}
+
 testing::AssertionResult within(std::chrono::seconds deadline,
                                 const std::function<bool()> &condition)
 {
@@ -435,7 +441,7 @@ TEST_F(OnBoard, SeveralBoardsAreDrivenByName)
     EXPECT_TRUE(has(kb({"ps"}).out, other));
 
     EXPECT_EQ(0, kb({"down", other}).status);
-    EXPECT_EQ(1, kb({"-b", other, "leds"}).status);
+    EXPECT_TRUE(isGone(other));
     succeeds({"leds"});
 }
 
@@ -447,6 +453,7 @@ TEST_F(OnBoard, DownLeavesNothing)
     EXPECT_TRUE(namespaceLives(link));
     EXPECT_EQ(0, kb({"down", name}).status);
     EXPECT_FALSE(namespaceLives(link));
+    EXPECT_TRUE(isGone(name));
     EXPECT_EQ(1, kb({"down", name}).status);
 }
 
@@ -461,7 +468,7 @@ TEST_F(OnBoard, ADetachedBoardThatIsKilledLeavesNothing)
     ASSERT_GT(pid, 0);
     kill(pid, SIGKILL);
     EXPECT_TRUE(within(20s, [&] { return !namespaceLives(link.substr(0, link.size() - 1)); }));
-    EXPECT_EQ(1, kb({"-b", detached, "leds"}).status);
+    EXPECT_TRUE(isGone(detached));
 }
 
 TEST_F(OnBoard, PrintsJsonForScripts)
@@ -649,10 +656,11 @@ TEST_F(OnBoard, ExpectNamesTheCycleThatItSawInstead)
                     "saw the LEDs below"));
     succeeds({"mode", "locateme"});
     succeeds({"expect", "mode", "locateme"});
-    const Outcome outcome = on({"expect", "--within", "500ms", "blink", "111000/000111"});
+    // Long enough for a whole cycle on a busy machine.
+    const Outcome outcome = on({"expect", "--within", "3s", "blink", "111000/000111"});
     EXPECT_EQ(1, outcome.status);
     const std::string saw = linesOf(outcome.err).at(0);
-    EXPECT_TRUE(has(saw, "expected blink 111000/000111 within 500ms, saw blink "));
+    EXPECT_TRUE(has(saw, "expected blink 111000/000111 within 3s, saw blink "));
     EXPECT_TRUE(has(saw, "111000/000000/000111") || has(saw, "000111/000000/111000")) << saw;
 }
 

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <span>
+#include <thread>
 
 /// Leaves a test out, with the reason, on a form of board that does not have something.
 #define NEEDS(ability)                                                                             \
@@ -173,8 +174,10 @@ protected:
         ASSERT_TRUE(logs("received \"" + command.substr(0, 127)));
         ASSERT_TRUE(logs("received len: 0\n"));
         const auto end = kelo::Clock::now() + deadline;
-        while (board.ask({"daemon"}).at(2) != "S")
+        while (board.ask({"daemon"}).at(2) != "S") {
             ASSERT_LT(kelo::Clock::now(), end);
+            std::this_thread::sleep_for(1ms);
+        }
     }
 
     /// How many events of a kind contain a text.
