@@ -9,6 +9,7 @@ import signal
 import socket
 import struct
 import subprocess
+import tempfile
 import time
 from pathlib import Path
 
@@ -96,16 +97,6 @@ class Program:
                 "private": found["Private_Clean"] + found["Private_Dirty"],
                 "private dirty": found["Private_Dirty"]}
 
-    def step(self):
-        """Lets a program on the virtual clock go on to its next stop."""
-        self.process.send_signal(signal.SIGCONT)
-        self.stopped()
-
-    def stopped(self):
-        pid, status = os.waitpid(self.pid, os.WUNTRACED)
-        if not os.WIFSTOPPED(status):
-            raise RuntimeError(f"{self.process.args} ended before its stop")
-
     def end(self, how=signal.SIGTERM):
         """Ends it; returns the CPU seconds of itself and of its children that it waited for."""
         self.process.send_signal(how)
@@ -114,6 +105,34 @@ class Program:
         if self.output:
             self.output.close()
         return usage.ru_utime + usage.ru_stime
+
+
+class TimedProgram(Program):
+    """A program on the virtual clock, which stops where it first waits."""
+
+    def __init__(self, command, clock, **environment):
+        name = tempfile.mkdtemp(dir="/run") + "/clock"
+        self.pipes = {}
+        for end in ("stopped", "go"):
+            os.mkfifo(f"{name}.{end}")
+            self.pipes[end] = os.open(f"{name}.{end}", os.O_RDWR)
+        super().__init__(command, LD_PRELOAD=str(clock), KELO_CLOCK=name, **environment)
+        self.wait_for_stop()
+
+    def wait_for_stop(self):
+        if not select.select([self.pipes["stopped"]], [], [], DEADLINE)[0]:
+            raise RuntimeError(f"{self.process.args} did not come to its stop")
+        os.read(self.pipes["stopped"], 1)
+
+    def live(self, seconds):
+        """Lets its clock go on for so long."""
+        os.write(self.pipes["go"], struct.pack("q", seconds * 1000000))
+        self.wait_for_stop()
+
+    def end(self, how=signal.SIGTERM):
+        for pipe in self.pipes.values():
+            os.close(pipe)
+        return super().end(how)
 
 
 # Netlink.

@@ -13,8 +13,9 @@ import time
 from pathlib import Path
 
 import report
-from lab import (GPIO, IGNORED, RTM_DELADDR, RTM_NEWADDR, WAN, Netlink, Program, address_message,
-                 calls_by_job, enter, link_message, netlink_backlog, profile, run, trace)
+from lab import (GPIO, IGNORED, RTM_DELADDR, RTM_NEWADDR, WAN, Netlink, Program, TimedProgram,
+                 address_message, calls_by_job, enter, link_message, netlink_backlog, profile, run,
+                 trace)
 
 build = Path(sys.argv[1]).resolve()
 output = Path(sys.argv[2]).resolve()
@@ -138,12 +139,11 @@ def profile_of(name, action):
 HOUR, HOURS, LIVES = 3600, 24, 15
 
 
-def on_virtual_clock(name, stops):
-    """A program that has run to the first of its stops, with what happens to the daemon there:
-    addresses come and go, and a display command."""
-    program = Program(commands[name], LD_PRELOAD=str(build / "bench/libbench_virtual_clock.so"),
-                      BENCH_STOPS=" ".join(map(str, stops)), **quiet)
-    program.stopped()
+def on_virtual_clock(name):
+    """A program after its first ten seconds, with what happens to the daemon there: addresses come
+    and go, and a display command."""
+    program = TimedProgram(commands[name], build / "bench/bench_clock.so", **quiet)
+    program.live(10)
     if name == "daemon":
         netlink = Netlink()
         for kind in (RTM_NEWADDR, RTM_DELADDR):
@@ -162,9 +162,9 @@ def measure_hour():
     sizes = {name: {"10 s": [], "an hour": []} for name in ("daemon", "event_floor", "empty")}
     for _ in range(LIVES):
         for name, lives in sizes.items():
-            program = on_virtual_clock(name, [10, HOUR])
+            program = on_virtual_clock(name)
             lives["10 s"].append(program.memory())
-            program.step()
+            program.live(HOUR - 10)
             lives["an hour"].append(program.memory())
             program.end(signal.SIGKILL)
     return {name: {when: {key: median(size[key] for size in found) for key in found[0]}
@@ -174,14 +174,13 @@ def measure_hour():
 def measure_day():
     """A day on the virtual clock, of which the programs do the hours in turns: their CPU, and
     whether the memory of the first hour is that of the last."""
-    stops = [10] + [hour * HOUR for hour in range(1, HOURS + 1)]
-    programs = {name: on_virtual_clock(name, stops) for name in ("event_floor", "daemon")}
+    programs = {name: on_virtual_clock(name) for name in ("event_floor", "daemon")}
     cpu = {name: [] for name in programs}
     memory = []
     for _ in range(HOURS):
         for name, program in programs.items():
             before = program.cpu()
-            program.step()
+            program.live(HOUR)
             cpu[name].append(program.cpu() - before)
         memory.append(programs["daemon"].memory()["private dirty"])
     for program in programs.values():

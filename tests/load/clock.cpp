@@ -2,9 +2,12 @@
 // would wait: a week passes as fast as its work can be done, and nothing is ever late. It is
 // preloaded; the program itself and libevent are the ones of every day.
 //
-// Now and then it stops the program. It says so by a byte into the pipe /board/clock.stopped and
-// waits in /board/clock.go for the microseconds until the next stop.
+// At the first wait it stops the program, and then as it is told. It says so by a byte into the
+// pipe KELO_CLOCK.stopped, named by the environment, and waits in the pipe KELO_CLOCK.go for the
+// microseconds until the next stop.
 
+#include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
@@ -26,11 +29,15 @@ int go = -1;
 
 [[gnu::constructor]] void open()
 {
-    unsetenv("LD_PRELOAD"); // what the program starts has the time of day
-    stopped = ::open("/board/clock.stopped", O_WRONLY | O_CLOEXEC);
-    go = ::open("/board/clock.go", O_RDONLY | O_CLOEXEC);
+    const char *const name = getenv("KELO_CLOCK");
+    char path[PATH_MAX];
+    snprintf(path, sizeof path, "%s.stopped", name);
+    stopped = ::open(path, O_WRONLY | O_CLOEXEC);
+    snprintf(path, sizeof path, "%s.go", name);
+    go = ::open(path, O_RDONLY | O_CLOEXEC);
     if (stopped < 0 || go < 0)
         abort();
+    unsetenv("LD_PRELOAD"); // what the program starts has the time of day
 }
 
 void stop()

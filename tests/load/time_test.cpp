@@ -75,8 +75,8 @@ protected:
         renames = kelo::Descriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
         // Both ends of a rename: equal events in a row would be reported as one.
         inotify_add_watch(renames.get(), board.path("/var/run").c_str(), IN_MOVE);
-        board.startBy(
-            {"/bin/busybox", "env", "LD_PRELOAD=/usr/lib/clock.so", "/usr/sbin/kelo-monitord"});
+        board.startBy({"/bin/busybox", "env", "LD_PRELOAD=/usr/lib/clock.so",
+                       "KELO_CLOCK=/board/clock", "/usr/sbin/kelo-monitord"});
         ASSERT_TRUE(waitForStop());
         frames = 0; // but for the ones of the start
     }
