@@ -15,10 +15,14 @@ constexpr auto OMCI = EventKind::Omci;
 
 class Order : public BoardTest {
 protected:
-    /// The events since the last command, once everything that it caused has happened.
-    std::vector<Event> after(const std::string &command)
+    /// The events since the last command, once everything that it caused has happened. The kernel
+    /// gives out a new IPv6 address when it comes to it: then there is a log record to wait for.
+    std::vector<Event> after(const std::string &command, const std::string &record = "")
     {
         ip(command);
+        if (!record.empty()) {
+            EXPECT_TRUE(logs(record));
+        }
         const size_t start = from;
         settle();
         std::vector<Event> result;
@@ -62,7 +66,7 @@ TEST_F(Order, AddressIsLoggedThenPublishedAndPublishedThenLoggedWhenItGoes)
 {
     start();
     fromNow();
-    EXPECT_TRUE(are(after("-6 addr add 2001:db8::1/64 dev nas0_0 nodad"),
+    EXPECT_TRUE(are(after("-6 addr add 2001:db8::1/64 dev nas0_0 nodad", "2001:db8::1"),
                     {{LOG, "New IPv6 address 2001:db8::1/64"},
                      {STORE, "wanAddress \"2001:db8::1\""},
                      {STORE, "wanAddressLen 64"},
@@ -91,8 +95,8 @@ TEST_F(Order, PurgeTellsOfTheLinkThenOfAddressesThenOfRoutes)
     // What leaves a bridge is reported like a deleted link, and keeps what the kernel would take
     // from that with reports of their own.
     after("link set ppp0 master br0");
-    after("-6 addr add 2001:db8::1/64 dev ppp0 nodad");
-    after("-6 addr add 2001:db8::2/64 dev ppp0 nodad");
+    after("-6 addr add 2001:db8::1/64 dev ppp0 nodad", "2001:db8::1");
+    after("-6 addr add 2001:db8::2/64 dev ppp0 nodad", "2001:db8::2");
     after("-6 route add 2001:db8:f::/48 via fe80::1 dev ppp0");
     EXPECT_TRUE(
         are(after("link set ppp0 nomaster"), {{LOG, "Removed interface ppp0("},
@@ -172,7 +176,7 @@ TEST_F(Order, StoreThatRefusesIsRecordedAsThat)
     board.remove("/board/store");
     board.put("/board/store", "");
     fromNow();
-    EXPECT_TRUE(are(after("-6 addr add 2001:db8::1/64 dev nas0_0 nodad"),
+    EXPECT_TRUE(are(after("-6 addr add 2001:db8::1/64 dev nas0_0 nodad", "2001:db8::1"),
                     {{LOG, "New IPv6 address 2001:db8::1/64"},
                      {STORE, "wanAddress \"2001:db8::1\" refused"},
                      {STORE, "wanAddressLen 64 refused"},
