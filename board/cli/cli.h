@@ -147,20 +147,6 @@ std::string unaskedText(const Event &exit, const std::vector<Event> &events);
 /// Says on standard error when a record is not kept from the board's start on.
 void sayRecordBegins(Clock::time_point start, Clock::time_point kept);
 
-/// What a function reads from a file. Throws Failure, with the file's name, when it cannot.
-template <class Saved>
-Saved readSaved(const std::string &path, Saved (*read)(std::istream &))
-{
-    std::ifstream file(path);
-    if (!file)
-        throw Failure("cannot read " + path + ": " + strerror(errno));
-    try {
-        return read(file);
-    } catch (const std::runtime_error &error) {
-        throw Failure(path + ": " + error.what());
-    }
-}
-
 /// Starts a board in a process and a session of its own, and returns once its daemon runs; without
 /// arguments for the daemon, it does not. A tied board ends with the descriptor that is returned.
 /// Throws Failure.

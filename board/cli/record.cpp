@@ -1,11 +1,12 @@
 #include "cli.h"
 
 #include "plot.h"
-#include "recording.h"
+#include "web/page.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 
@@ -25,18 +26,29 @@ struct PlotOptions {
     double to = -1;
 };
 
-/// What happened on a running board from its start until now.
-Recording recordingOf(const std::string &board)
-{
-    const Past past(board);
-    sayRecordBegins(past.start, past.from);
-    return makeRecording(past.events, Clock::now());
-}
+struct ReportOptions {
+    std::string file;
+    std::string output;
+};
 
-Recording savedRecording(const std::string &path)
+/// What a file tells, or what happened on a running board from its start until now.
+Record recordOf(const std::string &board, const std::string &path = "")
 {
-    const Record record = readSaved(path, readVcd);
-    return makeRecording(record.events, record.end, record.begin);
+    if (path.empty()) {
+        const Past past(board);
+        sayRecordBegins(past.start, past.from);
+        return {board, past.events, past.start, past.from, Clock::now()};
+    }
+    std::ifstream file(path);
+    if (!file)
+        throw Failure("cannot read " + path + ": " + strerror(errno));
+    try {
+        Record record = readRecord(file);
+        record.title = std::filesystem::path(path).stem();
+        return record;
+    } catch (const std::runtime_error &error) {
+        throw Failure(path + ": " + error.what());
+    }
 }
 
 volatile sig_atomic_t interrupted;
@@ -56,7 +68,8 @@ void record(const std::string &board, const RecordOptions &options)
     std::ostream &out = options.file == "-" ? std::cout : file;
     std::exception_ptr failure;
     if (options.length.empty()) {
-        out << toVcd(recordingOf(board));
+        const Record record = recordOf(board);
+        out << toVcd(makeRecording(record.events, record.end));
     } else {
         // Cut off, the recording has what there was.
         for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
@@ -85,8 +98,10 @@ void drawPlot(const std::string &board, const PlotOptions &options)
                          "\"");
     if (!(options.from >= 0) || (options.to >= 0 && options.to <= options.from))
         throw UsageError("a picture goes from 0 or later to later than that");
+    const Record record = recordOf(board, options.file);
     const Recording recording =
-        options.file.empty() ? recordingOf(board) : savedRecording(options.file);
+        makeRecording(record.events, record.end,
+                      options.file.empty() ? std::nullopt : std::optional(record.begin));
     const auto ticks = [&](double seconds) {
         const double tick = seconds * static_cast<double>(RecordingTick::period::den);
         return tick < static_cast<double>(recording.length) ? static_cast<int64_t>(tick)
@@ -97,6 +112,15 @@ void drawPlot(const std::string &board, const PlotOptions &options)
         throw Failure("the recording ends before that");
     savePicture(plot(recording, from, options.to < 0 ? recording.length : ticks(options.to)),
                 options.output);
+}
+
+void report(const std::string &board, const ReportOptions &options)
+{
+    const std::string page = makePage(recordOf(board, options.file));
+    if (options.output == "-")
+        std::cout << page << std::flush;
+    else
+        writeFile(options.output, page);
 }
 
 } // namespace
@@ -122,11 +146,26 @@ void addPlot(Cli &cli)
     CLI::App *const command =
         cli.add(lookGroup, "plot", "Draw a recording, or what happened on the board so far",
                 [&cli, options] { drawPlot(cli.board, *options); });
-    command->add_option("FILE", options->file, "Recording to draw; without it the running board");
+    command->add_option("FILE", options->file,
+                        "A VCD, or lines of events --json; else the running board");
     command->add_option("-o,--output", options->output, "Picture to write: .svg or .png")
         ->required();
     command->add_option("--from", options->from, "Second at which the picture starts");
     command->add_option("--to", options->to, "Second at which it ends");
+}
+
+void addReport(Cli &cli)
+{
+    const auto options = std::make_shared<ReportOptions>();
+    CLI::App *const command =
+        cli.add(lookGroup, "report", "Save what happened as a web page that plays it back",
+                [&cli, options] { report(cli.board, *options); });
+    command->add_option("FILE", options->file,
+                        "A VCD, or lines of events --json; else the running board");
+    command
+        ->add_option("-o,--output", options->output,
+                     "Page to write, such as run.html; - for standard output")
+        ->required();
 }
 
 } // namespace kelo

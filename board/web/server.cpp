@@ -15,7 +15,9 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <sys/random.h>
+#include <iomanip>
+#include <random>
+#include <sstream>
 
 namespace kelo {
 
@@ -34,16 +36,11 @@ constexpr const char *allowed[] = {"set",  "press",  "hold", "release", "mode", 
 
 std::string makeToken()
 {
-    unsigned char bytes[16];
-    if (getrandom(bytes, sizeof bytes, 0) != sizeof bytes)
-        throw std::runtime_error("no random numbers");
-    std::string token;
-    for (const unsigned char byte : bytes) {
-        char digits[3];
-        snprintf(digits, sizeof digits, "%02x", byte);
-        token += digits;
-    }
-    return token;
+    std::random_device random; // the kernel's, or the processor's
+    std::ostringstream token;
+    for (int i = 0; i < 4; i++)
+        token << std::hex << std::setw(8) << std::setfill('0') << random();
+    return token.str();
 }
 
 /// Takes as long whatever differs.

@@ -81,6 +81,9 @@ TEST_F(RecordCommand, SavesAndDrawsWhatHappened)
 
     done({"plot", file("a.vcd"), "-o", file("a.svg")});
     EXPECT_NE(std::string::npos, kelo::readFile(file("a.svg")).find("-26.5 dBm"));
+    kelo::writeFile(file("a.json"), kb({"events", "--json"}).output);
+    done({"plot", file("a.json"), "-o", file("a.svg")});
+    EXPECT_NE(std::string::npos, kelo::readFile(file("a.svg")).find(">signal</text>"));
     done({"plot", "-o", file("now.svg")}); // the running board
     EXPECT_NE(std::string::npos, kelo::readFile(file("now.svg")).find("-26.5 dBm"));
 }

@@ -23,24 +23,13 @@ protected:
         start();
     }
 
-    /// Lifetimes that a test can wait for.
-    static Provider brief(const std::string &link = "nas0_0", const std::string &of = prefix)
-    {
-        Provider provider;
-        provider.link = link;
-        provider.prefixes = {of};
-        provider.preferred = 2;
-        provider.valid = 4;
-        return provider;
-    }
-
     static Provider lasting(const std::string &link = "nas0_0", const std::string &of = prefix)
     {
-        Provider provider;
-        provider.link = link;
-        provider.prefixes = {of};
-        return provider;
+        return {link, {of}};
     }
+
+    /// Lifetimes that a test can wait for.
+    static Provider brief(const std::string &link = "nas0_0") { return {link, {prefix}, 2, 4}; }
 
     void provide(const Provider &provider) { kelo::startProvider(board, provider); }
 
@@ -60,6 +49,18 @@ protected:
     std::string addresses(const std::string &link)
     {
         return board.exec({"ip", "-6", "addr", "show", "dev", link}).output;
+    }
+
+    /// Waits until a link's addresses have a text in them, or no more.
+    testing::AssertionResult shows(const std::string &link, const std::string &text,
+                                   bool wanted = true)
+    {
+        const auto end = kelo::Clock::now() + deadline;
+        while ((addresses(link).find(text) != std::string::npos) != wanted) {
+            if (kelo::Clock::now() > end)
+                return testing::AssertionFailure() << addresses(link);
+        }
+        return testing::AssertionSuccess();
     }
 
     testing::AssertionResult stores(const std::string &attribute, const std::string &value)
@@ -99,9 +100,7 @@ TEST_F(FarEnd, AddressIsKeptWhileDeprecatedAndGoesWhenItExpires)
     provide(brief());
     ASSERT_TRUE(logs(std::string("New IPv6 address ") + address));
     tell("nas0_0", {"silence"});
-    const auto end = kelo::Clock::now() + deadline;
-    while (addresses("nas0_0").find("deprecated") == std::string::npos)
-        ASSERT_LT(kelo::Clock::now(), end) << addresses("nas0_0");
+    ASSERT_TRUE(shows("nas0_0", "deprecated"));
     EXPECT_EQ(address, stored("wanAddress"));
     EXPECT_EQ(0U, count(EventKind::Log, "Removed IPv6 address"));
     EXPECT_TRUE(logs(std::string("Removed IPv6 address ") + address + "/64"));
@@ -205,11 +204,8 @@ TEST_F(FarEnd, AutoconfiguredAddressThatAnotherHasIsNeverSeen)
         {"ip", "addr", "add", std::string(address) + "/64", "dev", "nas0_0", "nodad"}));
     ASSERT_EQ(0, taken.status) << taken.output;
     provide(lasting());
-    const auto end = kelo::Clock::now() + deadline;
-    while (addresses("nas0_0").find(address) == std::string::npos)
-        ASSERT_LT(kelo::Clock::now(), end) << addresses("nas0_0");
-    while (addresses("nas0_0").find(address) != std::string::npos) // until it is found out
-        ASSERT_LT(kelo::Clock::now(), end) << addresses("nas0_0");
+    ASSERT_TRUE(shows("nas0_0", address));
+    ASSERT_TRUE(shows("nas0_0", address, false)); // until it is found out
     settle();
     EXPECT_EQ(0U, count(EventKind::Log, address));
     EXPECT_EQ("(unset)", stored("wanAddress"));
@@ -221,9 +217,7 @@ TEST_F(FarEnd, AddressGivenByHandThatAnotherHasIsPublishedAllTheSame)
         board.form().far({"ip", "addr", "add", "2001:db8:5::5/64", "dev", "nas0_0", "nodad"}));
     ASSERT_EQ(0, taken.status) << taken.output;
     ip("addr add 2001:db8:5::5/64 dev nas0_0");
-    const auto end = kelo::Clock::now() + deadline;
-    while (addresses("nas0_0").find("dadfailed") == std::string::npos)
-        ASSERT_LT(kelo::Clock::now(), end) << addresses("nas0_0");
+    ASSERT_TRUE(shows("nas0_0", "dadfailed"));
     settle();
     EXPECT_EQ("2001:db8:5::5", stored("wanAddress"));
     EXPECT_EQ(1U, count(EventKind::Log, "2001:db8:5::5"));
@@ -234,9 +228,8 @@ TEST_F(FarEnd, PrivacyAddressIsAnAddressLikeAnyOther)
     ASSERT_EQ(
         0, board.exec({"sh", "-c", "echo 2 > /proc/sys/net/ipv6/conf/nas0_0/use_tempaddr"}).status);
     provide(lasting());
-    const auto end = kelo::Clock::now() + deadline;
-    while (count(EventKind::Log, "New IPv6 address 2001:db8:1:") < 2)
-        ASSERT_LT(kelo::Clock::now(), end) << addresses("nas0_0");
+    ASSERT_TRUE(happens({{EventKind::Log, "New IPv6 address 2001:db8:1:"},
+                         {EventKind::Log, "New IPv6 address 2001:db8:1:"}}));
     settle();
     std::string last;
     for (const Event &event : board.events(from)) {
