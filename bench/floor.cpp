@@ -56,7 +56,7 @@ LIST_HEAD(, Address) addresses;
 /// system(3) without its signal handling.
 void runShell(const char *command)
 {
-    const pid_t child = vfork();
+    const pid_t child = vfork(); // NOLINT(clang-analyzer-security.insecureAPI.vfork)
     if (child == 0) {
         execl("/bin/sh", "sh", "-c", command, nullptr);
         _exit(127);
@@ -210,7 +210,7 @@ int main()
     local.nl_family = AF_NETLINK;
     local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_IFADDR |
                       RTMGRP_IPV6_ROUTE;
-    bind(netlink, reinterpret_cast<const sockaddr *>(&local), sizeof local);
+    static_cast<void>(bind(netlink, reinterpret_cast<const sockaddr *>(&local), sizeof local));
     watch(epoll, netlink);
 
     for (const int gpio : {6, 7, 8, 2, 3, 4})

@@ -2,7 +2,7 @@
 /// nanoseconds of one, as the median of many. The look-up and the removal are of the oldest record,
 /// the last of the list. It runs the daemon's own functions, which no header offers.
 
-#include "ipinfo.cpp"
+#include "ipinfo.cpp" // NOLINT(bugprone-suspicious-include)
 
 #include <algorithm>
 #include <cstdio>

@@ -251,17 +251,17 @@ string shown(double power, int reading = 1, int gponState = 5)
 
 void tellSignalBar(Truth &truth)
 {
-    constexpr double step = 0.5;
     std::set<string> rows;
     string lower;
     string pattern = shown(-50);
-    for (double power = -50; power < 5; power += step) {
+    for (int halves = -100; halves < 10; halves++) {
+        const double power = halves / 2.0;
         const string next = power == 0 ? pattern : shown(power);
         if (next == pattern)
             continue;
         // A band begins at a whole number, which belongs to it or else to the band below.
-        const bool whole = power == std::floor(power);
-        const string limit = decimal(whole ? power : power - step) + " dBm";
+        const bool whole = halves % 2 == 0;
+        const string limit = decimal(whole ? power : power - 0.5) + " dBm";
         rows.insert(".It " + (lower.empty() ? limit + " and below" : lower + " to below " + limit) +
                     " Ta Li " + pattern);
         lower = (whole ? "" : "above ") + limit;

@@ -47,10 +47,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
     if (input_register() != 0)
         fuzz::wrong("the timer was not added");
     fakes::journal().take();
-    fakes::process().forkResult = input.take<int8_t>();
+    fakes::process().forkResult = input.small();
     State state = State::Idle;
     while (!input.empty()) {
-        const auto small = input.take<int8_t>();
+        const int small = input.small();
         const int sample = small == INT8_MIN ? input.take<int32_t>() : small;
         fakes::board().resetButton = sample;
         const bool before = state == State::Finished;

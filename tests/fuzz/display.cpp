@@ -123,7 +123,7 @@ public:
             open();
             return;
         }
-        const std::string text = chunk.substr(0, 127).c_str();
+        const std::string text = fuzz::upToNul(chunk.substr(0, 127));
         due("log display.cpp readDisplayMode: received \"%s\"\n", text.c_str());
         for (const Timed &mode : modes) {
             if (text.rfind(mode.keyword, 0) == 0) {
@@ -248,7 +248,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
             break;
         }
         case 4: {
-            const auto small = input.take<int8_t>();
+            const int small = input.small();
             const int32_t mode = small == INT8_MIN ? input.take<int32_t>() : small;
             model.setMode(mode);
             display_setMode(mode);
@@ -258,9 +258,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
             const uint8_t how = input.byte();
             vendor().laserResult = how & 1 ? -1 : 0;
             board().gponUp = how >> 4;
-            board().level = how & 8 ? input.take<int8_t>() : how >> 1 & 7;
+            board().level = how & 8 ? input.small() : how >> 1 & 7;
             vendor().laserPower =
-                how & 2 ? input.take<float>() : static_cast<float>(input.take<int8_t>()) / 2;
+                how & 2 ? input.take<float>() : static_cast<float>(input.small()) / 2;
             break;
         }
         }

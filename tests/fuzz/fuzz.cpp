@@ -15,10 +15,12 @@
 
 // The module's variables: objcopy gave their sections these names. A module may lack one of them.
 extern "C" {
+// NOLINTBEGIN(bugprone-reserved-identifier)
 extern char __start_module_data[] __attribute__((weak));
 extern char __stop_module_data[] __attribute__((weak));
 extern char __start_module_bss[] __attribute__((weak));
 extern char __stop_module_bss[] __attribute__((weak));
+// NOLINTEND(bugprone-reserved-identifier)
 }
 
 namespace {

@@ -38,6 +38,13 @@ public:
         return *at_++;
     }
 
+    /// From -128 to 127.
+    int small()
+    {
+        const uint8_t value = byte();
+        return value < 128 ? value : value - 256;
+    }
+
     bool flag() { return (byte() & 1) != 0; }
 
     /// That many bytes, or what is left.
@@ -57,6 +64,13 @@ private:
     const uint8_t *at_;
     size_t left_;
 };
+
+/// A text up to its first NUL.
+inline std::string upToNul(std::string text)
+{
+    text.resize(strlen(text.c_str()));
+    return text;
+}
 
 /// Notes a line that the journal of the fakes should have, made as by printf(3).
 void due(const char *format, ...) __attribute__((format(printf, 1, 2)));

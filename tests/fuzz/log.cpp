@@ -21,7 +21,7 @@ namespace {
 std::string documented(const std::string &message, int result, const std::string &suffix)
 {
     constexpr size_t room = 1024;
-    const std::string text = ("kelo-monitord: " + message).substr(0, room - 1);
+    std::string text = ("kelo-monitord: " + message).substr(0, room - 1);
     const auto count = static_cast<size_t>((15 + static_cast<long>(result)) & 0xff);
     if (count < 128 && count > text.size()) // past the end of a message that could not be made
         return text;

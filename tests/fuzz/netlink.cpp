@@ -65,7 +65,7 @@ size_t findAttribute(const Bytes &bytes, size_t first, size_t end, uint32_t type
 {
     size_t found = 0;
     for (size_t at = first; at + 4 <= end;) {
-        const uint32_t length = numberAt(bytes, at, 2);
+        const size_t length = numberAt(bytes, at, 2);
         if (length < 4 || at + length > end)
             break;
         if (numberAt(bytes, at + 2, 2) == type)
@@ -341,7 +341,7 @@ private:
         const size_t header = numberAt(datagram, at + 4, 2) >= RTM_NEWROUTE ? 28 : 24;
         size_t attribute = at + header;
         for (size_t skipped = upTo(3); skipped > 0; skipped--)
-            attribute += (numberAt(datagram, attribute, 2) + 3) / 4 * 4;
+            attribute += (size_t{numberAt(datagram, attribute, 2)} + 3) / 4 * 4;
         return attribute + 4 <= datagram.size() ? attribute : 0;
     }
 

@@ -62,12 +62,12 @@ void checkButton(fuzz::Input &input)
 
 void checkLevels(fuzz::Input &input)
 {
-    const int state = fakes::vendor().gponState = input.take<int8_t>();
+    const int state = fakes::vendor().gponState = input.small();
     due("syscfg_getGponState");
     if (platform_isGponUp() != (state == 5 ? 1 : 0))
         fuzz::wrong("the link is up in state 5, and only there");
     const bool whole = input.flag();
-    const float power = whole ? static_cast<float>(input.take<int8_t>()) / 4 : input.take<float>();
+    const float power = whole ? static_cast<float>(input.small()) / 4 : input.take<float>();
     const double limits[] = {-28, -25, -11, -8};
     int level = 0;
     for (const double limit : limits)
@@ -82,7 +82,7 @@ std::string anyInterface(fuzz::Input &input)
     const uint8_t which = input.byte();
     if (which < 128)
         return known[which % 8];
-    return input.text(which % 16).c_str(); // up to its first NUL
+    return fuzz::upToNul(input.text(which % 16));
 }
 
 bool startsWith(const std::string &text, const char *prefix)
@@ -97,7 +97,7 @@ void checkHooks(fuzz::Input &input)
     const uint8_t family = chosen % 4 == 0 ? AF_INET : chosen % 4 == 1 ? chosen : AF_INET6;
     const uint8_t length = input.byte();
     const std::string interface = anyInterface(input);
-    const std::string text = input.text(46).c_str();
+    const std::string text = fuzz::upToNul(input.text(46));
     const bool wan = startsWith(interface, "nas0") || startsWith(interface, "ppp");
     const char address[16] = {};
     if (family == AF_INET6 && (wan || interface == "br0")) {

@@ -62,9 +62,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
     fuzz::Input input(bytes, size);
     fuzz::restart();
-    process().forkResult = input.take<int8_t>() / 32;
-    process().setsidResult = input.take<int8_t>();
-    process().chdirResult = input.take<int8_t>();
+    process().forkResult = input.small() / 32;
+    process().setsidResult = input.small();
+    process().chdirResult = input.small();
     fakes::files().closeFails = true; // nobody looks at it
     const uint8_t signals = input.byte();
     const size_t count = 1 + input.byte() % (argumentsMax - 1);
@@ -72,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
     std::array<char *, argumentsMax + 1> argv = {};
     for (size_t i = 0; i < count; i++) {
         if (i > 0)
-            arguments[i] = input.text(input.byte() % 8).c_str(); // up to its first NUL
+            arguments[i] = fuzz::upToNul(input.text(input.byte() % 8));
     }
     const auto given = arguments; // getopt sorts the pointers
     for (size_t i = 0; i < count; i++)
@@ -81,7 +81,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
     const int options = countOptions(given, count);
     for (int i = 0; i < options; i++)
         due("stderr kelo-monitord: Launching as daemon...");
-    bool exits = false;
     if (options == 0 || expectDetaching()) {
         due("event_init");
         for (const int signal : ending) {
@@ -94,9 +93,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
         for (unsigned raised = signals & 15; raised != 0; raised &= raised - 1)
             due("event_base_loopexit now");
         due("exit 0");
-        exits = (signals & 15) != 0;
     }
-    fakes::eventLoop().dispatchResult = input.take<int8_t>();
+    fakes::eventLoop().dispatchResult = input.small();
     fakes::eventLoop().duringDispatch = [signals] {
         if (fakes::eventLoop().pendingCount() != 4)
             fuzz::wrong("other than four signals are waited for");
@@ -115,7 +113,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
             fakes::journal().add(line.substr(0, line.find('\n'))); // without a record's location
         fuzz::compare();
     }
-    if (fakes::eventLoop().exitRequested != exits)
-        fuzz::wrong("a signal, and only a signal, ends the loop");
     return 0;
 }
