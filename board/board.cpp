@@ -200,15 +200,6 @@ std::vector<Event> Board::events(size_t from) const
     return {events_.begin() + static_cast<ptrdiff_t>(start), events_.end()};
 }
 
-std::vector<Event> Board::next(size_t &place, Clock::duration patience) const
-{
-    const Clock::time_point end = Clock::now() + patience;
-    do
-        link_->loop().turn(count_ > place ? Clock::now() : end);
-    while (count_ <= place && Clock::now() < end && !ended());
-    return next(place);
-}
-
 std::vector<Event> Board::next(size_t &place) const
 {
     place = std::max(place, firstPlace());

@@ -82,11 +82,8 @@ public:
     /// How many events there have been: a place in the record to look on from. What happened before
     /// is in front of it.
     size_t mark() const;
-    /// The events at a place, some thousands at most, and moves the place behind them; waits for
-    /// the first of them, none when it does not come in time. A place that was dropped is moved to
-    /// where the record begins.
-    std::vector<Event> next(size_t &place, Clock::duration patience) const;
-    /// The same of what is there; callbacks may ask for it.
+    /// The events at a place that are there, some thousands at most, and moves the place behind
+    /// them. A place that was dropped is moved to where the record begins.
     std::vector<Event> next(size_t &place) const;
     /// Calls back after every event.
     void whenRecorded(std::function<void()> recorded) { recorded_ = std::move(recorded); }

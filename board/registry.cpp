@@ -232,30 +232,6 @@ std::map<std::string, std::string> toState(const Words &answer)
     return state;
 }
 
-void readEvents(const std::string &board, Clock::time_point &from, std::vector<Event> &events,
-                const std::function<bool()> &goesOn)
-{
-    from = std::max(from, toTime(stateOf(board)["since"]));
-    RecordReader record(board, from);
-    const auto patience = std::chrono::milliseconds(goesOn ? 50 : 0);
-    for (bool more = true; more;) {
-        auto event = record.next(Clock::now() + patience);
-        more = !record.isUpToDate() || (goesOn ? goesOn() : event.has_value());
-        // An attribute that was stored before, or a daemon that ended, is no news.
-        const bool isNews = event && event->time >= from;
-        if (!event ||
-            (!isNews && (event->kind == EventKind::Store || event->kind == EventKind::Exit)))
-            continue;
-        event->time = std::max(event->time, from);
-        events.push_back(std::move(*event));
-    }
-}
-
-Past::Past(const std::string &board) : start(toTime(stateOf(board)["start"])), from(start)
-{
-    readEvents(board, from, events);
-}
-
 std::vector<std::string> runningBoards()
 {
     std::vector<std::string> names;

@@ -114,20 +114,6 @@ std::map<std::string, std::string> toState(const Words &answer);
 /// none runs.
 void endBoard(const std::string &name);
 
-/// Adds what happened on a board from a time on until now, and first what held then, as if it had
-/// begun then. Where the record was dropped up to a later time, that becomes `from`. With `goesOn`
-/// what happens further is added for as long as that says so. Throws BoardGone as Connection does.
-void readEvents(const std::string &board, Clock::time_point &from, std::vector<Event> &events,
-                const std::function<bool()> &goesOn = nullptr);
-
-/// What happened on a board up to now.
-struct Past {
-    explicit Past(const std::string &board); ///< throws BoardGone as Connection does
-    Clock::time_point start;                 ///< of the board
-    Clock::time_point from;                  ///< from when on its record is kept
-    std::vector<Event> events;
-};
-
 /// Names of the running boards, sorted.
 std::vector<std::string> runningBoards();
 

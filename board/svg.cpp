@@ -105,8 +105,9 @@ std::string Svg::escape(const std::string &text)
             result += "&quot;";
             break;
         default:
-            // Control characters have no place in XML.
-            result += static_cast<unsigned char>(character) < ' ' ? '?' : character;
+            // Other control characters have no place in XML.
+            const bool isSpace = character == '\n' || character == '\t';
+            result += static_cast<unsigned char>(character) < ' ' && !isSpace ? '?' : character;
         }
     }
     return result;

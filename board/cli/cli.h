@@ -8,10 +8,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>

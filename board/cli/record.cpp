@@ -31,13 +31,38 @@ struct ReportOptions {
     std::string output;
 };
 
+/// Adds what happened on a board from a time on until now, and first what held then, as if it had
+/// begun then. Where the record was dropped up to a later time, that becomes `from`. With `goesOn`
+/// what happens further is added for as long as that says so. Throws as RecordReader does.
+void readEvents(const std::string &board, Clock::time_point &from, std::vector<Event> &events,
+                const std::function<bool()> &goesOn = nullptr)
+{
+    from = std::max(from, toTime(stateOf(board)["since"]));
+    RecordReader record(board, from);
+    const auto patience = std::chrono::milliseconds(goesOn ? 50 : 0);
+    for (bool more = true; more;) {
+        auto event = record.next(Clock::now() + patience);
+        more = !record.isUpToDate() || (goesOn ? goesOn() : event.has_value());
+        // An attribute that was stored before, or a daemon that ended, is no news.
+        const bool isNews = event && event->time >= from;
+        if (!event ||
+            (!isNews && (event->kind == EventKind::Store || event->kind == EventKind::Exit)))
+            continue;
+        event->time = std::max(event->time, from);
+        events.push_back(std::move(*event));
+    }
+}
+
 /// What a file tells, or what happened on a running board from its start until now.
 Record recordOf(const std::string &board, const std::string &path = "")
 {
     if (path.empty()) {
-        const Past past(board);
-        sayRecordBegins(past.start, past.from);
-        return {board, past.events, past.start, past.from, Clock::now()};
+        Record record{board};
+        record.start = record.begin = toTime(stateOf(board)["start"]);
+        readEvents(board, record.begin, record.events);
+        record.end = Clock::now();
+        sayRecordBegins(record.start, record.begin);
+        return record;
     }
     std::ifstream file(path);
     if (!file)

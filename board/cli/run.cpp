@@ -3,7 +3,7 @@
 #include "cli.h"
 
 #include "host.h"
-#include "recording.h"
+#include "svg.h"
 #include "web/page.h"
 
 #include <csignal>
@@ -325,25 +325,12 @@ std::vector<Outcome> runSideBySide(const std::vector<Scenario> &scenarios,
     }
 }
 
-std::string toXml(const std::string &text)
+std::string toXml(std::string text)
 {
-    std::string result;
-    for (const char character : text) {
-        const auto code = static_cast<unsigned char>(character);
-        if (character == '&')
-            result += "&amp;";
-        else if (character == '<')
-            result += "&lt;";
-        else if (character == '>')
-            result += "&gt;";
-        else if (character == '"')
-            result += "&quot;";
-        else if ((code < 0x20 && character != '\n' && character != '\t') || code > 0x7e)
-            result += '?'; // no XML has these, whatever the encoding
-        else
-            result += character;
-    }
-    return result;
+    // What is not ASCII may be in any encoding.
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c > '~'; }, '?');
+    return Svg::escape(text);
 }
 
 void writeJunit(const std::string &path, const std::vector<Outcome> &outcomes)
