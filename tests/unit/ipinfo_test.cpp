@@ -281,6 +281,20 @@ TEST_F(Tracker, TakesADeletedLinkForNothingElse)
               Lines{logged("ipinfo_netlink_dellink", "Removed interface br0(7)")});
 }
 
+TEST_F(Tracker, TakesAnAddressForNoRoute)
+{
+    receive(newRoute(routeAttributes(network), {.dst_len = 64}));
+    // Read as a message about a route, it would take back the one just added: the interface number
+    // has the main table and the unicast type in it, and an empty attribute fills the longer
+    // header.
+    constexpr uint8_t parts[] = {RT_TABLE_MAIN, 0, 0, RTN_UNICAST};
+    AddressHeader header;
+    memcpy(&header.ifindex, parts, sizeof parts);
+    receive(
+        message(RTM_NEWADDR, header + attribute(IFA_LABEL, Bytes{}) + routeAttributes(network)));
+    EXPECT_EQ(routeCount(), 1U);
+}
+
 TEST_F(Tracker, IgnoresFlagsSequenceAndSenderOfAMessage)
 {
     Bytes bytes = newAddress(hostA);
