@@ -131,7 +131,7 @@ prove()
     local what=$1 folder=$2 status=0
     shift 2
     ctest --test-dir "$folder" --output-on-failure --no-tests=error "$@" | tee "$folder/test.log" || status=$?
-    proved "$what" "$(awk '/tests passed/ { failed = $4; all = $NF }
+    [ $status -ne 0 ] || proved "$what" "$(awk '/tests passed/ { failed = $4; all = $NF }
         /^Total Test time/ { time = int($(NF - 1) + 0.5) }
         /\(Skipped\)$/ { skipped++ }
         END { print all - failed - skipped " of " all " passed, " (skipped ? skipped " skipped, " : "") time " s" }' \
