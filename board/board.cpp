@@ -14,6 +14,8 @@ namespace {
 
 constexpr auto layoutLimit = std::chrono::seconds(60);
 constexpr int clockTries = 20;
+constexpr auto livingEvery = std::chrono::seconds(10);
+constexpr char livingFor[] = "30"; // seconds
 constexpr size_t eventsAtOnce = 4096;
 
 constexpr const char *kindNames[] = {"leds",     "log",   "mode", "call",   "store", "omci",
@@ -97,6 +99,8 @@ Board::Board(const Options &options, Link::LoopPointer loop)
             turn(std::chrono::milliseconds(100));
         if (answer && answer->ok()) {
             compareClocks();
+            if (agent_.isFar)
+                tellThatWeLive();
             return;
         }
         const bool late = !ended();
@@ -125,6 +129,7 @@ Board::Board(const Options &options, Link::LoopPointer loop)
 
 Board::~Board()
 {
+    living_ = Watch();
     link_.reset(); // ends the agent, and with it everything of the board
     form_.reset();
     finish(agent_.patience);
@@ -164,6 +169,12 @@ void Board::compareClocks()
             return;
         }
     }
+}
+
+void Board::tellThatWeLive()
+{
+    link_->send({"alive", livingFor});
+    living_ = Watch(link_->loop().base(), livingEvery, [this] { tellThatWeLive(); });
 }
 
 void Board::startDaemon(const std::vector<std::string> &arguments)

@@ -100,16 +100,20 @@ public:
 
     /// Whether the board has ended by itself.
     bool ended() const { return link_->ended(); }
+    /// Milliseconds that it may take to end.
+    int patience() const { return agent_.patience; }
 
 private:
     void begin(const Link::LoopPointer &loop);
     void finish(int patience) const;
     void compareClocks();
+    void tellThatWeLive();
     void record(Clock::time_point time, const std::string &kind, const std::string &text);
     void dropOldest();
     size_t firstPlace() const { return count_ - events_.size(); }
 
     Form::Agent agent_;
+    Watch living_;
     std::optional<Clock::duration> offset_; ///< to the agent's clock; none before they are compared
     std::vector<std::string> environment_;
     size_t keep_;

@@ -21,6 +21,19 @@ Words join(Words words, const Words &more)
 }
 
 constexpr char filesElsewhere[] = "this board's files are on a machine of its own";
+constexpr char machinesNetwork[] =
+    "this board is on the machine's own network and mounts, which stay as they are";
+constexpr char driversFiles[] = "a driver's files cannot be taken away";
+
+constexpr char overSsh[] = "ssh:";
+constexpr char watching[] = "watch:";
+
+/// The form of that name, or the one that the environment asks for.
+std::string formOf(const std::string &name)
+{
+    const char *const given = getenv("KELO_BOARD");
+    return !name.empty() ? name : given ? given : "host";
+}
 
 fs::path userNamespace(const std::string &process)
 {
@@ -195,9 +208,7 @@ public:
 
     std::string lacks(Ability ability) const override
     {
-        return ability == Ability::Network || ability == Ability::Programs
-                   ? "this board is on the machine's own network and mounts, which stay as they are"
-                   : "";
+        return ability == Ability::Network || ability == Ability::Programs ? machinesNetwork : "";
     }
 
     Words inside(const Words &command) const override { return command; }
@@ -237,7 +248,7 @@ public:
         case Ability::Files:
             return filesElsewhere;
         case Ability::FileFaults:
-            return "a driver's files cannot be taken away";
+            return driversFiles;
         default:
             return {};
         }
@@ -263,6 +274,58 @@ private:
     std::string boot_; ///< the script that starts the machine
 };
 
+/// A terminal, by ssh.
+class Terminal : public Form {
+public:
+    /// With "watch", beside the daemon that runs there.
+    Terminal(std::string what, std::string destination)
+        : what_(std::move(what)), destination_(std::move(destination))
+    {
+    }
+
+    Agent start() override
+    {
+        Agent agent = startProcess({"sh", builtFile("board/board-ssh"), what_, destination_});
+        agent.patience = 20000; // the terminal's own daemon starts again
+        agent.isFar = true;
+        return agent;
+    }
+
+    Words words() const override { return {"terminal"}; }
+
+    std::string lacks(Ability ability) const override
+    {
+        switch (ability) {
+        case Ability::Network:
+        case Ability::Programs:
+            return machinesNetwork;
+        case Ability::Files:
+            return filesElsewhere;
+        case Ability::FileFaults:
+            return driversFiles;
+        default:
+            return {};
+        }
+    }
+
+    std::string root() const override { return "/"; }
+
+    std::string path(const std::string &) const override
+    {
+        throw std::runtime_error(filesElsewhere);
+    }
+
+    Words inside(const Words &) const override { return {}; }
+
+    Words far(const Words &command) const override { return command; }
+
+    pid_t outside(pid_t pid) const override { return pid; }
+
+private:
+    std::string what_;
+    std::string destination_;
+};
+
 } // namespace
 
 std::unique_ptr<Form> Form::of(const Words &words)
@@ -271,14 +334,27 @@ std::unique_ptr<Form> Form::of(const Words &words)
         return std::make_unique<Isolated>(words);
     if (words.at(0) == "plain")
         return std::make_unique<Plain>(words);
+    if (words.at(0) == "terminal")
+        return std::make_unique<Terminal>("", "");
     return std::make_unique<Booted>("");
+}
+
+unsigned Form::atOnce(const std::string &name, unsigned most)
+{
+    const std::string form = formOf(name);
+    return form.starts_with(overSsh) || form.starts_with(watching) ? 1 : most;
 }
 
 std::vector<std::unique_ptr<Form>> Form::named(const std::string &name)
 {
-    const char *const given = getenv("KELO_BOARD");
-    const std::string form = !name.empty() ? name : given ? given : "host";
+    const std::string form = formOf(name);
     std::vector<std::unique_ptr<Form>> forms;
+    if (form.starts_with(overSsh) || form.starts_with(watching)) {
+        const size_t end = form.find(':') + 1;
+        forms.push_back(std::make_unique<Terminal>(form.starts_with(watching) ? "watch" : "board",
+                                                   form.substr(end)));
+        return forms;
+    }
     if (form == "malta" || form == "device") {
         forms.push_back(std::make_unique<Booted>(builtFile("machine/" + form + "/boot")));
         return forms;

@@ -5,6 +5,7 @@
 ///   asan, valgrind     the same, from another build
 ///   mips, arm64 and others     the same, programs of another machine run by an emulator
 ///   malta, device      a kernel of its own, booted in an emulated machine
+///   ssh:HOST           a terminal; watch:HOST, beside the daemon that runs there
 
 #pragma once
 
@@ -33,6 +34,8 @@ public:
     /// machine. An empty name is that of the environment, KELO_BOARD, or host. Throws
     /// std::runtime_error when there is none of this name, or it has not been built.
     static std::vector<std::unique_ptr<Form>> named(const std::string &name);
+    /// How many boards of this name may run at once, at most.
+    static unsigned atOnce(const std::string &name, unsigned most);
 
     virtual ~Form() = default;
 
@@ -42,6 +45,7 @@ public:
         Descriptor out;
         Descriptor complaints; ///< what it says instead of starting
         int patience = 1000;   ///< milliseconds that it gets to end by itself
+        bool isFar = false;    ///< it may lose us without a word, and has to be told that we live
     };
     virtual Agent start() = 0;
 

@@ -246,6 +246,8 @@ void Host::serve(const ClientPointer &client, const std::string &line)
     if (verb == "down") {
         awaitEnd_.push_back(answered);
         down_ = true;
+    } else if (verb == "patience") {
+        answered({Answer::Kind::Ok, {std::to_string(board_ ? board_->patience() : 0)}});
     } else if (verb == "state") {
         tellState(answered);
     } else if (!board_) {

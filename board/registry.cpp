@@ -210,7 +210,8 @@ void endBoard(const std::string &name)
     for (pid_t child; children >> child;)
         ends.push_back(endOf(child));
     try {
-        link->ask({"down"}, {}, downPatience);
+        const Words more = link->ask({"patience"}, {}, downPatience);
+        link->ask({"down"}, {}, downPatience + std::chrono::milliseconds(atoi(more.at(0).c_str())));
         return;
     } catch (const std::runtime_error &) {
         makeEnd(ends.front(), 1);

@@ -86,7 +86,8 @@ build_packages=(g++ cmake ninja-build libevent-dev libcli11-dev nlohmann-json3-d
 # What the tests need beside that: those of the modules, and the others.
 unit_packages=(libgtest-dev libgmock-dev binutils)
 test_packages=("${unit_packages[@]}" faketime procps tmux strace sigrok-cli librsvg2-bin fonts-dejavu-core
-    mandoc libxml2-utils chromium python3-pytest radvd dnsmasq-base dhcpcd-base)
+    mandoc libxml2-utils chromium python3-pytest radvd dnsmasq-base dhcpcd-base
+    openssh-client dropbear-bin)
 
 # progress: shows on a terminal how far the build is whose output comes in.
 progress()
@@ -125,12 +126,13 @@ proved()
         "$(uname -m)" "$(nproc)" "$(uname -r)" "$(gcc -dumpfullversion)" > "build/evidence/${1//[^a-z0-9]/-}"
 }
 
-# prove WHAT FOLDER [CTEST-OPTION...]: runs the tests of a build folder.
+# prove WHAT FOLDER [CTEST-OPTION...]: runs the tests of a build folder, by the command of "beside".
+beside=()
 prove()
 {
     local what=$1 folder=$2 status=0
     shift 2
-    ctest --test-dir "$folder" --output-on-failure --no-tests=error "$@" | tee "$folder/test.log" || status=$?
+    "${beside[@]}" ctest --test-dir "$folder" --output-on-failure --no-tests=error "$@" | tee "$folder/test.log" || status=$?
     [ $status -ne 0 ] || proved "$what" "$(awk '/tests passed/ { failed = $4; all = $NF }
         /^Total Test time/ { time = int($(NF - 1) + 0.5) }
         /\(Skipped\)$/ { skipped++ }

@@ -1,9 +1,15 @@
 // The agent: runs where the daemon runs, sees what it does, turns the hardware that it finds there,
 // and does what the program that runs the board asks for; wire.h says how they talk. It ends, with
 // everything that it started, when there is nobody to ask any more.
+//
+//   kelo-agent                 on a board that is laid out
+//   kelo-agent apart FOLDER    on a terminal: in a mount namespace of its own, where the script
+//                              FOLDER/terminal lays out FOLDER/root
+//   kelo-agent watch           beside the daemon that runs on a terminal
 
 #include "device.h"
 #include "process.h"
+#include "watch.h"
 #include "wire.h"
 #include "witness.h"
 
@@ -18,43 +24,49 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/statfs.h>
 #include <unistd.h>
 
 namespace {
 
 using namespace kelo::device;
 
-constexpr long procMagic = 0x9fa0;
 constexpr timeval pipePause = {0, 5000};
 constexpr int pipeTries = 100;
 
 event_base *base;
+bool isWatching;
 
-/// A driver's file is written in place; any other is replaced in one step, so that its reader finds
-/// the old text or the new one.
-bool writeFile(const char *path, const char *text)
+bool writeInto(const char *path, int flags, const char *text)
 {
-    struct statfs system;
-    const bool isDrivers = statfs(path, &system) == 0 && system.f_type == procMagic;
-    char temporary[512];
-    snprintf(temporary, sizeof temporary, "%s.new", path);
-    const char *const target = isDrivers ? path : temporary;
-    const int file = open(target, O_WRONLY | O_TRUNC | O_CLOEXEC | (isDrivers ? 0 : O_CREAT), 0644);
+    const int file = open(path, O_WRONLY | O_CLOEXEC | flags, 0644);
     if (file < 0)
         return false;
-    const size_t length = strlen(text);
-    const ssize_t written = write(file, text, length);
-    const int error = errno;
-    close(file);
-    if (written != static_cast<ssize_t>(length)) {
-        if (!isDrivers)
-            unlink(temporary);
-        errno = written < 0 ? error : ENOSPC;
-        return false;
+    const auto length = static_cast<ssize_t>(strlen(text));
+    const ssize_t written = write(file, text, strlen(text));
+    const int error = written < 0 ? errno : ENOSPC;
+    if (written == length && ftruncate(file, length) < 0) {
+        // A driver's file has no length.
     }
-    return isDrivers || rename(temporary, path) == 0;
+    close(file);
+    errno = error;
+    return written == length;
+}
+
+/// Replaces a file in one step, so that its reader finds the old text or the new one. Only a
+/// driver's file, or one that is mounted in front of it, is written in place.
+bool writeFile(const char *path, const char *text)
+{
+    char temporary[512];
+    snprintf(temporary, sizeof temporary, "%s.new", path);
+    if (writeInto(temporary, O_CREAT | O_TRUNC, text) && rename(temporary, path) == 0)
+        return true;
+    const int error = errno;
+    unlink(temporary);
+    errno = error;
+    const bool noOther = error == ENOENT || error == EACCES || error == EBUSY;
+    return noOther && writeInto(path, 0, text);
 }
 
 /// Turns the hardware: what the daemon makes of it comes later in the record.
@@ -194,6 +206,8 @@ char typeOf(mode_t mode)
     return S_ISREG(mode) ? 'f' : S_ISDIR(mode) ? 'd' : S_ISFIFO(mode) ? 'p' : '?';
 }
 
+event *alive; // ends the agent, unless it is told in time that somebody is there
+
 void handle(const Request &request)
 {
     const char *const verb = request.words[0];
@@ -204,10 +218,16 @@ void handle(const Request &request)
         return strcmp(verb, name) == 0 && count >= needed;
     };
 
-    if (is("clock", 0)) {
+    if (isWatching && !watch_allows(verb)) {
+        wire_error(id, "this board only watches the terminal's own daemon");
+    } else if (is("clock", 0)) {
         timespec now;
         clock_gettime(CLOCK_MONOTONIC, &now);
         wire_okWords(id, "%lld.%09ld", static_cast<long long>(now.tv_sec), now.tv_nsec);
+    } else if (is("alive", 1)) {
+        const timeval patience = {atoi(words[0]), 0};
+        event_add(alive, &patience);
+        wire_ok(id);
     } else if (is("look", 0)) {
         witness_look();
         wire_ok(id);
@@ -287,8 +307,36 @@ void handle(const Request &request)
 
 void end()
 {
-    process_end();
+    if (!isWatching)
+        process_end();
     _exit(0);
+}
+
+void onSilence(int, short, void *)
+{
+    end();
+}
+
+bool complain(const char *what)
+{
+    perror(what);
+    return false;
+}
+
+/// Moves into a root folder that nobody else sees.
+bool goApart(const char *folder)
+{
+    char command[512];
+    char root[256];
+    snprintf(command, sizeof command, "sh %s/terminal root %s < /dev/null >&2", folder, folder);
+    snprintf(root, sizeof root, "%s/root", folder);
+    if (unshare(CLONE_NEWNS) < 0)
+        return complain("a mount namespace");
+    // Where "/" is no mount point it is not shared either.
+    mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+    if (system(command) != 0)
+        return false; // it has said why
+    return (chroot(root) == 0 && chdir("/") == 0) || complain(root);
 }
 
 /// Lets the agent run as soon as something happens, on a busy machine too, or the times that it
@@ -303,19 +351,28 @@ void beInTime()
 
 } // namespace
 
-int main()
+int main(int argc, char **argv)
 {
     signal(SIGPIPE, SIG_IGN);
     umask(022);
+    if (argc > 2 && strcmp(argv[1], "apart") == 0 && !goApart(argv[2]))
+        return 1;
+    isWatching = argc > 1 && strcmp(argv[1], "watch") == 0;
     beInTime();
     base = event_base_new();
     wire_start(base, handle, end);
-    const int output = witness_start(base);
-    if (output < 0) {
-        perror("the board's channel");
-        return 1;
+    alive = evtimer_new(base, onSilence, nullptr);
+    if (isWatching) {
+        process_start(base, -1);
+        watch_start(base);
+    } else {
+        const int output = witness_start(base);
+        if (output < 0) {
+            perror("the board's channel");
+            return 1;
+        }
+        process_start(base, output);
     }
-    process_start(base, output);
     button.timer = event_new(base, -1, EV_PERSIST, onButton, nullptr);
     event_base_dispatch(base);
     end();

@@ -290,6 +290,35 @@ pid_t process_daemon()
     return daemonPid;
 }
 
+void process_adopt(pid_t pid)
+{
+    daemonPid = pid;
+}
+
+pid_t process_find()
+{
+    pid_t found = 0;
+    DIR *const folder = opendir(processes());
+    while (const dirent *const entry = folder ? readdir(folder) : nullptr) {
+        char path[64];
+        char name[16] = "";
+        snprintf(path, sizeof path, "%s/%.16s/comm", processes(), entry->d_name);
+        const int file = open(path, O_RDONLY | O_CLOEXEC);
+        if (file < 0)
+            continue;
+        const ssize_t length = read(file, name, sizeof name - 1);
+        close(file);
+        pid_t parent;
+        // What a daemon leaves behind has no command line.
+        if (length > 0 && strcmp(name, "kelo-monitord\n") == 0 && isNamedAsDaemon(entry->d_name) &&
+            stateOf(entry->d_name, parent) != 'Z')
+            found = atoi(entry->d_name);
+    }
+    if (folder)
+        closedir(folder);
+    return found;
+}
+
 const char *process_folder()
 {
     static char path[32];

@@ -16,6 +16,12 @@ pid_t process_startDaemon(char **words);
 /// The daemon, whether it detached or not; 0 while none runs.
 pid_t process_daemon();
 
+/// Takes a process that runs already for the daemon, or, with 0, that no more.
+void process_adopt(pid_t pid);
+
+/// The daemon in /proc, by its name; 0 when there is none.
+pid_t process_find();
+
 /// Its folder in /proc, and its state as shown there, such as 'S'.
 const char *process_folder();
 char process_state();

@@ -37,6 +37,7 @@ int channel = -1;
 int watcher = -1;
 int hardwareWatch = -1;
 int runWatch = -1;
+int ledWatch = -1; // of the driver's own file
 char flags[] = "??????";
 timespec stamp;  // of the entry that is being taken
 int snapshots;   // that were replaced and are not recorded yet
@@ -45,7 +46,7 @@ bool afterPorts; // the last entry was a port that was read
 /// Reads the start of a file; returns its length, 0 without the file.
 size_t readFile(const char *path, char *text, size_t room)
 {
-    const int file = open(path, O_RDONLY | O_CLOEXEC);
+    const int file = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     const ssize_t length = file < 0 ? 0 : read(file, text, room);
     if (file >= 0)
         close(file);
@@ -77,6 +78,51 @@ void watchButton(Hardware &button)
     button.watch = inotify_add_watch(watcher, button.path, IN_CLOSE_WRITE);
 }
 
+/// How long the LED line at the start of a text is; 0 when there is none.
+size_t ledLength(const char *text)
+{
+    constexpr char command[] = "active ";
+    constexpr char digits[] = "0123456789";
+    if (strncmp(text, command, strlen(command)) != 0)
+        return 0;
+    const char *at = text + strlen(command);
+    at += strspn(at, digits);
+    if (*at++ != ' ')
+        return 0;
+    at += strspn(at, digits);
+    return *at == '\n' ? static_cast<size_t>(at + 1 - text) : 0;
+}
+
+void takeLed(const char *line)
+{
+    int gpio;
+    int level;
+    if (sscanf(line, "active %d %d", &gpio, &level) != 2)
+        return;
+    constexpr int count = sizeof ledGpios / sizeof *ledGpios;
+    for (int led = 0; led < count; led++) {
+        if (gpio == ledGpios[led])
+            flags[led] = level == 0 ? '1' : '0';
+    }
+    if (gpio == ledGpios[count - 1])
+        emit("leds", flags, count);
+}
+
+/// Takes the LEDs from the driver's own file. Returns false where that does not tell all of them.
+bool readLeds()
+{
+    char text[256] = "";
+    readFile(ledPath, text, sizeof text - 1);
+    int lines = 0;
+    for (const char *at = text; ledLength(at) > 0; at += ledLength(at))
+        lines++;
+    if (lines != sizeof ledGpios / sizeof *ledGpios)
+        return false;
+    for (const char *at = text; ledLength(at) > 0; at += ledLength(at))
+        takeLed(at);
+    return true;
+}
+
 void readWatcher()
 {
     alignas(inotify_event) static char buffer[8192];
@@ -87,6 +133,10 @@ void readWatcher()
             memcpy(&event, at, sizeof event);
             const char *const name = event.len ? at + sizeof event : "";
             at += sizeof event + event.len;
+            if (event.wd == ledWatch) {
+                readLeds();
+                continue;
+            }
             if (event.wd == runWatch) {
                 snapshots +=
                     (event.mask & IN_MOVED_TO) && strcmp(name, strrchr(snapshotPath, '/') + 1) == 0;
@@ -118,21 +168,6 @@ void endPorts()
         emitSnapshot();
 }
 
-void takeLed(const char *line)
-{
-    int gpio;
-    int level;
-    if (sscanf(line, "active %d %d", &gpio, &level) != 2)
-        return;
-    constexpr int count = sizeof ledGpios / sizeof *ledGpios;
-    for (int led = 0; led < count; led++) {
-        if (gpio == ledGpios[led])
-            flags[led] = level == 0 ? '1' : '0';
-    }
-    if (gpio == ledGpios[count - 1])
-        emit("leds", flags, count);
-}
-
 void takeNote(const char *note, size_t length)
 {
     if (length > 0 && note[length - 1] == '\n')
@@ -159,21 +194,6 @@ void takeRecord(const char *record, size_t length)
         char mode[16];
         emit("mode", mode, static_cast<size_t>(snprintf(mode, sizeof mode, "%d", to)));
     }
-}
-
-/// How long the LED line at the start of a text is; 0 when there is none.
-size_t ledLength(const char *text)
-{
-    constexpr char command[] = "active ";
-    constexpr char digits[] = "0123456789";
-    if (strncmp(text, command, strlen(command)) != 0)
-        return 0;
-    const char *at = text + strlen(command);
-    at += strspn(at, digits);
-    if (*at++ != ' ')
-        return 0;
-    at += strspn(at, digits);
-    return *at == '\n' ? static_cast<size_t>(at + 1 - text) : 0;
 }
 
 /// Whether the daemon may have begun another entry here.
@@ -280,6 +300,22 @@ int witness_start(event_base *base)
     for (const int descriptor : sources)
         event_add(event_new(base, descriptor, EV_READ | EV_PERSIST, onActivity, nullptr), nullptr);
     return writing;
+}
+
+bool witness_watch(event_base *base)
+{
+    watcher = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    runWatch = inotify_add_watch(watcher, runFolder, IN_MOVE);
+    ledWatch = inotify_add_watch(watcher, ledPath, IN_CLOSE_WRITE);
+    clock_gettime(CLOCK_MONOTONIC, &stamp);
+    event_add(event_new(base, watcher, EV_READ | EV_PERSIST, onActivity, nullptr), nullptr);
+    return readLeds();
+}
+
+void witness_log(const char *text, size_t length)
+{
+    clock_gettime(CLOCK_MONOTONIC, &stamp);
+    takeRecord(text, length);
 }
 
 void witness_look()

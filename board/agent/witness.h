@@ -6,11 +6,20 @@
 
 #pragma once
 
+#include <cstddef>
+
 struct event_base;
 
 /// Lays out the channel and begins to look. Returns a descriptor of the channel for the daemon's
 /// standard error, or -1 with errno set.
 int witness_start(event_base *base);
+
+/// Begins to look at what can be seen without laying out anything: the snapshots, and the LEDs,
+/// where the driver's file gives back a line for each. Returns false where it does not.
+bool witness_watch(event_base *base);
+
+/// Records that the daemon wrote this to its log.
+void witness_log(const char *text, size_t length);
 
 /// Records all that has happened so far.
 void witness_look();

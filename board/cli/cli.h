@@ -61,6 +61,8 @@ struct Cli {
     Access running() const { return openBoard(board); }
 };
 
+/// Gives a subcommand that starts a board the option --on.
+void addForm(CLI::App &command);
 /// Gives a subcommand that starts boards the options --daemon and --sdk.
 void addReplacements(CLI::App &command);
 

@@ -35,6 +35,7 @@ void addPanel(Cli &cli)
         ->add_option("--daemon-option", *arguments,
                      "Option for a new board's daemon: --daemon-option=-d")
         ->type_name("OPTION");
+    addForm(*command);
     cli.words[command] = runningBoards;
 }
 

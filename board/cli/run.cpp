@@ -296,7 +296,7 @@ std::vector<Outcome> runSideBySide(const std::vector<Scenario> &scenarios,
     std::vector<size_t> ended;
     for (size_t next = 0;;) {
         while (life.write && next < scenarios.size() &&
-               running.size() < (options.show ? 1 : options.jobs)) {
+               running.size() < (options.show ? 1 : Form::atOnce(options.form, options.jobs))) {
             Pipe report = makePipe();
             const pid_t process =
                 startScenario(scenarios[next], next, options, life, report.write.get());

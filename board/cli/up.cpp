@@ -19,6 +19,7 @@ struct UpOptions {
     bool detach = false;
     size_t keep = Host::KEPT_MEGABYTES;
     std::vector<std::string> daemon;
+    bool watch = false;
 };
 
 constexpr auto listPatience = std::chrono::seconds(1);
@@ -27,6 +28,21 @@ constexpr int endingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 volatile sig_atomic_t interrupted;
 
 using DaemonArguments = std::optional<std::vector<std::string>>;
+
+DaemonArguments daemonOf(const UpOptions &options)
+{
+    return options.watch ? std::nullopt : DaemonArguments(options.daemon);
+}
+
+/// Has the form of the environment watch a terminal's own daemon.
+void watchOnly()
+{
+    const char *const given = getenv("KELO_BOARD");
+    const std::string form = given ? given : "";
+    if (!form.starts_with("ssh:"))
+        throw UsageError("--watch is for a terminal: --on ssh:HOST");
+    setenv("KELO_BOARD", ("watch:" + form.substr(form.find(':') + 1)).c_str(), 1);
+}
 
 /// Runs a board until its end is asked for, or a descriptor ends. `happened` is called when
 /// something has, `ready` once the daemon runs.
@@ -70,7 +86,7 @@ void upForeground(const std::string &name, const UpOptions &options)
         if (ferror(stdout))
             interrupted = 1; // nobody reads it any more
     };
-    runBoard(name, options.daemon, options.keep, -1, print, [] {});
+    runBoard(name, daemonOf(options), options.keep, -1, print, [] {});
 }
 
 void list(bool json)
@@ -181,6 +197,15 @@ Descriptor startApart(const std::string &name, const DaemonArguments &daemonArgu
     }
 }
 
+void addForm(CLI::App &command)
+{
+    command
+        .add_option_function<std::string>(
+            "--on", [](const std::string &form) { setenv("KELO_BOARD", form.c_str(), 1); },
+            "Form of the board, such as host, mips or ssh:root@192.168.1.1")
+        ->type_name("FORM");
+}
+
 void addReplacements(CLI::App &command)
 {
     // For this program as for its user: board-init and the forms look there.
@@ -206,8 +231,10 @@ void addUp(Cli &cli)
     const auto options = std::make_shared<UpOptions>();
     CLI::App *const command =
         cli.add(runningGroup, "up", "Start a board and print what happens on it", [&cli, options] {
+            if (options->watch)
+                watchOnly();
             if (options->detach)
-                startApart(cli.board, options->daemon, options->keep, false);
+                startApart(cli.board, daemonOf(*options), options->keep, false);
             else
                 upForeground(cli.board, *options);
         });
@@ -222,6 +249,9 @@ void addUp(Cli &cli)
         ->add_option("--daemon-option", options->daemon,
                      "Option for the daemon: --daemon-option=-d")
         ->type_name("OPTION");
+    addForm(*command);
+    command->add_flag("--watch", options->watch,
+                      "On a terminal, change nothing and watch its own daemon");
     addReplacements(*command);
 }
 

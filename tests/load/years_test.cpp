@@ -29,8 +29,12 @@ protected:
         ASSERT_TRUE(draws(2));
     }
 
-    /// Whether the board's kernel is not this machine's.
-    bool isOwnKernel() const { return !board.form().lacks(kelo::Ability::Files).empty(); }
+    /// Whether the board's kernel is not this machine's, and nobody else's either.
+    bool isOwnKernel() const
+    {
+        return !board.form().lacks(kelo::Ability::Files).empty() &&
+               board.form().lacks(kelo::Ability::Network).empty();
+    }
 
     /// Expects of what happens from now on that one kind of event came at its pace: as many as the
     /// time asks for, none of them early.
@@ -189,6 +193,9 @@ protected:
 
 TEST_P(WallClock, IsSetWithoutATickEarlyLateOrLost)
 {
+    if (!isOwnKernel()) {
+        NEEDS(Files);
+    }
     if (!isOwnKernel() && board.statusOf(library).empty())
         GTEST_SKIP() << "the wall clock of this form is this machine's";
     set(GetParam().before);
@@ -228,6 +235,7 @@ class WaitMethod : public Years, public testing::WithParamInterface<Method> {};
 
 TEST_P(WaitMethod, BehavesLikeEveryOther)
 {
+    NEEDS(Network);
     std::vector<std::string> variables = GetParam().variables;
     variables.emplace_back("EVENT_SHOW_METHOD=1");
     board.setButton(0);

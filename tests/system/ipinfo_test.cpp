@@ -10,6 +10,7 @@ class IpInfo : public BoardTest {
 protected:
     void SetUp() override
     {
+        NEEDS(Network);
         start();
         fromNow();
     }

@@ -64,6 +64,7 @@ TEST_F(Order, LedsAreDarkBeforeTheFirstSwitchIsLogged)
 
 TEST_F(Order, AddressIsLoggedThenPublishedAndPublishedThenLoggedWhenItGoes)
 {
+    NEEDS(Network);
     start();
     fromNow();
     EXPECT_TRUE(are(after("-6 addr add 2001:db8::1/64 dev nas0_0 nodad", "2001:db8::1"),
@@ -80,6 +81,7 @@ TEST_F(Order, AddressIsLoggedThenPublishedAndPublishedThenLoggedWhenItGoes)
 
 TEST_F(Order, DefaultRouteIsLoggedThenPublished)
 {
+    NEEDS(Network);
     start();
     fromNow();
     EXPECT_TRUE(are(after("-6 route add default via fe80::1 dev nas0_0"),
@@ -90,6 +92,7 @@ TEST_F(Order, DefaultRouteIsLoggedThenPublished)
 
 TEST_F(Order, PurgeTellsOfTheLinkThenOfAddressesThenOfRoutes)
 {
+    NEEDS(Network);
     start();
     fromNow();
     // What leaves a bridge is reported like a deleted link, and keeps what the kernel would take
@@ -172,6 +175,7 @@ TEST_F(Order, SnapshotComesRightBehindTheSevenPorts)
 
 TEST_F(Order, StoreThatRefusesIsRecordedAsThat)
 {
+    NEEDS(Network);
     start();
     board.remove("/board/store");
     board.put("/board/store", "");
