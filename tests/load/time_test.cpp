@@ -66,7 +66,7 @@ protected:
         go = fifo("/board/clock.go");
         leds = fifo("/proc/tc3162/gpio_output");
         constexpr int room = 1 << 20; // for every LED write of a step
-        static_assert(stepSeconds * 10 * 6 * sizeof "active 6 0" < room);
+        static_assert(sizeof "active 6 0" * 6 * 10 * stepSeconds < room);
         ASSERT_EQ(room, fcntl(leds.get(), F_SETPIPE_SZ, room));
         std::filesystem::remove(board.path(kelo::device::channelPath));
         std::filesystem::create_symlink("/dev/null", board.path(kelo::device::channelPath));

@@ -23,7 +23,7 @@ protected:
     {
         std::vector<std::string> command{"/bin/busybox", "env"};
         command.insert(command.end(), variables.begin(), variables.end());
-        command.push_back(kelo::device::daemonPath);
+        command.emplace_back(kelo::device::daemonPath);
         fromNow();
         board.startBy(command);
         ASSERT_TRUE(draws(2));
@@ -38,7 +38,8 @@ protected:
 
     /// Expects of what happens from now on that one kind of event came at its pace: as many as the
     /// time asks for, none of them early.
-    void expectPace(EventKind kind, kelo::Clock::duration pace, const std::vector<Event> &events)
+    static void expectPace(EventKind kind, kelo::Clock::duration pace,
+                           const std::vector<Event> &events)
     {
         std::vector<kelo::Clock::time_point> times;
         for (const Event &event : events) {
