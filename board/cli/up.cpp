@@ -202,7 +202,7 @@ void addForm(CLI::App &command)
     command
         .add_option_function<std::string>(
             "--on", [](const std::string &form) { setenv("KELO_BOARD", form.c_str(), 1); },
-            "Form of the board, such as host, mips or ssh:root@192.168.1.1")
+            "Form of the board: host, mips, ssh:root@192.168.1.1, ...")
         ->type_name("FORM");
 }
 
