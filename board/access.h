@@ -34,7 +34,7 @@ public:
 
     /// To ask without waiting.
     Link &link() const { return *link_; }
-    /// Lets things happen, for some time at the most.
+    /// Handles what happens, for some time at the most.
     void turn(Clock::duration time) const { link_->loop().turn(Clock::now() + time); }
 
     const Form &form() const { return *form_; }

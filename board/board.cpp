@@ -21,7 +21,7 @@ constexpr size_t eventsAtOnce = 4096;
 constexpr const char *kindNames[] = {"leds",     "log",   "mode", "call",   "store", "omci",
                                      "snapshot", "laser", "gpon", "button", "exit",  "note"};
 
-/// What an event takes in memory, as good as exactly.
+/// What an event takes in memory, roughly.
 size_t sizeOf(const Event &event)
 {
     const bool isApart = event.text.capacity() > std::string().capacity();
@@ -163,7 +163,7 @@ void Board::compareClocks()
             continue;
         shortest = length;
         offset_ = before + length / 2 - there;
-        // As good as equal is the same clock.
+        // Equal within the error of the measurement: it is the same clock.
         if (std::chrono::abs(*offset_) <= length) {
             offset_ = Clock::duration::zero();
             return;

@@ -3,7 +3,7 @@
 /// happens.
 ///
 /// A board ends with this object, or with this process however that ends: no process, mount,
-/// interface or file is left. Everything here is for one thread: who waits keeps the loop going.
+/// interface or file is left. There are no threads: what waits here turns the loop.
 
 #pragma once
 
@@ -79,11 +79,10 @@ public:
 
     /// All that is kept of the record, or what happened since a place in it.
     std::vector<Event> events(size_t from = 0) const;
-    /// How many events there have been: a place in the record to look on from. What happened before
-    /// is in front of it.
+    /// The place in the record behind all that happened so far.
     size_t mark() const;
-    /// The events at a place that are there, some thousands at most, and moves the place behind
-    /// them. A place that was dropped is moved to where the record begins.
+    /// Takes the events from a place on, some thousands at most, and moves the place behind them.
+    /// Where they were dropped, it takes those from the beginning of the record on.
     std::vector<Event> next(size_t &place) const;
     /// Calls back after every event.
     void whenRecorded(std::function<void()> recorded) { recorded_ = std::move(recorded); }

@@ -146,8 +146,8 @@ public:
 
     Words inside(const Words &command) const override
     {
-        // The root too, because the board may be inside a chroot, and a folder that is in it. The
-        // holder is not in the process namespace itself, its children are.
+        // The root and a folder in it, too, because the board may be inside a chroot. The holder
+        // itself is not in the process namespace; its children are.
         const std::string proc = "/proc/" + std::to_string(holder_);
         Words result{"nsenter",
                      "--target",

@@ -48,7 +48,7 @@ struct BoardGone : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// It did so because somebody asked it to, or the request was done.
+/// The same, but somebody had asked it to end.
 struct BoardEnded : BoardGone {
     using BoardGone::BoardGone;
 };
@@ -75,7 +75,7 @@ public:
     /// The same, but waits for it. Nothing when the deadline comes first, which does not hold
     /// before all that happened so far has been read.
     std::optional<Event> next(Clock::time_point deadline);
-    /// Whether what comes next is news.
+    /// Whether all that happened before this was made has been taken.
     bool isUpToDate() const { return past_ == 0U; }
 
 private:

@@ -1,5 +1,4 @@
-/// Pictures that read on a light and on a dark page, and without a style sheet's help as a plain
-/// light one.
+/// SVG pictures with colours for light and for dark pages.
 
 #pragma once
 

@@ -339,8 +339,8 @@ bool goApart(const char *folder)
     return (chroot(root) == 0 && chdir("/") == 0) || complain(root);
 }
 
-/// Lets the agent run as soon as something happens, on a busy machine too, or the times that it
-/// gives would be later ones. What it starts is not preferred. Where it is not allowed, so be it.
+/// Gives the agent real-time priority, or on a busy machine its times would be late ones. What it
+/// starts does not inherit that. Where it is not allowed, the agent goes on without.
 void beInTime()
 {
     constexpr int reset = 0x40000000; // SCHED_RESET_ON_FORK, which not every C library names

@@ -16,7 +16,7 @@ pid_t process_startDaemon(char **words);
 /// The daemon, whether it detached or not; 0 while none runs.
 pid_t process_daemon();
 
-/// Takes a process that runs already for the daemon, or, with 0, that no more.
+/// Takes a process that runs already for the daemon; none with 0.
 void process_adopt(pid_t pid);
 
 /// The daemon in /proc, by its name; 0 when there is none.

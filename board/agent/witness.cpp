@@ -203,10 +203,10 @@ bool isStart(const char *text)
            strncmp(text, recordStart, strlen(recordStart)) == 0;
 }
 
-/// How long the first entry of what one read(2) gave is. Who writes here writes packets, which are
-/// read one by one, but for the LED lines and omci. The kernel puts what comes next behind those
-/// while they wait, so such a text is taken apart at everything that looks like a start: the one
-/// case where a log record that quotes another entry would be cut.
+/// The length of the first entry in what one read(2) gave. All but the LED lines and omci write
+/// packets, which are read one by one. Behind a LED line or a line of omci the kernel may have put
+/// what came next, so such a text is cut wherever an entry seems to start. Only there would a log
+/// record that quotes another entry be cut.
 size_t entryLength(const char *text, size_t length)
 {
     if (const size_t led = ledLength(text))

@@ -20,7 +20,7 @@ void BeatWatch::see(Clock::time_point time, const std::string &pattern)
     partial_ = false;
 }
 
-/// Judges the pattern that was shown up to now.
+/// Looks whether the pattern that ends now was shown for the right time.
 void BeatWatch::judge(Clock::time_point end)
 {
     const size_t count = beat_.patterns.size();

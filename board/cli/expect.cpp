@@ -83,7 +83,7 @@ std::string orNothing(const std::string &text)
     return text.empty() ? "nothing" : text;
 }
 
-/// Refuses a name that nothing could ever hold.
+/// Refuses a name that does not exist.
 template <size_t N>
 void checkName(const char *what, const std::string &name, const char *const (&known)[N])
 {

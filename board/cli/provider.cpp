@@ -21,7 +21,7 @@ struct Options {
     std::string down = "1s";
 };
 
-/// Whole seconds of a length of time, at least as long.
+/// A length of time in whole seconds, rounded up.
 int seconds(const std::string &time)
 {
     return static_cast<int>(std::ceil(std::chrono::duration<double>(toDuration(time)).count()));

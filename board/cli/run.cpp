@@ -83,7 +83,7 @@ constexpr char launcher[] = "[ -n \"$(command -v bash)\" ] || exec sh -eu \"$0\"
                             "exec bash --posix -c 'exec {BASH_XTRACEFD}> \"$1\"; shift\n"
                             "PS4=\"\1\\$LINENO: \"; set -eux; . \"$0\"' \"$0\" \"$1\"";
 
-/// Keeps of a trace what it says last: the line's number and the command.
+/// Keeps the last entry of a trace: the number of a line and its command.
 void takeTrace(int descriptor, std::string &trace)
 {
     readMore(descriptor, trace);

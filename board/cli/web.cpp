@@ -25,7 +25,7 @@ void serve(const std::string &board, const Options &options)
         if (life)
             endBoard(board);
     } catch (const BoardGone &) {
-        // That is why it is done here.
+        // It has ended, which is all that is wanted.
     }
 }
 

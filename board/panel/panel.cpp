@@ -23,7 +23,7 @@ constexpr int ESCAPE = 27;
 
 volatile sig_atomic_t interrupted;
 
-/// A name for a file that is not there yet, as good as surely.
+/// A name for a new file: it has the time in it, to the second.
 std::string fileName(const std::string &board, const char *ending)
 {
     const time_t now = time(nullptr);

@@ -43,7 +43,7 @@ std::string makeToken()
     return token.str();
 }
 
-/// Takes as long whatever differs.
+/// Takes equally long wherever they differ.
 bool isEqual(const std::string &a, const std::string &b)
 {
     unsigned difference = a.size() != b.size();
@@ -86,7 +86,7 @@ bool isAddress(const std::string &host, int port)
     return name == "localhost" || inet_pton(AF_INET, name.c_str(), &any) == 1;
 }
 
-/// The words of a request, if the page may say them.
+/// The words of a request; none if the page may not say them.
 Words wordsOf(evhttp_request *request)
 {
     evbuffer *const body = evhttp_request_get_input_buffer(request);
@@ -351,7 +351,7 @@ std::string Server::scenario() const
     return text;
 }
 
-/// What has ended is at work right now.
+/// Not at once: the callback of what has ended is still running.
 void Server::reapLater()
 {
     reaping_ = Watch(loop_->base(), Clock::duration::zero(), [this] {
