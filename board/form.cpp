@@ -23,7 +23,6 @@ Words join(Words words, const Words &more)
 constexpr char filesElsewhere[] = "this board's files are on a machine of its own";
 constexpr char machinesNetwork[] =
     "this board is on the machine's own network and mounts, which stay as they are";
-constexpr char driversFiles[] = "a driver's files cannot be taken away";
 
 constexpr char overSsh[] = "ssh:";
 constexpr char watching[] = "watch:";
@@ -221,9 +220,36 @@ private:
     Pipe life_; ///< its end ends the board
 };
 
+/// On a machine of its own, whose files and processes only the agent reaches.
+class Elsewhere : public Form {
+public:
+    std::string lacks(Ability ability) const override
+    {
+        switch (ability) {
+        case Ability::Files:
+            return filesElsewhere;
+        case Ability::FileFaults:
+            return "a driver's files cannot be taken away";
+        default:
+            return {};
+        }
+    }
+
+    std::string root() const override { return "/"; }
+
+    std::string path(const std::string &) const override
+    {
+        throw std::runtime_error(filesElsewhere);
+    }
+
+    Words inside(const Words &) const override { return {}; }
+
+    pid_t outside(pid_t pid) const override { return pid; }
+};
+
 /// A kernel of its own in an emulated machine. Its console is thrown away; the agent talks through
 /// a serial port of its own.
-class Booted : public Form {
+class Booted : public Elsewhere {
 public:
     explicit Booted(std::string boot) : boot_(std::move(boot)) {}
 
@@ -242,40 +268,22 @@ public:
 
     std::string lacks(Ability ability) const override
     {
-        switch (ability) {
-        case Ability::Programs:
-            return "programs of this machine do not run on the kernel of this board";
-        case Ability::Files:
-            return filesElsewhere;
-        case Ability::FileFaults:
-            return driversFiles;
-        default:
-            return {};
-        }
+        return ability == Ability::Programs
+                   ? "programs of this machine do not run on the kernel of this board"
+                   : Elsewhere::lacks(ability);
     }
-
-    std::string root() const override { return "/"; }
-
-    std::string path(const std::string &) const override
-    {
-        throw std::runtime_error(filesElsewhere);
-    }
-
-    Words inside(const Words &) const override { return {}; }
 
     Words far(const Words &command) const override
     {
         return join({"ip", "netns", "exec", "far"}, command);
     }
 
-    pid_t outside(pid_t pid) const override { return pid; }
-
 private:
     std::string boot_; ///< the script that starts the machine
 };
 
 /// A terminal, by ssh.
-class Terminal : public Form {
+class Terminal : public Elsewhere {
 public:
     /// With "watch", beside the daemon that runs there.
     Terminal(std::string what, std::string destination)
@@ -295,31 +303,12 @@ public:
 
     std::string lacks(Ability ability) const override
     {
-        switch (ability) {
-        case Ability::Network:
-        case Ability::Programs:
-            return machinesNetwork;
-        case Ability::Files:
-            return filesElsewhere;
-        case Ability::FileFaults:
-            return driversFiles;
-        default:
-            return {};
-        }
+        return ability == Ability::Network || ability == Ability::Programs
+                   ? machinesNetwork
+                   : Elsewhere::lacks(ability);
     }
-
-    std::string root() const override { return "/"; }
-
-    std::string path(const std::string &) const override
-    {
-        throw std::runtime_error(filesElsewhere);
-    }
-
-    Words inside(const Words &) const override { return {}; }
 
     Words far(const Words &command) const override { return command; }
-
-    pid_t outside(pid_t pid) const override { return pid; }
 
 private:
     std::string what_;
