@@ -82,7 +82,7 @@ std::string Svg::finish(double width, double height, const std::string &title) c
            attribute("height", height) + " viewBox=\"0 0 " + number(width) + " " + number(height) +
            "\" font-family=\"DejaVu Sans,Verdana,sans-serif\"" + attribute("font-size", FONT_SIZE) +
            ">\n<title>" + escape(title) + "</title>\n<style>text{stroke:none!important}" +
-           lightRules + style_ + "@media(prefers-color-scheme:dark){" + darkRules + "}</style>\n" +
+           lightRules + "@media(prefers-color-scheme:dark){" + darkRules + "}</style>\n" +
            "<rect class=\"bg\"" + attribute("width", width) + attribute("height", height) + "/>\n" +
            body_ + "</svg>\n";
 }

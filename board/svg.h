@@ -21,8 +21,6 @@ public:
     void circle(const char *style, double x, double y, double radius);
     /// What another picture shows, on top.
     void add(const Svg &other) { body_ += other.body_; }
-    /// A rule for shapes of an own class.
-    void style(const std::string &rule) { style_ += rule; }
 
     /// The file.
     std::string finish(double width, double height, const std::string &title) const;
@@ -35,7 +33,6 @@ public:
 
 private:
     std::string body_;
-    std::string style_;
 };
 
 } // namespace kelo

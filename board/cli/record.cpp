@@ -26,6 +26,8 @@ struct PlotOptions {
     double to = -1;
 };
 
+constexpr char recordHelp[] = "A VCD, or lines of events --json; else the running board";
+
 struct ReportOptions {
     std::string file;
     std::string output;
@@ -171,8 +173,7 @@ void addPlot(Cli &cli)
     CLI::App *const command =
         cli.add(lookGroup, "plot", "Draw a recording, or what happened on the board so far",
                 [&cli, options] { drawPlot(cli.board, *options); });
-    command->add_option("FILE", options->file,
-                        "A VCD, or lines of events --json; else the running board");
+    command->add_option("FILE", options->file, recordHelp);
     command->add_option("-o,--output", options->output, "Picture to write: .svg or .png")
         ->required();
     command->add_option("--from", options->from, "Second at which the picture starts");
@@ -185,8 +186,7 @@ void addReport(Cli &cli)
     CLI::App *const command =
         cli.add(lookGroup, "report", "Save what happened as a web page that plays it back",
                 [&cli, options] { report(cli.board, *options); });
-    command->add_option("FILE", options->file,
-                        "A VCD, or lines of events --json; else the running board");
+    command->add_option("FILE", options->file, recordHelp);
     command
         ->add_option("-o,--output", options->output,
                      "Page to write, such as run.html; - for standard output")
