@@ -17,7 +17,6 @@ namespace {
 using Pattern = uint8_t;
 
 constexpr uint8_t ledGpios[] = {6, 7, 8, 2, 3, 4};
-constexpr unsigned LEFTMOST_LED = 0b100000;
 
 constexpr Pattern darkPattern = 0b000000;
 constexpr Pattern errorA12Pattern = 0b010000;
@@ -53,13 +52,21 @@ int32_t factTestCount;
 
 float rxPower; // dBm; keeps the last reading while other modes run
 
-void setLeds(Pattern pattern)
+/// Writes all six LEDs, whether they change or not; a flag is named after its LED's GPIO.
+void setLeds(uint8_t led6, uint8_t led7, uint8_t led8, uint8_t led2, uint8_t led3, uint8_t led4)
 {
-    unsigned led = LEFTMOST_LED;
-    for (const uint8_t gpio : ledGpios) {
-        platform_ledSet(gpio, (pattern & led) != 0);
-        led >>= 1;
-    }
+    platform_ledSet(6, led6);
+    platform_ledSet(7, led7);
+    platform_ledSet(8, led8);
+    platform_ledSet(2, led2);
+    platform_ledSet(3, led3);
+    platform_ledSet(4, led4);
+}
+
+void draw(Pattern pattern)
+{
+    const auto led = [=](unsigned place) { return static_cast<uint8_t>(pattern >> place & 1U); };
+    setLeds(led(5), led(4), led(3), led(2), led(1), led(0));
 }
 
 /// The tick after `count`; runs on from 2^31 - 1 to -2^31.
@@ -75,7 +82,7 @@ void drawPhase(int32_t &count, const Pattern *phases, int phaseCount)
     const int32_t phase = count % phaseCount;
     count = nextTick(count);
     if (phase >= 0)
-        setLeds(phases[phase]);
+        draw(phases[phase]);
 }
 
 void signalTick(int, short, void *)
@@ -92,7 +99,7 @@ void signalTick(int, short, void *)
         if (!platform_isGponUp() && (signalCount & 1) == 0)
             pattern = linkDownPattern;
     }
-    setLeds(pattern);
+    draw(pattern);
     signalCount = nextTick(signalCount);
 }
 
@@ -152,7 +159,7 @@ constexpr Mode modes[] = {
 void enterMode(const Mode &mode)
 {
     if (!mode.tick) {
-        setLeds(mode.staticPattern);
+        draw(mode.staticPattern);
         return;
     }
     const bool takesError = mode.tick == factTestTick;
