@@ -105,6 +105,11 @@ struct Command {
     int mode; ///< -1 where none is chosen
 };
 
+void PrintTo(const Command &command, std::ostream *out)
+{
+    *out << testing::PrintToString(command.chunk);
+}
+
 class PipeCommand : public Pipe, public testing::WithParamInterface<Command> {};
 
 TEST_P(PipeCommand, ChoosesTheModeOfTheFirstKeywordThatItBeginsWith)

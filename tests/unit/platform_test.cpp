@@ -102,6 +102,11 @@ struct ButtonFile {
     int value;
 };
 
+void PrintTo(const ButtonFile &file, std::ostream *out)
+{
+    *out << testing::PrintToString(file.content);
+}
+
 /// Leaves a number on the stack where the next call finds it in a variable that it did not set.
 [[gnu::noinline]] void leaveNumbersOnTheStack()
 {
