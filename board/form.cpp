@@ -14,15 +14,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-Words join(Words words, const Words &more)
-{
-    words.insert(words.end(), more.begin(), more.end());
-    return words;
-}
-
 constexpr char filesElsewhere[] = "this board's files are on a machine of its own";
 constexpr char machinesNetwork[] =
     "this board is on the machine's own network and mounts, which stay as they are";
+
+constexpr char isolated[] = "isolated";
+constexpr char plain[] = "plain";
 
 constexpr char overSsh[] = "ssh:";
 constexpr char watching[] = "watch:";
@@ -59,10 +56,17 @@ Form::Agent startProcess(Words command, int life = -1)
 /// A root file system on this machine.
 class Local : public Form {
 public:
-    Local(std::string rootfs, std::string machine)
-        : rootfs_(std::move(rootfs)), machine_(std::move(machine))
+    Local(const char *kind, std::string rootfs, std::string machine)
+        : kind_(kind), rootfs_(std::move(rootfs)), machine_(std::move(machine))
     {
     }
+    /// Of the words that another process has of it.
+    Local(const char *kind, const Words &words)
+        : kind_(kind), holder_(atoi(words.at(1).c_str())), root_(words.at(2))
+    {
+    }
+
+    Words words() const override { return {kind_, std::to_string(holder_), root_}; }
 
     std::string root() const override { return root_; }
 
@@ -98,6 +102,7 @@ protected:
         return children.substr(0, children.find(' '));
     }
 
+    const char *kind_; ///< as the words and board-init have it
     pid_t holder_ = -1;
     std::string rootfs_;
     std::string machine_; ///< the emulated one's name; empty for this one
@@ -108,7 +113,7 @@ protected:
 class Isolated : public Local {
 public:
     Isolated(std::string rootfs, std::string machine, bool asUser)
-        : Local(std::move(rootfs), std::move(machine)), asUser_(asUser)
+        : Local(isolated, std::move(rootfs), std::move(machine)), asUser_(asUser)
     {
         // Not on the template itself where that can be avoided: a build that assembles it anew
         // would unmount what is there.
@@ -120,11 +125,7 @@ public:
         }
         root_ = isFree ? usual : rootfs_;
     }
-    explicit Isolated(const Words &words) : Local("", ""), asUser_(false)
-    {
-        holder_ = atoi(words.at(1).c_str());
-        root_ = words.at(2);
-    }
+    explicit Isolated(const Words &words) : Local(isolated, words), asUser_(false) {}
 
     Agent start() override
     {
@@ -133,13 +134,11 @@ public:
         if (asUser_)
             command.insert(command.end(), {"--user", "--map-root-user"});
         command.insert(command.end(),
-                       {"sh", builtFile("board/board-init"), "isolated", rootfs_, root_, machine_});
+                       {"sh", builtFile("board/board-init"), kind_, rootfs_, root_, machine_});
         Agent agent = startProcess(std::move(command));
         holder_ = agent.process;
         return agent;
     }
-
-    Words words() const override { return {"isolated", std::to_string(holder_), root_}; }
 
     std::string lacks(Ability) const override { return {}; }
 
@@ -159,12 +158,12 @@ public:
         if (userNamespace(std::to_string(holder_)) != userNamespace("self"))
             result.insert(result.end(), {"--user", "--preserve-credentials"});
         result.push_back("--");
-        return join(std::move(result), command);
+        return concat(std::move(result), command);
     }
 
     Words far(const Words &command) const override
     {
-        return join({"nsenter", "--net=" + root_ + "/.far", "--"}, command);
+        return concat({"nsenter", "--net=" + root_ + "/.far", "--"}, command);
     }
 
 private:
@@ -180,14 +179,10 @@ private:
 class Plain : public Local {
 public:
     Plain(std::string rootfs, std::string machine)
-        : Local(std::move(rootfs), std::move(machine)), life_(makePipe())
+        : Local(plain, std::move(rootfs), std::move(machine)), life_(makePipe())
     {
     }
-    explicit Plain(const Words &words) : Local("", "")
-    {
-        holder_ = atoi(words.at(1).c_str());
-        root_ = words.at(2);
-    }
+    explicit Plain(const Words &words) : Local(plain, words) {}
 
     Agent start() override
     {
@@ -196,14 +191,12 @@ public:
             throw std::runtime_error("cannot make a folder for the board");
         root_ = folder;
         Agent agent =
-            startProcess({"sh", builtFile("board/board-init"), "plain", rootfs_, root_, machine_},
+            startProcess({"sh", builtFile("board/board-init"), kind_, rootfs_, root_, machine_},
                          life_.read.get());
         life_.read.reset();
         holder_ = agent.process;
         return agent;
     }
-
-    Words words() const override { return {"plain", std::to_string(holder_), root_}; }
 
     std::string lacks(Ability ability) const override
     {
@@ -275,7 +268,7 @@ public:
 
     Words far(const Words &command) const override
     {
-        return join({"ip", "netns", "exec", "far"}, command);
+        return concat({"ip", "netns", "exec", "far"}, command);
     }
 
 private:
@@ -319,9 +312,9 @@ private:
 
 std::unique_ptr<Form> Form::of(const Words &words)
 {
-    if (words.at(0) == "isolated")
+    if (words.at(0) == isolated)
         return std::make_unique<Isolated>(words);
-    if (words.at(0) == "plain")
+    if (words.at(0) == plain)
         return std::make_unique<Plain>(words);
     if (words.at(0) == "terminal")
         return std::make_unique<Terminal>("", "");
