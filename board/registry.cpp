@@ -115,7 +115,7 @@ RecordReader::RecordReader(const std::string &board, Clock::time_point since,
         {"watch", toText(since)},
         [this](const Answer &answer) {
             if (answer.ok())
-                past_ = coming_.size();
+                isPastHere_ = true;
             else if (!link_->ended())
                 fail(answer.error);
             tell();
@@ -129,7 +129,7 @@ void RecordReader::receive(Clock::time_point time, const std::string &kind, cons
     if (kind == "dropped")
         fail("the record was dropped before it was read");
     if (const std::optional<EventKind> known = kindOf(kind)) {
-        coming_.push_back({time, *known, text});
+        (isPastHere_ ? coming_ : past_).push_back({time, *known, text});
         tell();
     }
 }
@@ -149,11 +149,10 @@ void RecordReader::tell() const
 
 std::optional<Event> RecordReader::take()
 {
-    if (!coming_.empty()) {
-        Event event = std::move(coming_.front());
-        coming_.pop_front();
-        if (past_ && *past_ > 0)
-            --*past_;
+    std::deque<Event> &events = past_.empty() ? coming_ : past_;
+    if (!events.empty()) {
+        Event event = std::move(events.front());
+        events.pop_front();
         return event;
     }
     if (failure_.empty())
@@ -169,6 +168,7 @@ std::optional<Event> RecordReader::next(Clock::time_point deadline)
 {
     std::optional<Event> event;
     while (!(event = take())) {
+        // The past has a limit of its own: that of the request for it.
         const Clock::time_point until = isUpToDate() ? deadline : Clock::time_point::max();
         if (until <= Clock::now())
             break;

@@ -76,7 +76,7 @@ public:
     /// before all that happened so far has been read.
     std::optional<Event> next(Clock::time_point deadline);
     /// Whether all that happened before this was made has been taken.
-    bool isUpToDate() const { return past_ == 0U; }
+    bool isUpToDate() const { return isPastHere_ && past_.empty(); }
 
 private:
     void receive(Clock::time_point time, const std::string &kind, const std::string &text);
@@ -85,9 +85,10 @@ private:
 
     const std::string board_;
     const std::function<void()> news_;
-    std::deque<Event> coming_;
-    std::string failure_;        ///< why nothing more comes; empty while it may
-    std::optional<size_t> past_; ///< how many of them happened before; none while more may come
+    std::deque<Event> past_;   ///< what happened before this was made
+    std::deque<Event> coming_; ///< since
+    bool isPastHere_ = false;  ///< all of it came
+    std::string failure_;      ///< why nothing more comes; empty while it may
     bool down_ = false;
     const Link::LoopPointer loop_;
     const std::shared_ptr<Link> link_;
