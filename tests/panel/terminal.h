@@ -21,7 +21,7 @@ using namespace std::chrono_literals;
 
 class Terminal {
 public:
-    static constexpr auto deadline = 30s;
+    static constexpr auto deadline = 15s;
 
     Terminal(int columns, int rows)
     {
@@ -83,7 +83,7 @@ public:
         return answer.substr(0, answer.find('\n'));
     }
 
-    /// Waits until the screen matches a pattern.
+    /// Waits until the screen matches a pattern; in a test that failed already, only looks.
     testing::AssertionResult shows(const std::string &pattern) { return waits(pattern, true); }
     testing::AssertionResult showsNoMore(const std::string &pattern)
     {
@@ -94,7 +94,8 @@ private:
     testing::AssertionResult waits(const std::string &pattern, bool wanted)
     {
         const std::regex regex(pattern);
-        const auto end = std::chrono::steady_clock::now() + deadline;
+        const auto patience = testing::Test::HasFailure() ? 0s : deadline;
+        const auto end = std::chrono::steady_clock::now() + patience;
         for (;;) {
             const std::string screen = text();
             if (std::regex_search(screen, regex) == wanted)

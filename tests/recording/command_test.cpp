@@ -31,7 +31,8 @@ protected:
 
     kelo::Result kb(std::vector<std::string> arguments) const
     {
-        arguments.insert(arguments.begin(), {KELO_BOARD_PROGRAM, "-b", board});
+        const char *const limit = HasFailure() ? "2" : "20";
+        arguments.insert(arguments.begin(), {"timeout", limit, KELO_BOARD_PROGRAM, "-b", board});
         return kelo::run(arguments);
     }
     void done(const std::vector<std::string> &arguments) const
