@@ -100,6 +100,17 @@ TEST_F(Display, RunsOnWithoutAPipeThatCannotBeOpened)
     EXPECT_EQ(takePatterns(), Patterns(3, strongest));
 }
 
+TEST_F(Display, TakesDescriptor0ForThePipeLikeAnyOther)
+{
+    files().nextDescriptor = 0;
+    display_register();
+    journal().take();
+    eventLoop().readable(0); // the writer has closed it
+    EXPECT_EQ(
+        journal().take({"event_del", "close", "open", "event_add"}),
+        (Lines{"event_del fd=0", "close 0", "open " + pipePath + " 0x800", "event_add fd=0"}));
+}
+
 struct Command {
     std::string chunk;
     int mode; ///< -1 where none is chosen

@@ -237,8 +237,11 @@ TEST_F(Tracker, ActsOnEveryMessageOfADatagram)
 
 TEST_F(Tracker, EndsTheWalkAtDone)
 {
-    EXPECT_EQ(receive(newAddress(hostA) + message(NLMSG_DONE, Bytes(4)) + newAddress(hostB)),
-              added(hostA));
+    for (const size_t size : {0U, 1U, 4U, 100U}) {
+        EXPECT_EQ(receive(newAddress(hostA) + message(NLMSG_DONE, Bytes(size)) + newAddress(hostB)),
+                  added(hostA));
+        receive(deletedAddress(hostA));
+    }
 }
 
 TEST_F(Tracker, LogsAnErrorAndEndsTheWalk)
@@ -262,8 +265,8 @@ TEST_F(Tracker, SkipsOtherTypes)
         RouteHeader{} + routeAttributes(network),
         linkHeader(3),
     };
-    for (const unsigned type :
-         {0U, 1U, 4U, 15U, 16U, 18U, 19U, 22U, 23U, 26U, 28U, 29U, 32U, 68U, 0x8014U, 0xffffU}) {
+    for (const unsigned type : {0U, 1U, 4U, 15U, 16U, 18U, 19U, 22U, 23U, 26U, 28U, 29U, 32U, 68U,
+                                0x102U, 0x103U, 0x8014U, 0xffffU}) {
         Bytes skipped;
         for (const Bytes &payload : payloads)
             skipped = skipped + message(type, payload);
@@ -297,10 +300,18 @@ TEST_F(Tracker, TakesAnAddressForNoRoute)
 
 TEST_F(Tracker, IgnoresFlagsSequenceAndSenderOfAMessage)
 {
-    Bytes bytes = newAddress(hostA);
-    std::fill(bytes.begin() + offsetof(nlmsghdr, nlmsg_flags), bytes.begin() + sizeof(nlmsghdr),
-              static_cast<unsigned char>(0xff));
-    EXPECT_EQ(receive(bytes), added(hostA));
+    const auto marked = [](Bytes bytes) {
+        std::fill(bytes.begin() + offsetof(nlmsghdr, nlmsg_flags), bytes.begin() + sizeof(nlmsghdr),
+                  static_cast<unsigned char>(0xff));
+        return bytes;
+    };
+    EXPECT_EQ(receive(marked(newAddress(hostA))), added(hostA));
+    EXPECT_EQ(receive(marked(deletedAddress(hostA))), removed(hostA));
+    EXPECT_EQ(receive(marked(newRoute(routeAttributes()))).size(), 2U);
+    EXPECT_EQ(receive(marked(deletedRoute(routeAttributes()))).size(), 2U);
+    EXPECT_EQ(receive(marked(deletedLink(3))).size(), 1U);
+    EXPECT_EQ(receive(marked(message(NLMSG_DONE, {})) + newAddress(hostA)), Lines{});
+    EXPECT_EQ(receive(marked(message(NLMSG_ERROR, {})) + newAddress(hostA)).size(), 1U);
 }
 
 TEST_F(Tracker, LooksAtNoOtherFieldOfAFamilyHeader)

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <climits>
 #include <string>
 
 namespace {
@@ -171,6 +172,15 @@ TEST_F(Snapshot, LeavesOutAPortThatCannotBeRead)
     EXPECT_EQ(nextSnapshot(), expected);
 }
 
+TEST_F(Snapshot, TakesEveryNonzeroResultAsReading)
+{
+    vendor().ports[1] = {1, 2};
+    for (const int result : {1, 2, 256, INT_MIN}) {
+        vendor().portResult = result;
+        EXPECT_NE(nextSnapshot(), "") << result;
+    }
+}
+
 TEST_F(Snapshot, ShowsTheDifferenceSinceTheLastSuccessfulReading)
 {
     vendor().ports[7] = {100, 200};
@@ -223,7 +233,7 @@ TEST_F(Snapshot, StaysUnchangedWhenTheRenameFails)
     vendor().ports[1] = {4, 6}; // the leftover is emptied first
     nextSnapshot();
     EXPECT_EQ(files().content[temporary], lineOf("lan1", 1, 2, 4, 6));
-    EXPECT_EQ(journal().take({"log"}).size(), 0U);
+    EXPECT_EQ(journal().take({"log", "unlink"}), Lines{});
 }
 
 TEST_F(Snapshot, IgnoresFailedWriteAndClose)

@@ -1,6 +1,7 @@
 #include "board.h"
 
 #include "journal.h"
+#include "memory.h"
 #include "platform.h"
 
 #include <netinet/in.h>
@@ -8,6 +9,7 @@
 
 using fakes::addressDigits;
 using fakes::board;
+using fakes::memory;
 using fakes::misuse;
 using fakes::note;
 
@@ -93,6 +95,8 @@ int platform_getLaserRxPowerLevel(float rxPower)
 void platform_ipinfo_ip(uint8_t add, const char *ifname, uint8_t family, const void *addr,
                         const char *addrstr, uint8_t prefixlen)
 {
+    if (!add && !memory().holds(addr))
+        misuse("a removal comes with the address of the record");
     note("platform_ipinfo_ip %d \"%s\" %d %s \"%s\"/%d", add, ifname, family,
          addressDigits(family, addr).c_str(), addrstr, prefixlen);
 }
@@ -100,6 +104,8 @@ void platform_ipinfo_ip(uint8_t add, const char *ifname, uint8_t family, const v
 void platform_ipinfo_route(uint8_t add, const char *ifname, uint8_t family, const void *dst,
                            const char *dststr, uint8_t dst_len, const void *gw, const char *gwstr)
 {
+    if (!add && (!memory().holds(dst) || !memory().holds(gw)))
+        misuse("a removal comes with the destination and the gateway of the record");
     note("platform_ipinfo_route %d \"%s\" %d %s \"%s\"/%d via %s \"%s\"", add, ifname, family,
          addressDigits(family, dst).c_str(), dststr, dst_len, addressDigits(family, gw).c_str(),
          gwstr);

@@ -46,7 +46,7 @@ int syscfg_getPortBytes(int port, unsigned long long *in, unsigned long long *ou
     }
     *in = bytes->in;
     *out = bytes->out;
-    return -1; // any nonzero value is success
+    return vendor().portResult;
 }
 
 int syscfg_reboot()

@@ -18,6 +18,7 @@ struct Vendor {
     float laserPower = -20.0F; ///< stored by every reading, also by one that fails
     int laserResult = 1;
     std::array<std::optional<PortBytes>, 8> ports; ///< by number; empty: cannot be read
+    int portResult = -1;                           ///< of a port that can; nonzero is success
     int storeResult = 0;                           ///< of the configuration store
 };
 
