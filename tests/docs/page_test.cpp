@@ -127,6 +127,13 @@ string joined(const Lines &parts, const string &between, const string &last)
     return text;
 }
 
+string replaced(string text, const string &what, const string &with)
+{
+    for (size_t place = 0; (place = text.find(what, place)) != string::npos; place += with.size())
+        text.replace(place, what.size(), with);
+    return text;
+}
+
 string decimal(double number)
 {
     std::ostringstream stream;
@@ -452,6 +459,9 @@ void tellRecordsAndPaths(Truth &truth)
 
     for (const string &record : found(noted, "^stderr kelo-monitord: (.*)$"))
         truth.records[found({record}, "\\[([^ ]*):[0-9]+ [^ ]+\\]\n$")[0]].insert(record);
+    const string examples = "Netlink error|switch display mode 1 -> 5";
+    for (const string &record : found(noted, "^stderr (kelo-monitord: (" + examples + ").*)\n$"))
+        truth.sentences.insert(replaced(record, "\n", " "));
     std::set<string> rows;
     for (const string &path :
          found(noted, "^[a-z]+ (/[^ :]+)") + found(noted, "^rename [^ ]+ (.*)$"))
@@ -461,13 +471,6 @@ void tellRecordsAndPaths(Truth &truth)
 }
 
 // Comparing.
-
-string replaced(string text, const string &what, const string &with)
-{
-    for (size_t place = 0; (place = text.find(what, place)) != string::npos; place += with.size())
-        text.replace(place, what.size(), with);
-    return text;
-}
 
 /// The page as it reads: without what troff makes of minus signs and quotes.
 string readPage()
