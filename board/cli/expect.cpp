@@ -63,10 +63,15 @@ struct View {
     }
 };
 
+/// Whether something is as wanted, and how it is.
+struct Seen {
+    bool holds;
+    std::string saw;
+};
+
 struct Condition {
     std::string wanted;
-    std::function<bool(const View &)> holds;
-    std::function<std::string(const View &)> saw;
+    std::function<Seen(const View &)> look;
     Clock::duration takes{}; ///< how long it takes to tell
 };
 
@@ -102,8 +107,10 @@ void checkPattern(const std::string &pattern)
 Condition is(const std::string &what, const std::string &wanted,
              const std::function<std::string(const View &)> &value)
 {
-    return {what + " " + wanted, [=](const View &view) { return value(view) == wanted; },
-            [=](const View &view) { return what + " " + orNothing(value(view)); }};
+    return {what + " " + wanted, [=](const View &view) {
+                const std::string found = value(view);
+                return Seen{found == wanted, what + " " + orNothing(found)};
+            }};
 }
 
 Condition ledsShow(Options &options)
@@ -122,13 +129,10 @@ Condition modeIs(Options &options)
 Condition logHas(Options &options)
 {
     const std::string text = options.words[0];
-    return {"log \"" + text + "\"",
-            [=](const View &view) {
-                return joined(view.marked(EventKind::Log), "").find(text) != std::string::npos;
-            },
-            [](const View &view) {
-                return std::to_string(view.marked(EventKind::Log).size()) +
-                       " other records since the mark";
+    return {"log \"" + text + "\"", [=](const View &view) {
+                const std::vector<std::string> records = view.marked(EventKind::Log);
+                return Seen{joined(records, "").find(text) != std::string::npos,
+                            std::to_string(records.size()) + " other records since the mark"};
             }};
 }
 
@@ -137,23 +141,20 @@ Condition storeHas(Options &options)
     const std::string attribute = options.words[0];
     const std::string value = options.words[1];
     checkName("attribute", attribute, device::storeAttributes);
-    const auto stored = [=](const View &view) {
-        return view.board.stored(device::statusNode, attribute);
-    };
-    return {"store " + attribute + " \"" + value + "\"",
-            [=](const View &view) { return stored(view) == value; },
-            [=](const View &view) {
-                const auto found = stored(view);
-                return attribute + (found ? " \"" + *found + "\"" : " never set");
-            }};
+    return {
+        "store " + attribute + " \"" + value + "\"", [=](const View &view) {
+            const auto found = view.board.stored(device::statusNode, attribute);
+            return Seen{found == value, attribute + (found ? " \"" + *found + "\"" : " never set")};
+        }};
 }
 
 Condition omciRuns(Options &options)
 {
     const unsigned long long count = toNumber(options.words[0]);
-    const auto runs = [](const View &view) { return view.marked(EventKind::Omci).size(); };
-    return {"omci " + options.words[0], [=](const View &view) { return runs(view) == count; },
-            [=](const View &view) { return "omci run " + std::to_string(runs(view)) + " times"; }};
+    return {"omci " + options.words[0], [=](const View &view) {
+                const size_t runs = view.marked(EventKind::Omci).size();
+                return Seen{runs == count, "omci run " + std::to_string(runs) + " times"};
+            }};
 }
 
 /// A field of a port's line in a snapshot; nothing when there is none.
@@ -184,27 +185,20 @@ Condition snapshotShows(Options &options)
         throw UsageError("no snapshot field: \"" + name +
                          "\" (PORT.in, .out, .counterIn or .counterOut)");
     portNumber(port);
-    const bool absent = value == "none";
-    if (!absent)
+    if (value != "none")
         toNumber(value);
-    return {"snapshot " + name + " " + value,
-            [=](const View &view) {
-                for (const std::string &snapshot : view.marked(EventKind::Snapshot)) {
-                    const auto found = snapshotField(snapshot, port, field);
-                    if (absent ? !found : found == value)
-                        return true;
-                }
-                return false;
-            },
-            [=](const View &view) {
-                std::vector<std::string> values;
-                for (const std::string &snapshot : view.marked(EventKind::Snapshot)) {
-                    const std::string found = snapshotField(snapshot, port, field).value_or("none");
-                    if (values.empty() || values.back() != found)
-                        values.push_back(found);
-                }
-                return name + " " + orNothing(joined(values, ", ")) + " since the mark";
-            }};
+    return {
+        "snapshot " + name + " " + value, [=](const View &view) {
+            std::vector<std::string> values;
+            bool holds = false;
+            for (const std::string &snapshot : view.marked(EventKind::Snapshot)) {
+                const std::string found = snapshotField(snapshot, port, field).value_or("none");
+                holds |= found == value;
+                if (values.empty() || values.back() != found)
+                    values.push_back(found);
+            }
+            return Seen{holds, name + " " + orNothing(joined(values, ", ")) + " since the mark"};
+        }};
 }
 
 Condition calls(Options &options)
@@ -212,15 +206,13 @@ Condition calls(Options &options)
     const std::string function = options.words[0];
     const std::string name = function.starts_with("syscfg_") ? function : "syscfg_" + function;
     checkName("call", name.substr(7, name.find(' ') - 7), functions);
-    return {"calls " + function,
-            [=](const View &view) {
+    return {"calls " + function, [=](const View &view) {
                 const std::vector<std::string> made = view.marked(EventKind::Call);
-                return std::any_of(made.begin(), made.end(), [&](const std::string &call) {
+                const auto isIt = [&](const std::string &call) {
                     return (call + " ").starts_with(name + " ");
-                });
-            },
-            [](const View &view) {
-                return "calls " + orNothing(joined(view.marked(EventKind::Call), ", "));
+                };
+                return Seen{std::any_of(made.begin(), made.end(), isIt),
+                            "calls " + orNothing(joined(made, ", "))};
             }};
 }
 
@@ -239,15 +231,12 @@ Condition exits(Options &options)
     const std::string status = options.words[0];
     toNumber(status);
     options.allowExit = true;
-    const auto last = [](const View &view) {
-        const auto exitTexts = view.marked(EventKind::Exit);
-        return exitTexts.empty() ? "" : std::to_string(exitStatus(exitTexts.back()));
-    };
-    return {"exit " + status, [=](const View &view) { return last(view) == status; },
-            [=](const View &view) {
-                const std::string found = last(view);
-                return found.empty() ? "the daemon running" : "exit " + found;
-            }};
+    return {
+        "exit " + status, [=](const View &view) {
+            const std::vector<std::string> exits = view.marked(EventKind::Exit);
+            const std::string found = exits.empty() ? "" : std::to_string(exitStatus(exits.back()));
+            return Seen{found == status, found.empty() ? "the daemon running" : "exit " + found};
+        }};
 }
 
 Beat toBeat(const std::string &cycle, const std::vector<std::string> &words)
@@ -289,8 +278,8 @@ std::string cycleOf(const std::vector<Event> &frames)
     for (size_t length = 2; 2 * length <= frames.size(); length++) {
         bool repeats = true;
         std::vector<std::string> cycle;
-        for (size_t i = 0; i + length < frames.size(); i++)
-            repeats &= frames[i].text == frames[i + length].text;
+        for (size_t i = 0; repeats && i + length < frames.size(); i++)
+            repeats = frames[i].text == frames[i + length].text;
         for (size_t i = 0; i < length; i++)
             cycle.push_back(frames[i].text);
         const auto period = std::chrono::round<std::chrono::milliseconds>(
@@ -325,11 +314,8 @@ Condition blinks(Options &options)
                     if (watching->frames.empty() || watching->frames.back().text != event.text)
                         watching->frames.push_back(event);
                 }
-                return watching->watch->kept();
-            },
-            [=](const View &) {
                 const std::string cycle = cycleOf(watching->frames);
-                return cycle.empty() ? "the LEDs below" : cycle;
+                return Seen{watching->watch->kept(), cycle.empty() ? "the LEDs below" : cycle};
             },
             beat.length};
 }
@@ -380,41 +366,33 @@ std::vector<Step> toSteps(const std::vector<std::string> &words)
 Condition happensInOrder(Options &options)
 {
     const std::vector<Step> steps = toSteps(options.more);
-    const auto involved = [steps](const View &view) {
-        view.needMark();
-        std::vector<Event> events;
-        News news;
-        for (const Event &event : view.events) {
-            if (news.is(event) && event.time >= view.mark &&
-                std::any_of(steps.begin(), steps.end(),
-                            [&](const Step &step) { return step.matches(event); }))
-                events.push_back(event);
-        }
-        return events;
-    };
-    const auto right = [steps](const std::vector<Event> &events) {
-        size_t count = 0;
-        while (count < std::min(events.size(), steps.size()) && steps[count].matches(events[count]))
-            count++;
-        return count;
-    };
     std::string wanted = "order";
     for (const Step &step : steps)
         wanted += " " + step.shown();
-    return {wanted, [=](const View &view) { return right(involved(view)) == steps.size(); },
-            [=](const View &view) {
-                const std::vector<Event> events = involved(view);
-                const size_t count = right(events);
+    return {wanted, [steps](const View &view) {
+                view.needMark();
+                std::vector<Event> events;
+                News news;
+                for (const Event &event : view.events) {
+                    if (news.is(event) && event.time >= view.mark &&
+                        std::any_of(steps.begin(), steps.end(),
+                                    [&](const Step &step) { return step.matches(event); }))
+                        events.push_back(event);
+                }
+                size_t right = 0;
+                while (right < std::min(events.size(), steps.size()) &&
+                       steps[right].matches(events[right]))
+                    right++;
+                if (right == steps.size())
+                    return Seen{true, "that"};
                 const auto shown = [&](size_t i) {
                     const std::string text = shownText(events[i]);
                     return Step{kindName(events[i].kind), text.substr(0, text.find('\n'))}.shown();
                 };
-                if (count == steps.size())
-                    return std::string("that");
-                const std::string before = count > 0 ? shown(count - 1) + ", then " : "";
-                return before + (count < events.size()
-                                     ? shown(count) + " instead of " + steps[count].shown()
-                                     : "no " + steps[count].shown());
+                return Seen{false,
+                            (right > 0 ? shown(right - 1) + ", then " : "") +
+                                (right < events.size() ? shown(right) + " instead of " : "no ") +
+                                steps[right].shown()};
             }};
 }
 
@@ -435,7 +413,7 @@ bool await(RecordReader &record, const Condition &condition, bool negate, Clock:
         }
         if (record.isUpToDate()) {
             const Clock::time_point now = Clock::now();
-            const bool heldBefore = std::exchange(held, condition.holds(view) != negate);
+            const bool heldBefore = std::exchange(held, condition.look(view).holds != negate);
             if (held && !heldBefore)
                 since = now;
             if (held && now - since >= length)
@@ -472,7 +450,7 @@ int expect(const Cli &cli, const Options &options, const Condition &condition)
     fprintf(stderr, "kelo-board: expected %s%s%s within %s, saw %s\n", options.negate ? "not " : "",
             condition.wanted.c_str(),
             length > Clock::duration::zero() ? (" for " + options.length).c_str() : "",
-            options.within.c_str(), condition.saw(view).c_str());
+            options.within.c_str(), condition.look(view).saw.c_str());
     const Clock::time_point from = std::max(start, std::min(begin, end - shownBefore));
     fputs(waveform(view.events, start, from, end).c_str(), stderr);
     return 1;
