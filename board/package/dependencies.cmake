@@ -7,4 +7,4 @@ file(WRITE ${folder}/debian/control "Source: kelo-board\n\nPackage: kelo-board\n
 execute_process(COMMAND ${shlibdeps} -O ${CPACK_KELO_BOARD} WORKING_DIRECTORY ${folder}
                 OUTPUT_VARIABLE libraries COMMAND_ERROR_IS_FATAL ANY)
 string(REGEX REPLACE "shlibs:Depends=(.*)\n" "\\1" libraries "${libraries}")
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "${libraries}, iproute2, mount, util-linux")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "${libraries}, iproute2, mount")
