@@ -84,7 +84,7 @@ std::string modeName(const std::string &number)
     return known ? device::modeKeywords[mode] : number;
 }
 
-Board::Board(const Options &options, Link::LoopPointer loop)
+Board::Board(const Options &options, const Link::LoopPointer &loop)
     : environment_(options.environment), keep_(options.keep)
 {
     std::vector<std::unique_ptr<Form>> forms = Form::named(options.form);

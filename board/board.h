@@ -62,7 +62,8 @@ public:
     /// Starts the agent, which lays out the board, and records; the daemon does not run yet. Of the
     /// forms of that name it takes the first that the machine does not refuse. Throws
     /// std::runtime_error that says what is refused and how to allow it.
-    explicit Board(const Options &options, Link::LoopPointer loop = std::make_shared<const Loop>());
+    explicit Board(const Options &options,
+                   const Link::LoopPointer &loop = std::make_shared<const Loop>());
     Board() : Board(Options()) {}
     ~Board();
     Board(const Board &) = delete;

@@ -290,9 +290,10 @@ void Host::pass(const ClientPointer &client, const std::string &id, const Words 
     const bool isCommand = request[0] == "run";
     const std::weak_ptr<Client> weak = client;
     const auto command = std::make_shared<unsigned long>();
+    const Answered answered = answering(client, id);
     *command = board_->link().send(
         request,
-        [weak, command, answered = answering(client, id)](const Answer &answer) {
+        [weak, command, answered](const Answer &answer) {
             if (const ClientPointer known = weak.lock())
                 known->commands.erase(*command);
             answered(answer);

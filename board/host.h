@@ -59,14 +59,14 @@ private:
     void serve(const ClientPointer &client, const std::string &line);
     void pass(const ClientPointer &client, const std::string &id, const Words &request);
     static Answered answering(const ClientPointer &client, const std::string &id);
-    void tellState(const Answered &done);
-    void watch(const ClientPointer &client, Clock::time_point since, const Answered &done);
+    void tellState(const Answered &answered);
+    void watch(const ClientPointer &client, Clock::time_point since, const Answered &answered);
     void feed(Client &client);
     void feedAll();
 
-    void press(Clock::duration time, const Answered &done);
-    void start(const std::vector<std::string> &arguments, int speed, const Answered &done);
-    void launch(const Words &command, const Answered &done);
+    void press(Clock::duration time, const Answered &answered);
+    void start(const std::vector<std::string> &arguments, int speed, const Answered &answered);
+    void launch(const Words &command, const Answered &answered);
     void lookWhetherStarted();
     void started(const std::string &failure);
 

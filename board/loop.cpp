@@ -61,7 +61,7 @@ Watch::Watch(event_base *base, int descriptor, std::function<void()> action)
 
 Watch Watch::onSignal(event_base *base, int number, std::function<void()> action)
 {
-    return Watch(base, number, EV_SIGNAL | EV_PERSIST, std::move(action));
+    return {base, number, EV_SIGNAL | EV_PERSIST, std::move(action)};
 }
 
 Watch::Watch(event_base *base, Clock::duration time, std::function<void()> action)

@@ -81,7 +81,7 @@ private:
 };
 
 /// Lets the help speak of what a person types instead of its type.
-void polish(CLI::App &app)
+void polish(CLI::App &app) // NOLINT(misc-no-recursion): as deep as commands are in commands
 {
     app.formatter(std::make_shared<Help>());
     app.get_formatter()->column_width(22);
@@ -118,6 +118,7 @@ std::vector<std::string> arguments(int argc, char **argv)
 
 } // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): the set-up does not depend on what is typed
 int main(int argc, char **argv)
 {
     kelo::Cli cli;

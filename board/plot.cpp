@@ -248,13 +248,15 @@ private:
         const double step = niceStep(length, 10);
         const int decimals = std::max(0, static_cast<int>(-std::floor(std::log10(step) + 1e-9)));
         picture_.line("muted", LEFT, y_, WIDTH - RIGHT, y_);
-        for (double tick = std::ceil(from_ / SECOND / step - 1e-9) * step;
-             tick <= to_ / SECOND + step * 1e-6; tick += step) {
-            const double position = x(tick * SECOND);
+        const auto last = static_cast<int64_t>(std::floor(to_ / SECOND / step + 1e-6));
+        for (auto tick = static_cast<int64_t>(std::ceil(from_ / SECOND / step - 1e-9));
+             tick <= last; tick++) {
+            const double second = static_cast<double>(tick) * step;
+            const double position = x(second * SECOND);
             grid_.line("grid", position, 10, position, y_);
             picture_.line("muted", position, y_, position, y_ + 4);
             char text[32];
-            snprintf(text, sizeof text, "%.*f s", decimals, std::abs(tick));
+            snprintf(text, sizeof text, "%.*f s", decimals, second);
             picture_.text("muted", position, y_ + 18, text, Svg::Anchor::Middle);
         }
     }

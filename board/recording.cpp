@@ -267,8 +267,10 @@ private:
     void noteText(const std::string &comment)
     {
         std::istringstream words(comment);
-        std::string event, name, at, time, text;
-        if (words >> event >> name >> at >> time && event == "event" &&
+        std::string word;
+        std::string name;
+        std::string text;
+        if (words >> word && word == "event" && words >> name >> word >> word &&
             std::getline(words >> std::ws, text))
             texts_[name].push_back(text);
     }

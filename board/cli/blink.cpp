@@ -4,8 +4,8 @@
 
 namespace kelo {
 
-BeatWatch::BeatWatch(Beat beat, Clock::time_point start, const std::string &showing)
-    : beat_(std::move(beat)), steadySince_(start), shownSince_(start), showing_(showing)
+BeatWatch::BeatWatch(Beat beat, Clock::time_point start, std::string showing)
+    : beat_(std::move(beat)), steadySince_(start), shownSince_(start), showing_(std::move(showing))
 {
 }
 

@@ -20,7 +20,7 @@ struct Beat {
 class BeatWatch {
 public:
     /// `showing` is what the LEDs show from `start` on; empty when that is unknown.
-    BeatWatch(Beat beat, Clock::time_point start, const std::string &showing);
+    BeatWatch(Beat beat, Clock::time_point start, std::string showing);
 
     /// The LEDs were written.
     void see(Clock::time_point time, const std::string &pattern);

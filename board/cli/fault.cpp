@@ -62,7 +62,7 @@ void addFault(Cli &cli)
     cli.words[command] = [] {
         std::vector<std::string> words{"on", "off"};
         for (const Fault &fault : faults)
-            words.push_back(fault.name);
+            words.emplace_back(fault.name);
         return words;
     };
 

@@ -290,6 +290,7 @@ std::vector<Outcome> runSideBySide(const std::vector<Scenario> &scenarios,
         signals.push_back(Watch::onSignal(loop.base(), number, [&] { life.write.reset(); }));
 
     std::vector<Outcome> outcomes;
+    outcomes.reserve(scenarios.size());
     for (const Scenario &scenario : scenarios)
         outcomes.push_back({scenario.name, 0, "interrupted before it began", {}, {}});
     std::map<size_t, std::pair<pid_t, Stream>> running;

@@ -39,7 +39,7 @@ std::string firstLine(const std::string &text)
 
 } // namespace
 
-Controls::Controls(const std::string &name, const Access &board) : name_(name), board_(board)
+Controls::Controls(std::string name, const Access &board) : name_(std::move(name)), board_(board)
 {
     tick();
 }
@@ -82,7 +82,7 @@ void Controls::commands(std::list<Words> all, const std::string &done)
 void Controls::run(const Words &words, const std::function<void(const Result &)> &ended)
 {
     if (program_) {
-        waiting_.push_back([=, this] { run(words, ended); });
+        waiting_.emplace_back([=, this] { run(words, ended); });
         return;
     }
     try {

@@ -39,7 +39,7 @@ struct Look {
 class Controls {
 public:
     /// Of the running board of this name.
-    Controls(const std::string &name, const Access &board);
+    Controls(std::string name, const Access &board);
     Controls(const Controls &) = delete;
     Controls &operator=(const Controls &) = delete;
 

@@ -293,7 +293,8 @@ private:
     {
         name(STORE_ROW, "IPv6");
         const auto length = [&](const char *attribute) {
-            return state_.store.count(attribute) ? std::string("/").append(stored(attribute)) : "";
+            return state_.store.contains(attribute) ? std::string("/").append(stored(attribute))
+                                                    : "";
         };
         const std::string values[] = {stored("wanAddress") + length("wanAddressLen"),
                                       stored("wanGateway"),

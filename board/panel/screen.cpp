@@ -43,11 +43,13 @@ const char *capability(const char *name)
 
 void prepareForDeath()
 {
+    std::string all;
     for (const char *const name : {"sgr0", "cnorm", "rmkx", "rmcup"}) {
         const char *const sequence = capability(name);
-        if (sequence && strlen(resetSequence) + strlen(sequence) < sizeof resetSequence)
-            strcat(resetSequence, sequence);
+        if (sequence && all.size() + strlen(sequence) < sizeof resetSequence)
+            all += sequence;
     }
+    all.copy(resetSequence, all.size());
     for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT})
         signal(number, giveBackAndDie);
 }

@@ -96,7 +96,7 @@ void State::takeSnapshot(const std::string &text)
     };
     for (const char *const name : portNames) {
         Traffic &port = ports[name];
-        port.readable = seen.count(name) > 0;
+        port.readable = seen.contains(name);
         push(port.in, port.readable ? seen[name].first : 0);
         push(port.out, port.readable ? seen[name].second : 0);
     }

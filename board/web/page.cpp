@@ -25,7 +25,9 @@ std::string shortSnapshot(const std::string &text)
     std::string result;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
-        char name[16], in[21], out[21];
+        char name[16];
+        char in[21];
+        char out[21];
         if (sscanf(line.c_str(), "port=%15[^,],in=%20[0-9],out=%20[0-9]", name, in, out) == 3)
             result += std::string(result.empty() ? "" : ";") + name + " " + in + " " + out;
     }
@@ -96,7 +98,7 @@ std::string makePage(const Record &record, bool isLive)
             event.kind == EventKind::Snapshot ? shortSnapshot(event.text) : event.text;
         if (event.kind == EventKind::Call && text.starts_with("syscfg_get"))
             continue; // the daemon polls these all the time
-        if (holds && before.count(event.kind) && before[event.kind] == text)
+        if (holds && before.contains(event.kind) && before[event.kind] == text)
             continue;
         before[event.kind] = text;
         const auto [place, isNew] = known.try_emplace({event.kind, text}, known.size());

@@ -140,9 +140,9 @@ std::map<std::string, std::vector<std::string>> decodedEdges(const std::string &
         std::string word;
         words >> word;
         if (word == "$var") {
-            std::string type, width, code, name;
-            words >> type >> width >> code >> name;
-            names[code] = name;
+            std::string code;
+            words >> word >> word >> code;
+            words >> names[code];
         } else if (word[0] == '#') {
             const std::string time = word.substr(1);
             while (words >> word)
@@ -270,7 +270,7 @@ TEST(Recording, ModesComeThroughBitByBit)
 {
     Recording recording;
     recording.signals = {{"gpio6", Signal::Type::Bit}, {"mode", Signal::Type::Bits}};
-    for (int mode = 0; mode <= 8; mode++)
+    for (int64_t mode = 0; mode <= 8; mode++)
         recording.signals[1].changes.push_back({100 * (mode + 1), std::to_string(mode)});
     recording.length = 2000;
     EXPECT_EQ(changesOf(recording, "mode"), changesOf(parse(vcdOf(recording)), "mode"));

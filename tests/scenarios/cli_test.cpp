@@ -270,7 +270,7 @@ TEST(Help, TellsOfEveryCommandWithinEightyColumns)
 {
     std::vector<Words> commands = everyCommand();
     EXPECT_GT(commands.size(), 40U);
-    commands.push_back({});
+    commands.emplace_back();
     for (Words command : commands) {
         command.push_back("--help");
         const Outcome outcome = kb(command);
@@ -938,7 +938,7 @@ protected:
         const std::string note = "\036omci " + std::string(4000, 'y') + "\n";
         for (int i = 0; i < 300; i++)
             std::ofstream(path) << note << std::flush;
-        ASSERT_TRUE(within(30s, [&] { return on({"events"}).err != ""; }));
+        ASSERT_TRUE(within(30s, [&] { return !on({"events"}).err.empty(); }));
     }
 };
 
@@ -1002,7 +1002,7 @@ TEST_F(Forgetful, TellsAReaderWhoIsTooSlow)
     overflow();
     overflow();
     overflow();
-    std::ofstream(folder + "/go");
+    kelo::writeFile(folder + "/go", "");
     EXPECT_TRUE(within(30s, [&] {
         return kelo::readFile(folder + "/said")
                    .find("kelo-board: the record was dropped before it was read\n") !=

@@ -163,7 +163,7 @@ TEST_F(Trace, RecordHasEveryEventInTheOrderOfTheCallsAndAtTheirTime)
         const std::string verb = i % 2 ? "del" : "add";
         const std::string address = std::to_string((i / 2) % 200 + 1);
         board.setLaser(std::to_string(-5 - static_cast<int>(i % 30)));
-        board.setPort(1 + static_cast<int>(i % 7), i * 1000, i);
+        board.setPort(1 + static_cast<int>(i % 7), i * 1000ULL, i);
         ip("-6 addr " + verb + " 2001:db8::" + address + "/64 dev nas0_0 nodad");
         ip("-6 route " + verb + " 2001:db8:" + address + "::/48 via fe80::1 dev br0");
         if (i % 4 == 0)

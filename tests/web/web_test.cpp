@@ -219,7 +219,8 @@ TEST_F(Page, ShowsTheLedsThatARunningBoardHadAtTwentyTimes)
         for (int i = 0; i < 20; i++) {
             // In the middle between two changes, since a recording rounds their times.
             double at = length * i / 20 + 0.1;
-            double before = 0, after = length;
+            double before = 0;
+            double after = length;
             for (const json &one : record) {
                 if (one["kind"] == "leds" && one["time"] <= at)
                     before = one["time"];
@@ -464,7 +465,9 @@ TEST_F(Page, TheTimeLineIsDragged)
 {
     show(example(), "t=1");
     const json line = browser().evaluate("$('line').getBoundingClientRect().toJSON()");
-    const double x = line["x"], y = line["y"].get<double>() + 20, width = line["width"];
+    const double x = line["x"];
+    const double y = line["y"].get<double>() + 20;
+    const double width = line["width"];
     browser().drag(x + width / 4, y, x + width / 2, y);
     EXPECT_NEAR(10, time(), 0.05);
     browser().drag(x + width / 4, y, x + width / 4, y);
@@ -475,7 +478,8 @@ TEST_F(Page, TheTimeLineIsDragged)
     go(10);
     const json lens = browser().evaluate("$('lens').getBoundingClientRect().toJSON()");
     const double second = (lens["width"].get<double>() - 52) / 20;
-    const double middle = lens["x"].get<double>() + 400, top = lens["y"].get<double>() + 50;
+    const double middle = lens["x"].get<double>() + 400;
+    const double top = lens["y"].get<double>() + 50;
     browser().drag(middle, top, middle + 3 * second, top);
     EXPECT_NEAR(7, time(), 0.05) << "what is dragged to the right was before";
     EXPECT_EQ(time(), number("parseFloat($('line').ariaValueNow)"));
@@ -540,8 +544,8 @@ TEST_F(Page, TenMinutesOfABusyBoardTakeLessThan200Kilobytes)
             continue;
         std::string ports;
         for (const char *const port : {"lan1", "lan2", "lan3", "lan4", "wan", "wifi2", "wifi5"}) {
-            const std::string in = std::to_string(next(100000000)),
-                              out = std::to_string(next(9999999));
+            const std::string in = std::to_string(next(100000000));
+            const std::string out = std::to_string(next(9999999));
             ports += std::string("port=") + port + ",in=" + in + ",out=" + out + ",counterIn=9" +
                      in + ",counterOut=9" + out + "\n";
         }
