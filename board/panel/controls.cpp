@@ -85,18 +85,23 @@ void Controls::run(const Words &words, const std::function<void(const Result &)>
         waiting_.emplace_back([=, this] { run(words, ended); });
         return;
     }
+    const auto done = [=, this](const Result &result) {
+        late_ = Watch();
+        program_.reset();
+        ended(result); // which may run what belongs to it first
+        if (!program_ && !waiting_.empty()) {
+            const auto next = std::move(waiting_.front());
+            waiting_.pop_front();
+            next();
+        }
+    };
     try {
-        program_.emplace(board_.link().loop().base(),
-                         concat({"/proc/self/exe", "-b", name_}, words),
-                         [=, this](const Result &result) {
-                             program_.reset();
-                             ended(result); // which may run what belongs to it first
-                             if (!program_ && !waiting_.empty()) {
-                                 const auto next = std::move(waiting_.front());
-                                 waiting_.pop_front();
-                                 next();
-                             }
-                         });
+        event_base *const base = board_.link().loop().base();
+        program_.emplace(base, concat({"/proc/self/exe", "-b", name_}, words), done);
+        late_ = Watch(base, startLimit, [=, this] {
+            program_->kill();
+            done({1, "kelo-board: " + words[0] + " does not end"});
+        });
     } catch (const std::runtime_error &error) {
         tell(error.what(), true);
     }

@@ -94,6 +94,7 @@ private:
     std::optional<Message> message_;
     Look look_;
     std::optional<Program> program_;
+    Watch late_;                                ///< ends it when it takes too long
     std::deque<std::function<void()>> waiting_; ///< to run programs after that
     Watch ticking_;
 };

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include <csignal>
+#include <sys/stat.h>
 
 namespace {
 
@@ -547,6 +548,19 @@ TEST_F(PanelTest, SavesRecordingAndPicture)
     terminal->keys({"-l", "/nowhere/my.vcd"});
     key("Enter");
     EXPECT_TRUE(shows("FAILED: cannot write /nowhere/my.vcd"));
+}
+
+TEST_F(PanelTest, CommandThatDoesNotEndIsGivenUp)
+{
+    openAndWait();
+    ASSERT_EQ(0, mkfifo((terminal->folder() + "/nobody-reads").c_str(), 0600));
+    key("v");
+    key("C-u");
+    terminal->keys({"-l", "nobody-reads"});
+    key("Enter");
+    EXPECT_TRUE(terminal->shows("FAILED: record does not end", 40s));
+    key("w");
+    EXPECT_TRUE(shows("WAN address  2001:db8::1/64"));
 }
 
 TEST_F(PanelTest, SaysWhatATerminalLacks)

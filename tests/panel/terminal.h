@@ -84,17 +84,22 @@ public:
     }
 
     /// Waits until the screen matches a pattern; in a test that failed already, only looks.
-    testing::AssertionResult shows(const std::string &pattern) { return waits(pattern, true); }
+    testing::AssertionResult shows(const std::string &pattern,
+                                   std::chrono::seconds limit = deadline)
+    {
+        return waits(pattern, true, limit);
+    }
     testing::AssertionResult showsNoMore(const std::string &pattern)
     {
-        return waits(pattern, false);
+        return waits(pattern, false, deadline);
     }
 
 private:
-    testing::AssertionResult waits(const std::string &pattern, bool wanted)
+    testing::AssertionResult waits(const std::string &pattern, bool wanted,
+                                   std::chrono::seconds limit)
     {
         const std::regex regex(pattern);
-        const auto patience = testing::Test::HasFailure() ? 0s : deadline;
+        const auto patience = testing::Test::HasFailure() ? 0s : limit;
         const auto end = std::chrono::steady_clock::now() + patience;
         for (;;) {
             const std::string screen = text();
