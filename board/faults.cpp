@@ -11,6 +11,13 @@ namespace {
 // Notes which faults a board has.
 constexpr char folder[] = "/board/faults/";
 
+/// What a fault breaks: what its name begins with.
+std::string thingOf(const Fault &fault)
+{
+    const std::string name = fault.name;
+    return name.substr(0, name.find('-'));
+}
+
 // The file is replaced in one step, so that the daemon finds the one or the other.
 #define REPLACE_LED_FILE "replace() { ln -s \"$1\" .new; mv -T .new proc/tc3162/gpio_output; }\n"
 #define RESTORE_LED_FILE "ln dev/channel .new; mv -T .new proc/tc3162/gpio_output; rm -f .new\n"
@@ -78,9 +85,14 @@ std::set<std::string> toFaults(const std::string &text)
 
 void setFault(const Access &board, const Fault &fault, bool on)
 {
-    if (faultsOf(board).contains(fault.name) == on)
+    const std::set<std::string> present = faultsOf(board);
+    if (present.contains(fault.name) == on)
         return;
     board.require(fault.needs);
+    for (const Fault &other : faults) {
+        if (on && thingOf(other) == thingOf(fault) && present.contains(other.name))
+            setFault(board, other, false);
+    }
     runScript(board, on ? fault.on : fault.off);
     const std::string note = std::string(folder) + fault.name;
     if (on)

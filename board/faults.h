@@ -29,8 +29,8 @@ std::set<std::string> faultsOf(const Access &board);
 extern const Words faultsRequest;
 std::set<std::string> toFaults(const std::string &text);
 
-/// Brings a fault about or mends it; nothing happens when it is so already. Throws
-/// std::runtime_error when the board cannot have it.
+/// Brings a fault about, in place of another of the same thing, or mends it; nothing happens when
+/// it is so already. Throws std::runtime_error when the board cannot have it.
 void setFault(const Access &board, const Fault &fault, bool on);
 
 /// Stops the daemon, lets far more addresses come and go than its netlink socket holds, and lets it

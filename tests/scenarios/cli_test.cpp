@@ -901,6 +901,25 @@ TEST_F(OnBoard, EveryFaultComesAndGoes)
     succeeds({"expect", "calls", "reboot"});
 }
 
+TEST_F(OnBoard, AFaultTakesThePlaceOfAnotherOfTheSameThing)
+{
+    for (const auto &[fault, other] : {std::pair{"led-missing", "led-failing"},
+                                       {"led-failing", "led-missing"},
+                                       {"run-full", "run-readonly"},
+                                       {"run-readonly", "run-full"},
+                                       {"omci-slow", "omci-failing"},
+                                       {"omci-failing", "omci-slow"},
+                                       {"omci-missing", "omci-slow"}}) {
+        succeeds({"fault", fault});
+        succeeds({"fault", other});
+        EXPECT_EQ(false, json({"fault", "--json"})[fault]);
+        EXPECT_EQ(true, json({"fault", "--json"})[other]);
+        succeeds({"fault", other, "off"});
+    }
+    succeeds({"mode", "errora12"});
+    succeeds({"expect", "leds", "010000"});
+}
+
 TEST_F(OnBoard, ExpectCountsFromTheMark)
 {
     succeeds({"mode", "none"});
