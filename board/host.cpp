@@ -58,7 +58,8 @@ Host::Host(const std::string &name, const Options &options)
 Host::~Host()
 {
     board_.reset();
-    accepting_ = Watch();
+    for (Watch *const watch : {&accepting_, &pressing_, &startLimit_})
+        *watch = Watch();
     socket_.reset(); // the name is free
     // Who asked for the end hears of it once it is there, and the others, that it was asked for.
     for (const Answered &answered : awaitEnd_)
@@ -87,23 +88,33 @@ void Host::startDaemon(const std::vector<std::string> &arguments, int speed)
 
 void Host::press(Clock::duration time, const Answered &answered)
 {
-    if (pressing_) {
+    if (pressed_) {
         answered(failed("the button is being pressed"));
         return;
     }
     // Let go well before the value grows once more, which it does every second.
     const Clock::duration length = std::min<Clock::duration>(
         time, std::chrono::ceil<std::chrono::seconds>(time) - std::chrono::milliseconds(300));
-    const auto letGo = [this, answered] {
-        pressing_.reset();
-        board_->link().send({"button", "0"}, answered);
-    };
-    pressing_.emplace(base(), length, letGo);
-    board_->link().send({"hold", std::to_string(speed_)}, [this, answered](const Answer &answer) {
+    pressed_ = answered;
+    pressing_ = Watch(base(), length, [this] { release([](const Answer &) {}); });
+    board_->link().send({"hold", std::to_string(speed_)}, [this](const Answer &answer) {
         if (answer.ok())
             return;
-        pressing_.reset();
+        pressing_ = Watch();
+        if (const Answered pressed = std::exchange(pressed_, nullptr))
+            pressed(answer);
+    });
+}
+
+/// Lets go of the button; whoever pressed it for a time hears of it, too.
+void Host::release(const Answered &answered)
+{
+    pressing_ = Watch();
+    const Answered pressed = std::exchange(pressed_, nullptr);
+    board_->link().send({"button", "0"}, [answered, pressed](const Answer &answer) {
         answered(answer);
+        if (pressed)
+            pressed(answer);
     });
 }
 
@@ -278,7 +289,7 @@ void Host::serve(const ClientPointer &client, const std::string &line)
     } else if (verb == "hold") {
         pass(client, id, {"hold", std::to_string(speed_)});
     } else if (verb == "release") {
-        pass(client, id, {"button", "0"});
+        release(answered);
     } else {
         pass(client, id, request);
     }

@@ -65,6 +65,7 @@ private:
     void feedAll();
 
     void press(Clock::duration time, const Answered &answered);
+    void release(const Answered &answered);
     void start(const std::vector<std::string> &arguments, int speed, const Answered &answered);
     void launch(const Words &command, const Answered &answered);
     void lookWhetherStarted();
@@ -89,7 +90,8 @@ private:
     size_t startPlace_ = 0; ///< of the record
     int drawn_ = 0;         ///< how often the LEDs were, since
     Watch startLimit_;
-    std::optional<Watch> pressing_; ///< waits to let go of the button
+    Answered pressed_; ///< while the button is pressed for a time
+    Watch pressing_;   ///< waits to let go of it
 };
 
 } // namespace kelo

@@ -683,6 +683,16 @@ TEST_F(OnBoard, PressLetsGoThoughNobodyWaitsForIt)
     succeeds({"expect", "order", "button", "1", "button", "2", "button", "0"});
 }
 
+TEST_F(OnBoard, ReleaseEndsAPress)
+{
+    const pid_t press = kelo::spawnApart({KELO_BOARD_PROGRAM, "-b", name, "press", "1000"}, {});
+    EXPECT_TRUE(
+        within(20s, [&] { return on({"events"}).out.find("button    1\n") != std::string::npos; }));
+    succeeds({"release"});
+    EXPECT_EQ(0, kelo::waitFor(press));
+    succeeds({"press", "0"});
+}
+
 TEST_F(OnBoard, StatusTellsWhetherTheDaemonRuns)
 {
     EXPECT_TRUE(has(on({"status"}).out, "daemon    running\n"));
