@@ -439,10 +439,11 @@ private:
         screen_.fill(row, 0, width_, " ", Colour::Title);
         if (view_.prompt) {
             // The end of a long text is where it is typed.
-            std::string text = typed(*view_.prompt);
-            while (Screen::bytes(text, width_ - 2) < text.size())
-                text.erase(0, Screen::bytes(text, 1));
-            screen_.put(row, 1, width_ - 2, text, Colour::Title);
+            const std::string text = typed(*view_.prompt);
+            std::string end = text;
+            for (int cut = 1; Screen::bytes(end, width_ - 2) < end.size(); cut++)
+                end = text.substr(Screen::bytes(text, cut));
+            screen_.put(row, 1, width_ - 2, end, Colour::Title);
             return;
         }
         screen_.put(

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
 #include <langinfo.h>
 #include <poll.h>
 #include <stdexcept>
@@ -165,14 +166,16 @@ void Screen::show()
     refresh();
 }
 
-size_t Screen::bytes(const std::string &text, int characters)
+size_t Screen::bytes(const std::string &text, int width)
 {
     size_t position = 0;
-    for (; position < text.size() && characters > 0; characters--) {
-        do
-            position++;
-        while (position < text.size() &&
-               (static_cast<unsigned char>(text[position]) & 0xc0) == 0x80);
+    while (position < text.size()) {
+        wchar_t character;
+        const int length = mbtowc(&character, text.c_str() + position, text.size() - position);
+        width -= length > 0 ? std::max(0, wcwidth(character)) : 1;
+        if (width < 0)
+            break;
+        position += static_cast<size_t>(std::max(1, length));
     }
     return position;
 }

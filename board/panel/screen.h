@@ -41,8 +41,8 @@ public:
     void fill(int row, int column, int width, const char *character, Colour colour = Colour::Plain,
               unsigned attributes = 0);
 
-    /// How many bytes the first characters of a UTF-8 text take.
-    static size_t bytes(const std::string &text, int characters);
+    /// How many bytes of a text fit into so many columns.
+    static size_t bytes(const std::string &text, int width);
 
     static constexpr unsigned BOLD = 1;
     static constexpr unsigned REVERSE = 2;

@@ -544,6 +544,9 @@ TEST_F(PanelTest, SavesRecordingAndPicture)
     key("v");
     terminal->keys({"-l", std::string(100, 'x') + "é"});
     EXPECT_TRUE(shows("\n x{76}é_\n"));
+    terminal->keys(
+        {"-l", std::string("日本語日本語日本語日本語日本語日本語日本語日本語日本語日本語")});
+    EXPECT_TRUE(shows("本語_\n"));
     key("C-u");
     terminal->keys({"-l", "/nowhere/my.vcd"});
     key("Enter");
