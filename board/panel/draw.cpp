@@ -149,8 +149,6 @@ private:
     void title()
     {
         screen_.fill(0, 0, width_, " ", Colour::Title);
-        screen_.put(0, 1, width_ / 2, "kelo-monitord on " + printable(view_.board), Colour::Title,
-                    Screen::BOLD);
         std::string status = "starting";
         const bool works = view_.look.daemon == "running" && view_.look.process;
         if (ended())
@@ -163,8 +161,10 @@ private:
             status = format("running, process %d", *view_.look.process);
         if (works && !ended())
             status += ", board up " + span(view_.now - view_.start);
-        const int room = static_cast<int>(status.size());
-        screen_.put(0, std::max(width_ / 2, width_ - room - 1), room, status, Colour::Title);
+        const int column = width_ - static_cast<int>(status.size()) - 1;
+        screen_.put(0, 1, column - 2, "kelo-monitord on " + printable(view_.board), Colour::Title,
+                    Screen::BOLD);
+        screen_.put(0, column, width_, status, Colour::Title);
     }
 
     void leds()

@@ -261,6 +261,15 @@ TEST_F(PanelTest, ShowsAStoppedDaemonAsThat)
     EXPECT_TRUE(shows("running, process"));
 }
 
+TEST_F(PanelTest, NameOfTheBoardGetsTheRoomThatItsStateLeaves)
+{
+    board += "-with-a-very-long-name-of-which-only-a-part-can-be-shown";
+    openAndWait();
+    EXPECT_TRUE(shows("kelo-monitord on panel.* running, process [0-9]+, board up [0-9]+ s\n"));
+    ASSERT_EQ(0, command({"signal", "STOP"}).status);
+    EXPECT_TRUE(shows("on " + board.substr(0, 34) + ".* STOPPED, s c lets it go on\n"));
+}
+
 TEST_F(PanelTest, FaultsAreShownAndSet)
 {
     openAndWait();
