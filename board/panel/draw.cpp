@@ -265,7 +265,7 @@ private:
             text = std::string(state_.outcome == ButtonOutcome::Reboot ? "REBOOTED"
                                                                        : "RESTORED defaults") +
                    (state_.button ? format(", still held, value %d", state_.button) : "") +
-                   "; not looked at again before a restart (R)";
+                   "; ignored until a restart (R)";
             colour = Colour::Accent;
         } else if (state_.button >= restoreValue) {
             text = format("HELD, value %d: restores defaults within 1 s", state_.button);

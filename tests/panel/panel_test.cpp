@@ -214,7 +214,7 @@ TEST_F(PanelTest, HeldButtonSaysWhatComesAndRestores)
     EXPECT_TRUE(shows("RESTORED defaults, still held"));
     EXPECT_TRUE(shows("Mode +restore"));
     key("r");
-    EXPECT_TRUE(shows("RESTORED defaults; not looked at again"));
+    EXPECT_TRUE(shows("RESTORED defaults; ignored until a restart"));
     key("R");
     EXPECT_TRUE(shows("Button released"));
     EXPECT_TRUE(shows("Mode +signal"));
@@ -225,7 +225,7 @@ TEST_F(PanelTest, ShortPressReboots)
     openAndWait();
     key("b");
     EXPECT_TRUE(shows("HELD, value 1"));
-    EXPECT_TRUE(shows("REBOOTED; not looked at again before a restart"));
+    EXPECT_TRUE(shows("REBOOTED; ignored until a restart"));
     EXPECT_TRUE(shows("Mode +reboot"));
 }
 
