@@ -8,6 +8,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <charconv>
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -131,6 +132,16 @@ int signalNumber(std::string name);
 
 /// A port's number by name or number. Throws UsageError.
 int portNumber(const std::string &name);
+
+/// A text that is all one number; a whole one in decimal.
+template <class Number>
+std::optional<Number> parsed(const std::string &text)
+{
+    Number number;
+    const char *const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number);
+    return result.ec == std::errc() && result.ptr == end ? std::optional(number) : std::nullopt;
+}
 
 /// A number from 0 to 2^64 - 1. Throws UsageError.
 unsigned long long toNumber(const std::string &text);

@@ -5,7 +5,6 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
@@ -84,9 +83,8 @@ std::string modeNumber(const std::string &name)
         std::find(std::begin(device::modeKeywords), std::end(device::modeKeywords), name);
     if (keyword != std::end(device::modeKeywords))
         return std::to_string(keyword - device::modeKeywords);
-    int number = 0;
-    if (CLI::detail::lexical_cast(name, number))
-        return std::to_string(number);
+    if (const auto number = parsed<int>(name))
+        return std::to_string(*number);
     throw UsageError("no display mode: \"" + name + "\" (kelo-board mode --help lists them)");
 }
 
@@ -104,12 +102,9 @@ int signalNumber(std::string name)
 
 unsigned long long toNumber(const std::string &text)
 {
-    unsigned long long number = 0;
-    const char *const end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, number);
-    if (result.ec != std::errc() || result.ptr != end)
-        throw UsageError("no count: \"" + text + "\" (0 to 18446744073709551615)");
-    return number;
+    if (const auto number = parsed<unsigned long long>(text))
+        return *number;
+    throw UsageError("no count: \"" + text + "\" (0 to 18446744073709551615)");
 }
 
 Clock::duration toDuration(const std::string &text)

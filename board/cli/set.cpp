@@ -3,7 +3,6 @@
 #include "device.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 
 namespace kelo {
@@ -12,7 +11,6 @@ namespace {
 
 struct Values {
     std::string text;
-    int number = 0;
     std::string in;
     std::string out = "0";
 };
@@ -21,13 +19,18 @@ std::string powerText(const std::string &text)
 {
     if (text == "none")
         return "";
-    double dbm;
-    const char *const end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, dbm);
-    if (result.ec != std::errc() || result.ptr != end || dbm < -100 || dbm > 40)
+    const auto dbm = parsed<double>(text);
+    if (!dbm || *dbm < -100 || *dbm > 40)
         throw UsageError("no optical power: \"" + text +
                          "\" (dBm from -100 to 40, such as -18.5, or nan or none)");
     return text;
+}
+
+int toInteger(const std::string &text, const std::string &what)
+{
+    if (const auto number = parsed<int>(text))
+        return *number;
+    throw UsageError("no " + what + ": \"" + text + "\" (a whole number)");
 }
 
 void setPort(const Cli &cli, const std::string &name, const std::string &in, const std::string &out)
@@ -86,13 +89,19 @@ void addSet(Cli &cli)
         ->required();
 
     cli.addTo(*set, "gpon", "GPON ONU state",
-              [&cli, values] { cli.running().setGpon(values->number); })
-        ->add_option("STATE", values->number, "5 is link up, anything else is down")
+              [&cli, values] {
+                  const int state = toInteger(values->text, "GPON state");
+                  cli.running().setGpon(state);
+              })
+        ->add_option("STATE", values->text, "5 is link up, anything else is down")
         ->required();
 
     cli.addTo(*set, "button", "Value of the reset button",
-              [&cli, values] { cli.running().setButton(values->number); })
-        ->add_option("VALUE", values->number, "0 is released, from 5 on a long hold")
+              [&cli, values] {
+                  const int value = toInteger(values->text, "button value");
+                  cli.running().setButton(value);
+              })
+        ->add_option("VALUE", values->text, "0 is released, from 5 on a long hold")
         ->required();
 
     CLI::App *const port = cli.addTo(*set, "port", "Byte counters of a port", [&cli, values] {

@@ -159,9 +159,10 @@ const BadUse badUses[] = {
     {"LaserDark", {"set", "laser", "-100.1"}, "no optical power: \"-100.1\""},
     {"LaserEmpty", {"set", "laser", ""}, "no optical power: \"\""},
     {"LaserUnit", {"set", "laser", "-3dBm"}, "no optical power: \"-3dBm\""},
-    {"GponWord", {"set", "gpon", "up"}, "STATE = up"},
-    {"GponRange", {"set", "gpon", "99999999999"}, "STATE = 99999999999"},
-    {"ButtonWord", {"set", "button", "down"}, "VALUE = down"},
+    {"GponWord", {"set", "gpon", "up"}, "no GPON state: \"up\" (a whole number)"},
+    {"GponEmpty", {"set", "gpon", ""}, "no GPON state: \"\""},
+    {"GponRange", {"set", "gpon", "99999999999"}, "no GPON state: \"99999999999\""},
+    {"ButtonWord", {"set", "button", "down"}, "no button value: \"down\""},
     {"PortName", {"set", "port", "lan9", "1", "2"}, "no port: \"lan9\""},
     {"PortNumber", {"set", "port", "0", "1", "2"}, "no port: \"0\""},
     {"PortCount", {"set", "port", "lan1", "-1"}, "no count: \"-1\""},
@@ -928,6 +929,13 @@ TEST_F(OnBoard, AFaultTakesThePlaceOfAnotherOfTheSameThing)
     }
     succeeds({"mode", "errora12"});
     succeeds({"expect", "leds", "010000"});
+}
+
+TEST_F(OnBoard, NumbersAreDecimal)
+{
+    succeeds({"set", "gpon", "010"});
+    EXPECT_TRUE(within(10s, [&] { return json({"status", "--json"})["gpon"] == 10; }));
+    EXPECT_EQ(2, on({"expect", "mode", ""}).status);
 }
 
 TEST_F(OnBoard, ExpectCountsFromTheMark)
