@@ -53,12 +53,12 @@ void press(const std::string &board, const std::string &time)
 
 void send(const Access &board, const std::string &text)
 {
+    board.writeKeyword(text);
     const std::vector<std::string> known = modeKeywords();
     if (std::none_of(known.begin(), known.end(),
                      [&](const std::string &keyword) { return text.starts_with(keyword); }))
         fprintf(stderr, "kelo-board: no display mode is called \"%s\"; sent it all the same\n",
                 text.c_str());
-    board.writeKeyword(text);
 }
 
 } // namespace

@@ -716,6 +716,10 @@ TEST_F(OnBoard, ModeWarnsOfAKeywordThatNoModeHas)
     succeeds({"expect", "log", "received \"locatme\""});
     succeeds({"mode", "locateme, please"});
     succeeds({"expect", "mode", "locateme"});
+    succeeds({"signal", "STOP"});
+    const Outcome tooLong = on({"mode", std::string(70000, 'x')});
+    EXPECT_EQ(1, tooLong.status);
+    EXPECT_EQ(0U, tooLong.err.find("kelo-board: cannot write into the display pipe: "));
 }
 
 TEST_F(OnBoard, PathLeadsToTheBoardsFiles)
