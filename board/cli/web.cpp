@@ -19,8 +19,8 @@ void serve(const std::string &board, const Options &options)
         life = startApart(board, std::vector<std::string>(), Host::KEPT_MEGABYTES, true);
     Server server(board, options.address, options.port);
     puts(server.url().c_str());
-    fflush(stdout);
-    server.run();
+    if (fflush(stdout) == 0) // or nobody knows the page
+        server.run();
     try {
         if (life)
             endBoard(board);

@@ -134,6 +134,8 @@ Server::Server(const std::string &board, const std::string &address, int port)
     : board_(board), start_(toTime(stateOf(board)["start"])), token_(makeToken()),
       http_(evhttp_new(loop_->base())), address_(address)
 {
+    if (!isAddress(place(), port_))
+        throw std::invalid_argument("no address: \"" + address + "\" (such as 0.0.0.0 or ::)");
     evhttp_set_allowed_methods(http_.get(), EVHTTP_REQ_GET | EVHTTP_REQ_POST);
     evhttp_set_max_body_size(http_.get(), bodyMax);
     evhttp_set_max_headers_size(http_.get(), 4 * bodyMax);
@@ -163,11 +165,16 @@ Server::~Server()
     }
 }
 
-std::string Server::url() const
+std::string Server::place() const
 {
     const std::string host =
         address_.find(':') == std::string::npos ? address_ : "[" + address_ + "]";
-    return "http://" + host + ":" + std::to_string(port_) + "/" + token_ + "/";
+    return host + ":" + std::to_string(port_);
+}
+
+std::string Server::url() const
+{
+    return "http://" + place() + "/" + token_ + "/";
 }
 
 void Server::run()

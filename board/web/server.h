@@ -22,7 +22,8 @@ namespace kelo {
 class Server {
 public:
     /// Serves a running board at an address and a port; 0 is any free one. Throws BoardGone when
-    /// there is no such board, and std::runtime_error when it cannot listen there.
+    /// there is no such board, std::invalid_argument when that is no address, and
+    /// std::runtime_error when it cannot listen there.
     Server(const std::string &board, const std::string &address, int port);
     ~Server();
     Server(const Server &) = delete;
@@ -57,6 +58,7 @@ private:
         Clock::time_point end;
     };
 
+    std::string place() const;
     void handle(evhttp_request *request);
     void serve(evhttp_request *request, bool isPost, const std::string &what);
     void watch(evhttp_request *request);

@@ -935,6 +935,13 @@ TEST_F(OnBoard, AFaultTakesThePlaceOfAnotherOfTheSameThing)
     succeeds({"expect", "leds", "010000"});
 }
 
+TEST_F(OnBoard, ItsPageIsServedAtAddressesOnly)
+{
+    const Outcome outcome = on({"web", "--address", "nowhere"});
+    EXPECT_EQ(2, outcome.status);
+    EXPECT_EQ("kelo-board: no address: \"nowhere\" (such as 0.0.0.0 or ::)\n", outcome.err);
+}
+
 TEST_F(OnBoard, NumbersAreDecimal)
 {
     succeeds({"set", "gpon", "010"});
