@@ -28,7 +28,7 @@ constexpr char watching[] = "watch:";
 std::string formOf(const std::string &name)
 {
     const char *const given = getenv("KELO_BOARD");
-    return !name.empty() ? name : given ? given : "host";
+    return !name.empty() ? name : given && *given ? given : "host";
 }
 
 fs::path userNamespace(const std::string &process)

@@ -423,7 +423,8 @@ TEST_F(OnBoard, AnEarlierBoardKeepsItsName)
 TEST_F(OnBoard, SeveralBoardsAreDrivenByName)
 {
     const std::string other = name + "-other";
-    ASSERT_EQ(0, kb({"up", "--detach", other}).status);
+    ASSERT_EQ(
+        0, runCommand({"env", "KELO_BOARD=", KELO_BOARD_PROGRAM, "up", "--detach", other}).status);
     succeeds({"mode", "errora12"});
     succeeds({"expect", "leds", "010000"});
     EXPECT_EQ("signal\n", kb({"-b", other, "mode"}).out);
