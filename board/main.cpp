@@ -158,7 +158,7 @@ int main(int argc, char **argv)
     } catch (const CLI::ParseError &error) {
         if (error.get_exit_code() != 0)
             return complain(USAGE_ERROR, usageMessage(&cli.app, error));
-        return cli.app.exit(error);
+        cli.app.exit(error); // prints the help or the version
     } catch (const kelo::UsageError &error) {
         return complain(USAGE_ERROR, error.what());
     } catch (const std::invalid_argument &error) {

@@ -18,11 +18,12 @@ struct LookOptions {
     std::string attribute;
 };
 
-/// Whether nobody reads the output any more, as when grep -m 1 has found it.
+/// Whether the output cannot be written, or nobody reads it any more, as when grep -m 1 has found
+/// it.
 bool readerIsGone()
 {
     pollfd output{STDOUT_FILENO, 0, 0};
-    return poll(&output, 1, 0) > 0 && (output.revents & POLLERR);
+    return ferror(stdout) || (poll(&output, 1, 0) > 0 && (output.revents & POLLERR));
 }
 
 /// Prints the record of a board, of one kind or of all, and goes on as it grows if asked to.

@@ -328,9 +328,15 @@ TEST(Completion, OffersWhatMayComeNext)
 
 TEST(Output, ThatCannotBeWrittenIsAFailure)
 {
-    const Outcome outcome = runCommand({"sh", "-c", KELO_BOARD_PROGRAM " list > /dev/full"});
-    EXPECT_EQ(1, outcome.status);
-    EXPECT_EQ("kelo-board: cannot write the output: No space left on device\n", outcome.err);
+    const std::string name = uniqueName();
+    ASSERT_EQ(0, kb({"up", "--detach", name}).status);
+    for (const char *const command : {"list", "--help", "--version", "log --follow", "web"}) {
+        const std::string line = KELO_BOARD_PROGRAM " -b " + name + " " + command + " > /dev/full";
+        const Outcome outcome = runCommand({"timeout", "30", "sh", "-c", line});
+        EXPECT_EQ(1, outcome.status) << command;
+        EXPECT_EQ("kelo-board: cannot write the output: No space left on device\n", outcome.err);
+    }
+    kb({"down", name});
 }
 
 // --- On a board ----------------------------------------------------------------------------------
