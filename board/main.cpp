@@ -37,6 +37,7 @@ int complain(int status, const std::string &text)
 /// What is wrong with the command line, and which help tells how it goes.
 std::string usageMessage(const CLI::App *app, const CLI::Error &error)
 {
+    const std::vector<std::string> unknown = app->remaining(true);
     std::string command = "kelo-board";
     while (!app->get_subcommands().empty()) {
         app = app->get_subcommands().front();
@@ -44,10 +45,11 @@ std::string usageMessage(const CLI::App *app, const CLI::Error &error)
     }
     std::string text = error.what();
     const bool isGroup = !app->get_subcommands([](const CLI::App *) { return true; }).empty();
-    if (isGroup && error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError)) {
-        const CLI::App *const top = app->get_parent() ? app->get_parent() : app;
-        const std::vector<std::string> unknown = top->remaining(true);
-        text = unknown.empty() ? "a command is missing" : "unknown command: " + unknown.front();
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError)) {
+        if (!unknown.empty())
+            text = (isGroup ? "unknown command: " : "not expected: ") + unknown.front();
+        else if (isGroup)
+            text = "a command is missing";
     }
     if (text.size() > 1 && islower(text[1]))
         text[0] = static_cast<char>(tolower(text[0]));

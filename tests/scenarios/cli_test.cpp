@@ -210,6 +210,7 @@ const BadUse badUses[] = {
     {"OrderKind", {"expect", "order", "address", "omci"}, "no kind of event: \"address\" (leds, "},
     {"OrderTexts", {"expect", "order", "log", "a", "b"}, "no kind of event: \"b\""},
     {"BlinkZero", {"expect", "blink", "000000/111111", "period", "0"}, "no period: \"0\""},
+    {"PlotMisspelled", {"plot", "--out", "a.svg"}, "not expected: --out (see kelo-board plot"},
     {"RunNothing", {"run"}, "FILE is required"},
     {"RunMissing", {"run", "/nonexistent"}, "/nonexistent"},
     {"RunFolder", {"run", "/"}, "FILE"},
