@@ -107,10 +107,10 @@ std::vector<std::string> arguments(int argc, char **argv)
     size_t command = 0;
     while (command < result.size() && result[command].starts_with("-"))
         command += result[command] == "-b" || result[command] == "--board" ? 2 : 1;
-    const auto takesCommand = [&] { return result[command] == "exec" || result[command] == "ip"; };
-    if (command + 1 < result.size() && takesCommand()) {
-        command += result[command + 1] == "--far" && command + 2 < result.size();
-        const std::string &next = result[command + 1];
+    const auto word = [&](size_t at) { return at < result.size() ? result[at] : "--"; };
+    if (word(command) == "exec" || word(command) == "ip") {
+        command += word(command + 1) == "--far";
+        const std::string next = word(command + 1);
         if (next != "--" && next != "-h" && next != "--help")
             result.insert(result.begin() + static_cast<ptrdiff_t>(command) + 1, "--");
     }

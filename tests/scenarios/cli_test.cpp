@@ -180,6 +180,7 @@ const BadUse badUses[] = {
     {"FaultName", {"fault", "rust"}, "no fault: \"rust\""},
     {"FaultState", {"fault", "led-missing", "maybe"}, "on or off, not \"maybe\""},
     {"ExecNothing", {"exec"}, "COMMAND is required"},
+    {"ExecFar", {"exec", "--far"}, "COMMAND is required"},
     {"ProviderPrefix", {"provider", "start", "2001:db8::1/64"}, "no prefix: \"2001:db8::1/64\""},
     {"ProviderLength", {"provider", "renumber", "2001:db8::/129"}, "no prefix"},
     {"ProviderLink", {"provider", "start", "--on", "br0"}, "--on"},
