@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -123,6 +125,12 @@ std::vector<std::string> arguments(int argc, char **argv)
 // NOLINTNEXTLINE(bugprone-exception-escape): the set-up does not depend on what is typed
 int main(int argc, char **argv)
 {
+    // Where standard descriptors are closed, what is opened next must not take their place.
+    int spare;
+    while ((spare = open("/dev/null", O_RDONLY)) >= 0 && spare <= STDERR_FILENO)
+        ;
+    close(spare);
+
     kelo::Cli cli;
     cli.app.require_subcommand(1);
     cli.app.fallthrough();

@@ -417,6 +417,15 @@ protected:
     }
 };
 
+TEST_F(OnBoard, ComesUpWithClosedDescriptors)
+{
+    succeeds({"down"});
+    const Outcome outcome =
+        runCommand({"sh", "-c", KELO_BOARD_PROGRAM " up --detach " + name + " <&- >&- 2>&-"});
+    EXPECT_EQ(0, outcome.status);
+    succeeds({"expect", "leds", "110000"});
+}
+
 TEST_F(OnBoard, AnEarlierBoardKeepsItsName)
 {
     const Outcome outcome = kb({"up", name});
