@@ -149,7 +149,7 @@ jobs is `event_floor.cpp`, that of the messages `floor.cpp`.
         lines.append((job, number(instructions["daemon"][job]), number(floor[job]),
                       ratio(instructions["daemon"][job], floor[job])))
     parts += [table(("job", "daemon", "floor", "ratio"), lines), """
-The daemon clears what the last message left in its receive buffer. A record of its log takes three
+The daemon clears its whole receive buffer for every message. A record of its log takes three
 formatting calls, and its address is written out twice, once for the log and once for the hook; one of
 each is enough for the floor. The button's value is read by `fscanf`, a stream and
 a number parser for one digit; the floor reads into a buffer. Heap calls of a new address: """ + (

@@ -352,12 +352,7 @@ bool handleMessage(const nlmsghdr *message)
 
 void ipinfo_netlink_recv(int fd, short, void *)
 {
-    // All zeros at every receive. Clearing what the last one filled does that, and the pages that
-    // no datagram reaches never become the daemon's own.
-    alignas(nlmsghdr) static unsigned char datagram[DATAGRAM_MAX + DATAGRAM_SLACK];
-    static size_t filled;
-    memset(datagram, 0, filled);
-    filled = 0;
+    alignas(nlmsghdr) unsigned char datagram[DATAGRAM_MAX + DATAGRAM_SLACK] = {};
     iovec vector = {datagram, DATAGRAM_MAX};
     socklen_t nameLength = 0;
     sockaddr name = {}; // 16 bytes, more than the sender's sockaddr_nl needs
@@ -381,7 +376,6 @@ void ipinfo_netlink_recv(int fd, short, void *)
         KELO_LOG("Failed to receive netlink msg (%d)", received);
         return;
     }
-    filled = static_cast<size_t>(received);
     if (header.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) {
         KELO_LOG("Netlink msg_trunc (%d)", header.msg_flags);
         return;
