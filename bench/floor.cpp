@@ -130,7 +130,7 @@ void removeLink(const ifinfomsg &header)
 
 [[gnu::noinline]] void receive(int fd)
 {
-    alignas(nlmsghdr) static char bytes[16400];
+    alignas(nlmsghdr) char bytes[16400] = {}; // cleared each time, as documented
     sockaddr_nl name = {};
     socklen_t nameLength = 0;
     if (getsockname(fd, reinterpret_cast<sockaddr *>(&name), &nameLength) == -1)

@@ -205,7 +205,7 @@ void openDisplayModeFifo()
         close(fifoFd);
     fifoFd = open(fifoPath, O_RDONLY | O_NONBLOCK);
     if (fifoFd == -1) {
-        KELO_LOG("Failed to open socket \"%s\"\n", fifoPath);
+        KELO_LOG("Failed to open socket \"%s\"\n", fifoPath); // deliberately "socket"
         return;
     }
     event_set(&fifoEvent, fifoFd, EV_READ | EV_PERSIST, readDisplayMode, &fifoEvent);

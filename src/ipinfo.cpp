@@ -256,6 +256,7 @@ void ipinfo_netlink_dellink(const nlmsghdr *message)
     KELO_LOG("Removed interface %s(%d)", interfaceName(ifindex).name, ifindex);
     while (const ipaddr_entry *const entry = firstOf(ipList.lh_first, ifindex))
         ipaddr_remove(entry->ifindex, entry->family, entry->addr, entry->prefixlen);
+    // A default route is deliberately logged like any other here, by its record's zero destination.
     while (const route_entry *const entry = firstOf(routeList.lh_first, ifindex))
         route_remove(entry->ifindex, entry->family, entry->dst, entry->dst_len, entry->gw);
 }
@@ -427,6 +428,6 @@ int ipinfo_register_netlink()
 
 void ipinfo_register()
 {
-    ipinfo_register_netlink();
+    ipinfo_register_netlink(); // nothing arrives before the loop runs
     ipinfo_init();
 }

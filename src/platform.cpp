@@ -95,6 +95,7 @@ void platform_ipinfo_ip(uint8_t add, const char *ifname, uint8_t family, const v
     const bool lan = strcmp(ifname, "br0") == 0;
     if (!lan && !isWan(ifname))
         return;
+    // The last call wins, deliberately: a removal empties the entry though others may stay.
     setText(lan ? "lanAddress" : "wanAddress", add ? addrstr : "");
     ignoreResult(
         tcapiSetUint32(statusNode, lan ? "lanAddressLen" : "wanAddressLen", add ? prefixlen : 0));

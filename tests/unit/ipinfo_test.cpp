@@ -148,6 +148,15 @@ TEST_F(Tracker, ActsOnNothingBehindTheReceivedLength)
     EXPECT_EQ(wake(), added(hostA));
 }
 
+TEST_F(Tracker, ReceivesIntoZerosWhateverTheLastDatagramLeft)
+{
+    const std::vector<unsigned char> all(fakes::datagramRoom, 0xff);
+    netlink().receptions.push_back({newAddress(hostA), 0, 0, all});
+    netlink().receptions.push_back({newAddress(hostB), 0, 0, all});
+    EXPECT_EQ(wake(), added(hostA));
+    EXPECT_EQ(wake(), added(hostB));
+}
+
 TEST_F(Tracker, CompletesNoMessageFromBehindTheReceivedLength)
 {
     const Bytes second = newAddress(hostB);
