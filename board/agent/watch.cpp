@@ -5,12 +5,10 @@
 
 #include <event2/event.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <iterator>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -139,6 +137,9 @@ bool watch_allows(const char *verb)
 {
     constexpr const char *verbs[] = {"clock", "alive", "look", "daemon",
                                      "read",  "list",  "stat", "link"};
-    return std::any_of(std::begin(verbs), std::end(verbs),
-                       [&](const char *allowed) { return strcmp(verb, allowed) == 0; });
+    for (const char *const allowed : verbs) {
+        if (strcmp(verb, allowed) == 0)
+            return true;
+    }
+    return false;
 }

@@ -212,7 +212,7 @@ TEST_F(Tracker, TakesOnlyMinus1AsFailureOfGetsockname)
 TEST_F(Tracker, LogsAFailedReceptionWithItsResult)
 {
     for (const int error : {EAGAIN, ENOBUFS, EINTR}) {
-        netlink().receptions.push_back({newAddress(hostA), 0, error});
+        netlink().receptions.push_back({newAddress(hostA), MSG_TRUNC, error});
         EXPECT_EQ(wake(),
                   Lines{logged("ipinfo_netlink_recv", "Failed to receive netlink msg (-1)")});
     }
