@@ -47,12 +47,10 @@ std::string usageMessage(const CLI::App *app, const CLI::Error &error)
     }
     std::string text = error.what();
     const bool isGroup = !app->get_subcommands([](const CLI::App *) { return true; }).empty();
-    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError)) {
-        if (!unknown.empty())
-            text = (isGroup ? "unknown command: " : "not expected: ") + unknown.front();
-        else if (isGroup)
-            text = "a command is missing";
-    }
+    if (!unknown.empty())
+        text = (isGroup ? "unknown command: " : "not expected: ") + unknown.front();
+    else if (isGroup && error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError))
+        text = "a command is missing";
     if (text.size() > 1 && islower(text[1]))
         text[0] = static_cast<char>(tolower(text[0]));
     return text.substr(0, text.find('\n')) + " (see " + command + " --help)";

@@ -145,7 +145,7 @@ const BadUse badUses[] = {
     {"NoCommand", {}, "a command is missing (see kelo-board --help)"},
     {"UnknownCommand", {"nonsense"}, "unknown command: nonsense (see kelo-board --help)"},
     {"UnknownOption", {"leds", "--colour"}, "--colour (see kelo-board leds --help)"},
-    {"TooMany", {"leds", "on"}, "not expected: on (see kelo-board leds --help)"},
+    {"TooMany", {"leds", "on", "off"}, "kelo-board: not expected: on (see kelo-board leds --help)"},
     {"BoardMissing", {"-b"}, "--board"},
     {"BoardName", {"-b", "a/b", "leds"}, "no usable board name: \"a/b\""},
     {"BoardNameLong", {"up", std::string(200, 'a')}, "no usable board name"},
