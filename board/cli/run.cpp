@@ -79,11 +79,13 @@ bool takeOutput(int descriptor, bool show, Outcome &outcome)
 
 /// Runs a script, given as $0, in bash, which can trace the commands without anything in the script
 /// taking notice, into the file $1; elsewhere in any shell, untraced.
-constexpr char launcher[] = "[ -n \"$(command -v bash)\" ] || exec sh -eu \"$0\"\n"
-                            "exec bash --posix -c 'exec {BASH_XTRACEFD}> \"$1\"; shift\n"
-                            "PS4=\"\1\\$LINENO: \"; set -eux; . \"$0\"' \"$0\" \"$1\"";
+constexpr char launcher[] =
+    "[ -n \"$(command -v bash)\" ] || exec sh -eu \"$0\"\n"
+    "exec bash --posix -c 'exec {BASH_XTRACEFD}> \"$1\"; shift\n"
+    "PS4=\"\1\\${BASH_SOURCE:+line \\$LINENO: }\"; set -eux; . \"$0\"' \"$0\" \"$1\"";
 
-/// Keeps the last entry of a trace: the number of a line and its command.
+/// Keeps the last entry of a trace: the number of a line and its command; before there is one, what
+/// this program had bash do.
 void takeTrace(int descriptor, std::string &trace)
 {
     readMore(descriptor, trace);
@@ -167,7 +169,7 @@ void runScript(const std::string &file, const std::string &board, Host &host, in
         host.board().mark(); // there may be more to come
     take();
     std::erase(last, '\n');
-    const std::string place = last.empty() ? "" : "; last command, line " + last;
+    const std::string place = last.starts_with("line ") ? "; last command, " + last : "";
     if (interrupted)
         outcome.failure = "interrupted" + place;
     else if (late)

@@ -1178,6 +1178,14 @@ TEST_F(Run, NamesTheLineInAFunctionAndTracesNothingElse)
     EXPECT_EQ("      arguments: 0", lines[1]);
 }
 
+TEST_F(Run, LeavesTheLineOfASyntaxErrorToTheShell)
+{
+    const Outcome outcome = kb({"run", file("open", "if true; then\nkelo-board leds\n")});
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_TRUE(has(outcome.out, "): exit status 2\n")) << outcome.out;
+    EXPECT_TRUE(has(outcome.out, "line 3: syntax error")) << outcome.out;
+}
+
 TEST_F(Run, GetsByWithoutBash)
 {
     const std::filesystem::path tools = folder / "tools";
