@@ -187,6 +187,7 @@ Descriptor startApart(const std::string &name, const DaemonArguments &daemonArgu
                 const Descriptor nothing(open("/dev/null", O_RDWR | O_CLOEXEC));
                 for (int fd = 0; fd <= 2; fd++)
                     dup2(nothing.get(), fd);
+                std::filesystem::current_path("/"); // keep no other file system busy
                 tell("ok");
             });
         _exit(0);

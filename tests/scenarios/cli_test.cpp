@@ -485,6 +485,7 @@ TEST_F(OnBoard, ADetachedBoardThatIsKilledLeavesNothing)
     const std::string link = kb({"-b", detached, "exec", "readlink", "/proc/self/ns/net"}).out;
     const pid_t pid = host(detached);
     ASSERT_GT(pid, 0);
+    EXPECT_EQ("/", std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/cwd"));
     kill(pid, SIGKILL);
     EXPECT_TRUE(within(20s, [&] { return !namespaceLives(link.substr(0, link.size() - 1)); }));
     EXPECT_TRUE(isGone(detached));
