@@ -37,7 +37,7 @@ void addExec(Cli &cli)
                 [&cli, command] { cli.status = runInside(cli.running(), *command); });
     exec->add_option("COMMAND", command->words, "Command and its arguments")->required();
     exec->add_flag("--far", command->far, farEnd);
-    exec->footer("For example: kelo-board exec ping -c 1 fe80::1%br0");
+    exec->footer("For example: kelo-board exec cat /proc/net/if_inet6");
 
     CLI::App *const ip =
         cli.add(hardwareGroup, "ip", "Run ip(8) in the board's network", [&cli, command] {
