@@ -65,6 +65,7 @@ Host::~Host()
     for (const Answered &answered : awaitEnd_)
         answered(done);
     for (const ClientPointer &client : clients_) {
+        client->watches = false; // there is nothing more to send from
         if (down_)
             client->stream->send("event " + toText(Clock::now()) + " down \n");
     }

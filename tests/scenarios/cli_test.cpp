@@ -464,6 +464,18 @@ TEST_F(OnBoard, SeveralBoardsAreDrivenByName)
     succeeds({"leds"});
 }
 
+TEST_F(OnBoard, DownEndsAllWhoFollow)
+{
+    std::vector<pid_t> followers;
+    for (int i = 0; i < 3; i++)
+        followers.push_back(
+            kelo::spawnApart({KELO_BOARD_PROGRAM, "-b", name, "record", "--for", "60", "-"}, {}));
+    succeeds({"wait", "1"});
+    EXPECT_EQ(0, kb({"down", name}).status);
+    for (const pid_t follower : followers)
+        EXPECT_EQ(0, kelo::waitFor(follower));
+}
+
 TEST_F(OnBoard, DownLeavesNothing)
 {
     const std::string network = on({"exec", "readlink", "/proc/self/ns/net"}).out;
