@@ -41,14 +41,11 @@ bool isPolling(const Event &event)
 } // namespace
 
 Host::Host(const std::string &name, const Options &options)
-    : socket_(listenAs(name)), accepting_(base(), socket_.get(), [this] { accept(); })
+    : isGivenUp_([this, options] { return down_ || options.givenUp(); }), socket_(listenAs(name)),
+      accepting_(base(), socket_.get(), [this] { accept(); })
 {
     board_ = std::make_unique<Board>(
-        Board::Options{options.form,
-                       {},
-                       options.keptMegabytes << 20,
-                       [this, options] { return down_ || options.givenUp(); }},
-        loop_);
+        Board::Options{options.form, {}, options.keptMegabytes << 20, isGivenUp_}, loop_);
     board_->whenRecorded([this] {
         lookWhetherStarted();
         feedAll();
@@ -77,14 +74,16 @@ Host::~Host()
         loop_->turn(end);
 }
 
-void Host::startDaemon(const std::vector<std::string> &arguments, int speed)
+void Host::startDaemon(const std::vector<std::string> &arguments)
 {
-    std::optional<Answer> answer;
-    start(arguments, speed, [&](const Answer &got) { answer = got; });
-    while (!answer)
-        turn(startDeadline);
-    if (!answer->ok())
-        throw std::runtime_error(answer->error);
+    const auto answer = std::make_shared<std::optional<Answer>>();
+    start(arguments, 1, [answer](const Answer &got) { *answer = got; });
+    while (!*answer && !isGivenUp_())
+        turn(std::chrono::milliseconds(100));
+    if (!*answer)
+        throw std::runtime_error("the board ended");
+    if (!(*answer)->ok())
+        throw std::runtime_error((*answer)->error);
 }
 
 void Host::press(Clock::duration time, const Answered &answered)

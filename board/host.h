@@ -18,7 +18,7 @@ public:
     struct Options {
         size_t keptMegabytes = KEPT_MEGABYTES;
         std::string form{};                                   ///< see form.h
-        std::function<bool()> givenUp = [] { return false; }; ///< ends the wait for the board
+        std::function<bool()> givenUp = [] { return false; }; ///< ends the wait for the start
     };
 
     /// Throws std::runtime_error when a board of this name runs already, or as Board does.
@@ -36,9 +36,9 @@ public:
     /// Answers for the board until something has happened, for some time at the most.
     void turn(Clock::duration time) const { loop_->turn(Clock::now() + time); }
 
-    /// Starts the daemon, whose clock runs at a multiple of the real one, and waits until its event
-    /// loop runs. Throws std::runtime_error that says why it does not.
-    void startDaemon(const std::vector<std::string> &arguments, int speed = 1);
+    /// Starts the daemon and waits until its event loop runs. Throws std::runtime_error that says
+    /// why it does not.
+    void startDaemon(const std::vector<std::string> &arguments);
 
     /// Whether somebody asked for the board's end.
     bool wantsDown() const { return down_; }
@@ -73,6 +73,7 @@ private:
 
     const Clock::time_point startTime_ = Clock::now();
     const Link::LoopPointer loop_ = std::make_shared<const Loop>();
+    const std::function<bool()> isGivenUp_;
     Descriptor socket_;
     std::list<ClientPointer> clients_;
     std::list<ClientPointer> gone_;

@@ -222,7 +222,10 @@ void endBoard(const std::string &name)
 
 std::map<std::string, std::string> stateOf(const std::string &board)
 {
-    return toState(request(board, {"state"}, requestLimit));
+    auto state = toState(request(board, {"state"}, requestLimit));
+    if (state.contains("starting"))
+        throw std::runtime_error("the board is only starting");
+    return state;
 }
 
 std::map<std::string, std::string> toState(const Words &answer)

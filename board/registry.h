@@ -105,7 +105,7 @@ bool isRunning(const std::string &name);
 /// What a board has one of: "leds", "mode", "button", "laser", "gpon", "daemon" (its process, 0
 /// while none runs), "process" (its state as in /proc), "pid" (of the program that runs the board),
 /// "start", "mark" and "since", from when on the record is kept, and "accepted", of the last
-/// request of that name (times). A board that comes up has "starting" instead.
+/// request of that name (times). Throws std::runtime_error while the board comes up.
 std::map<std::string, std::string> stateOf(const std::string &board);
 
 /// The same from the words of its answer.

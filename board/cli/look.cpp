@@ -66,6 +66,8 @@ void print(const nlohmann::ordered_json &texts, bool json, int width)
 void leds(const Cli &cli)
 {
     const std::string flags = stateOf(cli.board)["leds"];
+    if (flags.empty())
+        throw Failure("nothing has set the LEDs yet");
     if (!cli.json) {
         puts(flags.c_str());
         return;

@@ -417,6 +417,26 @@ protected:
     }
 };
 
+TEST_F(OnBoard, CanBeEndedAsItStarts)
+{
+    const std::string other = name + "-other";
+    const std::string idle = "/tmp/" + name + "-idle";
+    std::ofstream(idle) << "#!/bin/sh\nsleep 100\n";
+    std::filesystem::permissions(idle, std::filesystem::perms::owner_all);
+    for (const auto &[option, value, message] :
+         {std::tuple("--on", "ssh:nowhere", "the board is only starting"),
+          std::tuple("--daemon", idle.c_str(), "nothing has set the LEDs yet")}) {
+        const pid_t up = kelo::spawnApart(
+            {"env", "KELO_SSH=" + idle, KELO_BOARD_PROGRAM, "up", option, value, other}, {});
+        EXPECT_TRUE(within(10s, [&, text = message] {
+            return has(kb({"-b", other, "leds"}).err, text);
+        })) << message;
+        EXPECT_EQ(0, kb({"down", other}).status);
+        EXPECT_EQ(1, kelo::waitFor(up));
+    }
+    std::filesystem::remove(idle);
+}
+
 TEST_F(OnBoard, ComesUpWithClosedDescriptors)
 {
     succeeds({"down"});
