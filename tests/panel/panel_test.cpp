@@ -49,7 +49,7 @@ protected:
 
     kelo::Result command(std::vector<std::string> arguments)
     {
-        arguments.insert(arguments.begin(), {"timeout", "20", boardProgram(), "-b", board});
+        arguments.insert(arguments.begin(), {"timeout", "-k1", "20", boardProgram(), "-b", board});
         return kelo::run(arguments);
     }
 

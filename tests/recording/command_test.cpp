@@ -32,7 +32,8 @@ protected:
     kelo::Result kb(std::vector<std::string> arguments) const
     {
         const char *const limit = HasFailure() ? "2" : "20";
-        arguments.insert(arguments.begin(), {"timeout", limit, KELO_BOARD_PROGRAM, "-b", board});
+        arguments.insert(arguments.begin(),
+                         {"timeout", "-k1", limit, KELO_BOARD_PROGRAM, "-b", board});
         return kelo::run(arguments);
     }
     void done(const std::vector<std::string> &arguments) const
@@ -108,8 +109,9 @@ TEST_F(RecordCommand, KeepsWhatItHasWhenItIsCutOff)
     done({"mode", "reboot"});
     done({"expect", "mode", "reboot"});
     for (const bool byBoard : {false, true}) {
-        const pid_t recorder = kelo::spawn(
-            {KELO_BOARD_PROGRAM, "-b", board, "record", "--for", "1000s", file("a.vcd")}, {});
+        const pid_t recorder = kelo::spawn({"timeout", "-k9", "60", KELO_BOARD_PROGRAM, "-b", board,
+                                            "record", "--for", "1000s", file("a.vcd")},
+                                           {});
         done({"wait", "1s"});
         done({"mode", byBoard ? "restore" : "errora12"});
         done({"expect", "mode", byBoard ? "restore" : "errora12"});

@@ -46,7 +46,7 @@ Outcome runCommand(const Words &command)
 
 Outcome kb(Words arguments)
 {
-    arguments.insert(arguments.begin(), {"timeout", "30", KELO_BOARD_PROGRAM});
+    arguments.insert(arguments.begin(), {"timeout", "-k1", "30", KELO_BOARD_PROGRAM});
     return runCommand(arguments);
 }
 
