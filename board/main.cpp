@@ -83,7 +83,7 @@ private:
 };
 
 /// Lets the help speak of what a person types instead of its type.
-void polish(CLI::App &app) // NOLINT(misc-no-recursion): as deep as commands are in commands
+void polish(CLI::App &app)
 {
     app.formatter(std::make_shared<Help>());
     app.get_formatter()->column_width(22);
