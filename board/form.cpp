@@ -344,9 +344,13 @@ std::vector<std::unique_ptr<Form>> Form::named(const std::string &name)
     // A path names a root file system; a name, that of a build.
     std::string rootfs = form;
     if (form.find('/') == std::string::npos) {
-        const std::string daemon = std::string("rootfs") + device::daemonPath;
-        const std::string file = builtFile(form == "host" ? daemon : form + "/" + daemon);
-        rootfs = file.substr(0, file.size() - strlen(device::daemonPath));
+        const std::string folder = form == "host" ? "rootfs" : form + "/rootfs";
+        try {
+            const std::string file = builtFile(folder + device::daemonPath);
+            rootfs = file.substr(0, file.size() - strlen(device::daemonPath));
+        } catch (const std::runtime_error &) {
+            throw std::runtime_error("no board of the form \"" + form + "\" is built here");
+        }
     } else if (!fs::exists(rootfs + device::daemonPath)) {
         throw std::runtime_error("no board to start in " + rootfs + ": build it first");
     }

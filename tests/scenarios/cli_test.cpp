@@ -269,6 +269,13 @@ std::vector<Words> everyCommand()
     return commands;
 }
 
+TEST(Up, NamesAFormThatIsNotBuilt)
+{
+    const Outcome outcome = kb({"up", "--detach", "--on", "vax", uniqueName()});
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_EQ("kelo-board: no board of the form \"vax\" is built here\n", outcome.err);
+}
+
 TEST(Help, TellsOfEveryCommandWithinEightyColumns)
 {
     std::vector<Words> commands = everyCommand();
