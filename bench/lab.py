@@ -99,7 +99,7 @@ class Program:
 
     def end(self, how=signal.SIGTERM):
         """Ends it; returns the CPU seconds of itself and of its children that it waited for."""
-        self.process.send_signal(how)
+        os.kill(self.pid, how)  # not by Popen, which would reap one that has just ended
         _, status, usage = os.wait4(self.pid, 0)
         self.process.returncode = status
         if self.output:
