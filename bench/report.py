@@ -114,7 +114,7 @@ display is in the signal mode, with a signal and the link up.
 
 The daemon is measured beside minimal rewrites, called its floors and kept in `bench/`: `floor.cpp`
 does the same with raw calls on epoll, `event_floor.cpp` has the same timers on libevent, and
-`empty.cpp` is a libevent program that only waits.
+`empty.cpp` is a libevent program that only waits, with a receive buffer as large.
 
 """ + conditions() + """
 
@@ -151,7 +151,7 @@ jobs is `event_floor.cpp`, that of the messages `floor.cpp`.
         lines.append((job, number(instructions["daemon"][job]), number(floor[job]),
                       ratio(instructions["daemon"][job], floor[job])))
     parts += [table(("job", "daemon", "floor", "ratio"), lines), """
-The daemon clears its whole receive buffer for every message. A record of its log takes three
+Both clear their whole receive buffer for every message. A record of the daemon's log takes three
 formatting calls, and its address is written out twice, once for the log and once for the hook; one of
 each is enough for the floor. The button's value is read by `fscanf`, a stream and
 a number parser for one digit; the floor reads into a buffer. Heap calls of a new address: """ + (
