@@ -353,24 +353,28 @@ bool handleMessage(const nlmsghdr *message)
 
 void ipinfo_netlink_recv(int fd, short, void *)
 {
-    alignas(nlmsghdr) unsigned char datagram[DATAGRAM_MAX + DATAGRAM_SLACK] = {};
-    iovec vector = {datagram, DATAGRAM_MAX};
-    socklen_t nameLength = 0;
-    sockaddr name = {}; // 16 bytes, more than the sender's sockaddr_nl needs
+    struct {
+        msghdr header;
+        iovec vector;
+        socklen_t nameLength;
+        sockaddr name; // 16 bytes, more than the sender's sockaddr_nl needs
+        alignas(nlmsghdr) unsigned char datagram[DATAGRAM_MAX + DATAGRAM_SLACK];
+    } area = {};
+    area.vector = {area.datagram, DATAGRAM_MAX};
     // Descriptor 0 counts as invalid too, deliberately.
     if (fd <= 0) {
         KELO_LOG("Invalid netlink fd");
         return;
     }
     // Only asks whether this is a socket: with no room for it, no address is stored.
-    if (getsockname(fd, &name, &nameLength) == -1) {
+    if (getsockname(fd, &area.name, &area.nameLength) == -1) {
         KELO_LOG("Failed to get netlink addr");
         return;
     }
-    msghdr header = {};
-    header.msg_name = &name;
-    header.msg_namelen = sizeof name;
-    header.msg_iov = &vector;
+    msghdr &header = area.header;
+    header.msg_name = &area.name;
+    header.msg_namelen = sizeof area.name;
+    header.msg_iov = &area.vector;
     header.msg_iovlen = 1;
     const auto received = static_cast<int>(recvmsg(fd, &header, 0));
     if (received <= 0) {
@@ -382,7 +386,7 @@ void ipinfo_netlink_recv(int fd, short, void *)
         return;
     }
     int left = received;
-    const void *position = datagram;
+    const void *position = area.datagram;
     while (left >= static_cast<int>(sizeof(nlmsghdr))) {
         const auto *const message = static_cast<const nlmsghdr *>(position);
         if (message->nlmsg_len < sizeof(nlmsghdr) ||
